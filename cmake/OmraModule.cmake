@@ -1,0 +1,32 @@
+# Every source folder is one static library made of the .cc files it holds, so that a new file
+# needs no edit here. Test folders become one GoogleTest executable each.
+include_guard(GLOBAL)
+
+function(omra_library name dir)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB _srcs CONFIGURE_DEPENDS "${dir}/*.cc")
+  if(NOT _srcs)
+    add_library(${name} INTERFACE)
+    target_link_libraries(${name} INTERFACE ${ARG_DEPS} omra_build_flags)
+    target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR})
+    return()
+  endif()
+  add_library(${name} STATIC ${_srcs})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS} omra_build_flags)
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+endfunction()
+
+function(omra_test name dir)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB _srcs CONFIGURE_DEPENDS "${dir}/*_test.cc")
+  if(NOT _srcs)
+    return()
+  endif()
+  file(GLOB _helpers CONFIGURE_DEPENDS "${dir}/*_testutil.cc")
+  add_executable(${name} ${_srcs} ${_helpers})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE
+    OMRA_SOURCE_DIR="${PROJECT_SOURCE_DIR}" OMRA_BINARY_DIR="${PROJECT_BINARY_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()

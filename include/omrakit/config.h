@@ -1,0 +1,44 @@
+// The kit's deployment configuration: where the back end and the stores are, and facts a phone
+// platform would supply. Loaded once (see loadConfig) from an optional file and OMRA_* environment
+// variables; the defaults run locally with no account.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace omra {
+
+struct EndpointHosts {
+  // Scheme and host (and port) of each gateway, e.g. "https://maps.example.com" or
+  // "http://127.0.0.1:8080". The stage ("/beta", "/prod") and paths are fixed by the kit.
+  std::string mapsBeta = "http://127.0.0.1:8080";
+  std::string mapsProd = "http://127.0.0.1:8080";
+  std::string imageMatcherBeta = "http://127.0.0.1:8080";
+  std::string imageMatcherProd = "http://127.0.0.1:8080";
+  std::string linearOptimizerBeta = "http://127.0.0.1:8080";
+  std::string linearOptimizerProd = "http://127.0.0.1:8080";
+};
+
+struct AwsSettings {
+  std::string region = "us-east-1";
+  std::string accessKeyId;
+  std::string secretAccessKey;
+  std::string sessionToken;  // optional
+};
+
+struct Config {
+  EndpointHosts endpoints;
+  // "sqlite:PATH", "dynamodb:URL" (e.g. dynamodb:http://127.0.0.1:4567) or "memory".
+  std::string recordStore = "sqlite:omra-records.db";
+  // "file:PATH" (JSON lines), "stdout", "cloudwatch" (optionally "cloudwatch:URL"), or "none".
+  std::string metricsSink = "file:omra-metrics.jsonl";
+  AwsSettings aws;
+  std::string modelPath;  // detector model file (ONNX or TensorFlow .pb); empty: no detector
+  std::optional<std::string> bundleIdentifier;
+  std::optional<std::vector<std::string>> supportedOrientations;
+  std::optional<double> longitude, latitude, altitude, horizontalAccuracy, verticalAccuracy;
+  double httpIdleTimeoutSeconds = 60;
+};
+
+}  // namespace omra

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages the build, the tests and the demo need, only those missing.
+# Not root: prints the exact command instead of running it.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config git
+  libcurl4-openssl-dev libssl-dev zlib1g-dev nlohmann-json3-dev libsqlite3-dev libasio-dev
+  libopencv-dev libcpp-httplib-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libdeflate-dev python3 python3-onnx python3-numpy nodejs npm wrk
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    # node and npm may come from elsewhere (nodesource); a working binary is enough.
+    case "$p" in
+      nodejs) command -v node >/dev/null && continue ;;
+      npm) command -v npm >/dev/null && continue ;;
+    esac
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+cmd="apt-get install -y --no-install-recommends ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+  echo "Missing packages. Run as root:" >&2
+  echo "  apt-get update && $cmd" >&2
+  exit 1
+fi
+echo "Installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+# shellcheck disable=SC2086
+$cmd -qq
