@@ -7,6 +7,7 @@ BUILD_DIR = $(if $(filter default,$(PRESET)),build,build-$(PRESET))
 
 deps:
 	@scripts/install-deps.sh
+	@scripts/npm-peers.sh >/dev/null
 
 configure: deps
 	@cmake --preset $(PRESET) >/dev/null
