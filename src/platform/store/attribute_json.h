@@ -1,0 +1,20 @@
+// Items in DynamoDB's JSON form ({"S": ...}, {"N": ...}, {"B": base64}, {"M": {...}}): the wire
+// form of the DynamoDB store and the stored form of the SQLite store. Plain functions; thread-safe.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "omrakit/platform/http_client.h"
+#include "omrakit/platform/record_store.h"
+
+namespace omra {
+
+Json attributeToJson(const AttributeValue& value);
+Json itemToJson(const Item& item);
+// Absent when json is not an attribute value of the four kinds the kit uses; *error says why.
+std::optional<AttributeValue> attributeFromJson(const Json& json, std::string* error = nullptr);
+// Absent when json is not an object of such values.
+std::optional<Item> itemFromJson(const Json& json, std::string* error = nullptr);
+
+}  // namespace omra

@@ -1,0 +1,234 @@
+#include "src/platform/curl_http_client.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "src/platform/asio_dispatcher.h"
+#include "src/platform/json_body.h"
+#include "src/platform/manual_main_queue.h"
+#include "tests/platform/loopback_server_testutil.h"
+
+namespace omra {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Completions land on a ManualMainQueue pumped by the test thread, so each test can also check
+// that they arrive on the main queue and exactly once.
+class CurlHttpClientTest : public ::testing::Test {
+ protected:
+  CurlHttpClientTest() { dispatcher_.installMainQueue(main_); }
+
+  HttpResponse await(CurlHttpClient& client, HttpRequest request) {
+    std::optional<HttpResponse> got;
+    int calls = 0;
+    client.send(std::move(request), [&](HttpResponse r) {
+      EXPECT_TRUE(main_->isCurrent());
+      ++calls;
+      got = std::move(r);
+    });
+    EXPECT_TRUE(main_->runUntil([&] { return calls > 0; }, 10s));
+    main_->runUntil([] { return false; }, 20ms);  // a second completion would show here
+    EXPECT_EQ(calls, 1);
+    return got.value_or(HttpResponse{});
+  }
+
+  AsioDispatcher dispatcher_;
+  std::shared_ptr<ManualMainQueue> main_ = std::make_shared<ManualMainQueue>();
+  testing::LoopbackServer server_;
+};
+
+TEST_F(CurlHttpClientTest, PostsJsonAndGets) {
+  std::mutex m;
+  std::string seenBody, seenType, seenMethod;
+  server_.server().Post("/create_map", [&](const httplib::Request& req, httplib::Response& res) {
+    std::lock_guard<std::mutex> lock(m);
+    seenBody = req.body;
+    seenType = req.get_header_value("Content-Type");
+    res.set_content(R"([{"map_id":"m1"}])", "application/json");
+  });
+  server_.server().Get("/list", [&](const httplib::Request& req, httplib::Response& res) {
+    std::lock_guard<std::mutex> lock(m);
+    seenMethod = req.method + " " + req.get_param_value("lat");
+    res.set_content(R"({"maps":[1,2]})", "application/json");
+  });
+  const std::string base = server_.start();
+  CurlHttpClient client(dispatcher_);
+
+  Json body;
+  body["z_key"] = 1;
+  body["a_key"] = "x";
+  std::optional<HttpResponse> post;
+  client.postJson(base + "/create_map", body, [&](HttpResponse r) { post = std::move(r); });
+  ASSERT_TRUE(main_->runUntil([&] { return post.has_value(); }, 10s));
+  EXPECT_EQ(post->status, 200);
+  EXPECT_TRUE(post->transportError.empty());
+  ASSERT_TRUE(post->json.has_value());
+  EXPECT_EQ((*post->json)[0]["map_id"], "m1");
+
+  std::optional<HttpResponse> get;
+  client.get(base + "/list?lat=1.5", [&](HttpResponse r) { get = std::move(r); });
+  ASSERT_TRUE(main_->runUntil([&] { return get.has_value(); }, 10s));
+  EXPECT_EQ(get->status, 200);
+  EXPECT_EQ(get->json->at("maps").size(), 2u);
+
+  std::lock_guard<std::mutex> lock(m);
+  EXPECT_EQ(seenBody, R"({"z_key":1,"a_key":"x"})");  // key order kept
+  EXPECT_EQ(seenType, "application/json");
+  EXPECT_EQ(seenMethod, "GET 1.5");
+}
+
+TEST_F(CurlHttpClientTest, BodiesThatAreNotJson) {
+  struct Case {
+    const char* name;
+    int status;
+    std::string body;
+    bool json;
+  };
+  const std::vector<Case> cases = {
+      {"html", 200, "<html><body>Bad gateway</body></html>", false},
+      {"empty", 200, "", false},
+      {"truncated", 200, R"({"maps":[{"map_id":"m)", false},
+      {"error_json", 500, R"({"error":"boom"})", true},
+      {"deep", 200, std::string(100000, '[') + std::string(100000, ']'), false},
+      {"null", 200, "null", true},
+  };
+  for (const auto& c : cases) {
+    server_.server().Get(std::string("/") + c.name,
+                         [&c](const httplib::Request&, httplib::Response& res) {
+                           res.status = c.status;
+                           res.set_content(c.body, "application/json");
+                         });
+  }
+  const std::string base = server_.start();
+  CurlHttpClient client(dispatcher_);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpRequest req;
+    req.url = base + "/" + c.name;
+    HttpResponse r = await(client, req);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.body, c.body);
+    EXPECT_EQ(r.json.has_value(), c.json);
+  }
+}
+
+TEST_F(CurlHttpClientTest, TransportFailures) {
+  // A port that was bound and released: nothing listens there.
+  const int deadPort = testing::unusedLoopbackPort();
+  server_.server().Get("/stall", [](const httplib::Request&, httplib::Response& res) {
+    std::this_thread::sleep_for(2500ms);
+    res.set_content("late", "text/plain");
+  });
+  server_.server().Get("/big", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(std::string(4096, 'x'), "text/plain");
+  });
+  const std::string base = server_.start();
+  CurlHttpClient client(dispatcher_,
+                        CurlHttpOptions{.idleTimeoutSeconds = 1, .maxResponseBytes = 1024});
+
+  HttpRequest refused;
+  refused.url = "http://127.0.0.1:" + std::to_string(deadPort) + "/x";
+  HttpResponse r = await(client, refused);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.transportError.find("onnect"), std::string::npos) << r.transportError;
+
+  HttpRequest stall;
+  stall.url = base + "/stall";
+  auto start = std::chrono::steady_clock::now();
+  r = await(client, stall);
+  auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(r.status, 0);
+  EXPECT_FALSE(r.transportError.empty());
+  EXPECT_GE(took, 900ms);
+  EXPECT_LT(took, 2400ms);  // failed by the idle limit, not by the server's late answer
+
+  HttpRequest big;
+  big.url = base + "/big";
+  r = await(client, big);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.transportError.find("larger"), std::string::npos) << r.transportError;
+
+  HttpRequest badScheme;
+  badScheme.url = "file:///etc/passwd";
+  r = await(client, badScheme);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.body.empty());
+}
+
+TEST_F(CurlHttpClientTest, ManyConcurrentRequestsEachCompleteOnce) {
+  server_.server().new_task_queue = [] { return new httplib::ThreadPool(8); };
+  // Otherwise each server thread idles on a kept-alive connection curl will not reuse.
+  server_.server().set_keep_alive_max_count(1);
+  server_.server().Post("/echo", [](const httplib::Request& req, httplib::Response& res) {
+    std::this_thread::sleep_for(20ms);
+    res.set_content(req.body, "application/json");
+  });
+  const std::string base = server_.start();
+  CurlHttpClient client(dispatcher_);
+  constexpr int kRequests = 64;
+  std::multiset<int> seen;
+  // Sent from several threads at once.
+  std::vector<std::thread> senders;
+  for (int s = 0; s < 4; ++s) {
+    senders.emplace_back([&, s] {
+      for (int i = s; i < kRequests; i += 4) {
+        client.postJson(base + "/echo", Json{{"i", i}}, [&](HttpResponse r) {
+          EXPECT_TRUE(main_->isCurrent());
+          seen.insert(r.json ? r.json->value("i", -1) : -1);
+        });
+      }
+    });
+  }
+  for (auto& t : senders) t.join();
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(main_->runUntil([&] { return seen.size() >= kRequests; }, 10s));
+  // Run one after another they would take kRequests * 20 ms.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kRequests * 20ms);
+  for (int i = 0; i < kRequests; ++i) EXPECT_EQ(seen.count(i), 1u) << i;
+}
+
+TEST_F(CurlHttpClientTest, DestructionCancelsRequestsInFlight) {
+  std::atomic<bool> release{false};
+  server_.server().Get("/hang", [&](const httplib::Request&, httplib::Response& res) {
+    while (!release) std::this_thread::sleep_for(5ms);
+    res.set_content("{}", "application/json");
+  });
+  const std::string base = server_.start();
+  int calls = 0;
+  std::string error;
+  {
+    CurlHttpClient client(dispatcher_);
+    client.get(base + "/hang", [&](HttpResponse r) {
+      ++calls;
+      error = r.transportError;
+    });
+    std::this_thread::sleep_for(50ms);
+  }
+  release = true;
+  ASSERT_TRUE(main_->runUntil([&] { return calls > 0; }, 5s));
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(error, "cancelled");
+}
+
+TEST(JsonBodyTest, ParsesWithoutThrowing) {
+  EXPECT_EQ(parseJsonBody(R"({"a":[1,2]})")->at("a")[1], 2);
+  EXPECT_FALSE(parseJsonBody("").has_value());
+  EXPECT_FALSE(parseJsonBody("{\"a\":").has_value());
+  EXPECT_FALSE(parseJsonBody("\"\xff\xfe\"").has_value());  // invalid UTF-8
+  EXPECT_FALSE(
+      parseJsonBody(std::string(kMaxJsonDepth + 1, '[') + std::string(kMaxJsonDepth + 1, ']'))
+          .has_value());
+  // Brackets inside strings do not count towards the depth.
+  std::string deepText = "[\"" + std::string(5000, '[') + "\"]";
+  ASSERT_TRUE(parseJsonBody(deepText).has_value());
+  EXPECT_EQ(parseJsonBody(deepText)->at(0).get<std::string>().size(), 5000u);
+}
+
+}  // namespace
+}  // namespace omra
