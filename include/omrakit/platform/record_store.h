@@ -3,9 +3,12 @@
 // implementations.
 //
 // Thread-safe: every method may be called from any thread. save() completes on an unspecified
-// thread (never the caller's stack for the remote stores); get/query/createTable block.
+// thread: the store's own worker for SQLite and DynamoDB (never the caller's stack), the caller's
+// stack for the in-memory store; get/put/query/createTable block. A store that is destroyed with
+// saves pending still completes each of them first.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -46,6 +49,13 @@ struct TableSchema {
 
 // DynamoDB's limit on one item, enforced by every store so that a too-large item is seen locally.
 inline constexpr size_t kMaxItemBytes = 400 * 1024;
+// The error every store gives for an item over kMaxItemBytes (DynamoDB's own wording).
+inline constexpr const char* kItemTooLargeMessage =
+    "Item size has exceeded the maximum allowed size";
+
+// The item's size as DynamoDB counts it: attribute names plus values (numbers by their digits,
+// maps with their per-entry overhead). Thread-safe.
+size_t itemSizeBytes(const Item& item);
 
 struct StoreError {
   std::string message;
@@ -53,7 +63,9 @@ struct StoreError {
 
 struct QueryPage {
   std::vector<Item> items;  // in range-key order
-  std::optional<Item> lastEvaluatedKey;  // present when more items follow
+  // Present when more items may follow: query again from it. (A remote store may hand out a key
+  // whose next page is empty.)
+  std::optional<Item> lastEvaluatedKey;
 };
 
 class RecordStore {
@@ -71,10 +83,16 @@ class RecordStore {
   virtual std::optional<Item> get(const std::string& table, const Item& key,
                                   std::optional<StoreError>* error = nullptr) = 0;
   // Items with this hash key value in range-key order, at most limit of them, starting after
-  // startKey (a page's lastEvaluatedKey).
+  // startKey (a page's lastEvaluatedKey). limit <= 0: as many as one page holds.
   virtual QueryPage query(const std::string& table, const AttributeValue& hashValue,
                           const std::optional<Item>& startKey, int limit,
                           std::optional<StoreError>* error = nullptr) = 0;
 };
+
+// Every item with this hash key value, in range-key order, following the pages. On an error the
+// items read so far are returned and *error is set.
+std::vector<Item> queryAll(RecordStore& store, const std::string& table,
+                           const AttributeValue& hashValue,
+                           std::optional<StoreError>* error = nullptr);
 
 }  // namespace omra

@@ -45,8 +45,8 @@ std::optional<StoreError> checkKeyAttribute(const Item& item, const std::string&
   const auto want =
       type == KeyType::kString ? AttributeValue::Type::kString : AttributeValue::Type::kNumber;
   if (it->second.type != want) {
-    return StoreError{"Type mismatch for key " + name + " expected: " +
-                      (type == KeyType::kString ? "S" : "N")};
+    return StoreError{"Type mismatch for key " + name +
+                      " expected: " + (type == KeyType::kString ? "S" : "N")};
   }
   if (it->second.text.empty()) {
     return StoreError{"One or more parameter values are not valid: the key " + name +
