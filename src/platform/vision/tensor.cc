@@ -44,8 +44,8 @@ Tensor::Tensor(std::vector<int64_t> shape, TensorDataType type)
   strides_ = rowMajorStrides(shape_);
   int64_t n = 1;
   for (int64_t d : shape_) n *= d;
-  storage_ = std::make_shared<std::vector<std::byte>>(static_cast<size_t>(n) *
-                                                      tensorElementSize(type));
+  storage_ =
+      std::make_shared<std::vector<std::byte>>(static_cast<size_t>(n) * tensorElementSize(type));
 }
 
 Tensor::Tensor(std::vector<int64_t> shape, std::vector<int64_t> strides, TensorDataType type,

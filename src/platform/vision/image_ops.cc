@@ -1,0 +1,116 @@
+#include "src/platform/vision/image_ops.h"
+
+#include <algorithm>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace omra {
+
+bool scaleImage4(const uint8_t* src, int srcWidth, int srcHeight, size_t srcStride, uint8_t* dst,
+                 int dstWidth, int dstHeight, size_t dstStride) {
+  if (!src || !dst || srcWidth <= 0 || srcHeight <= 0 || dstWidth <= 0 || dstHeight <= 0) {
+    return false;
+  }
+  const cv::Mat in(srcHeight, srcWidth, CV_8UC4, const_cast<uint8_t*>(src), srcStride);
+  cv::Mat out(dstHeight, dstWidth, CV_8UC4, dst, dstStride);
+  cv::resize(in, out, out.size(), 0, 0, cv::INTER_LINEAR);
+  return out.data == dst;  // resize wrote in place
+}
+
+bool writePng(const std::string& path, int width, int height, int channels,
+              const std::vector<uint8_t>& pixels) {
+  if (width <= 0 || height <= 0 || (channels != 1 && channels != 3 && channels != 4) ||
+      pixels.size() < static_cast<size_t>(width) * height * channels) {
+    return false;
+  }
+  const cv::Mat in(height, width, CV_8UC(channels), const_cast<uint8_t*>(pixels.data()));
+  cv::Mat bgr;
+  if (channels == 3) {
+    cv::cvtColor(in, bgr, cv::COLOR_RGB2BGR);
+  } else if (channels == 4) {
+    cv::cvtColor(in, bgr, cv::COLOR_RGBA2BGRA);
+  } else {
+    bgr = in;
+  }
+  try {
+    return cv::imwrite(path, bgr);
+  } catch (const cv::Exception&) {
+    return false;
+  }
+}
+
+bool writePng(const std::string& path, const PixelBuffer& image) {
+  if (image.empty() || image.data->size() < image.bytesPerRow * static_cast<size_t>(image.height)) {
+    return false;
+  }
+  const cv::Mat in(image.height, image.width, CV_8UC4, const_cast<uint8_t*>(image.row(0)),
+                   image.bytesPerRow);
+  try {
+    return cv::imwrite(path, in);
+  } catch (const cv::Exception&) {
+    return false;
+  }
+}
+
+std::vector<uint8_t> modelInputRgb(const PixelBuffer& image, ImageOrientation orientation,
+                                   CropAndScale crop, int size) {
+  if (image.empty() || size <= 0 ||
+      image.data->size() < image.bytesPerRow * static_cast<size_t>(image.height)) {
+    return {};
+  }
+  const cv::Mat bgra(image.height, image.width, CV_8UC4, const_cast<uint8_t*>(image.row(0)),
+                     image.bytesPerRow);
+  cv::Mat rgb;
+  cv::cvtColor(bgra, rgb, cv::COLOR_BGRA2RGB);
+  // EXIF tag -> the turn that makes the image upright.
+  cv::Mat up;
+  switch (orientation) {
+    case ImageOrientation::kUp:
+      up = rgb;
+      break;
+    case ImageOrientation::kUpMirrored:
+      cv::flip(rgb, up, 1);
+      break;
+    case ImageOrientation::kDown:
+      cv::rotate(rgb, up, cv::ROTATE_180);
+      break;
+    case ImageOrientation::kDownMirrored:
+      cv::flip(rgb, up, 0);
+      break;
+    case ImageOrientation::kLeftMirrored:
+      cv::transpose(rgb, up);
+      break;
+    case ImageOrientation::kRight:
+      cv::rotate(rgb, up, cv::ROTATE_90_CLOCKWISE);
+      break;
+    case ImageOrientation::kRightMirrored:
+      cv::flip(rgb, up, -1);
+      cv::transpose(up, up);
+      break;
+    case ImageOrientation::kLeft:
+      cv::rotate(rgb, up, cv::ROTATE_90_COUNTERCLOCKWISE);
+      break;
+    default:
+      up = rgb;
+  }
+  cv::Mat fitted;
+  const int w = up.cols, h = up.rows;
+  if (crop == CropAndScale::kCenterCrop) {
+    const int s = std::min(w, h);
+    cv::resize(up(cv::Rect((w - s) / 2, (h - s) / 2, s, s)), fitted, cv::Size(size, size), 0, 0,
+               cv::INTER_LINEAR);
+  } else if (crop == CropAndScale::kScaleFit) {
+    // Whole image inside the square, centred, black bars.
+    const double f = static_cast<double>(size) / std::max(w, h);
+    const int sw = std::max(1, static_cast<int>(w * f)), sh = std::max(1, static_cast<int>(h * f));
+    fitted = cv::Mat::zeros(size, size, CV_8UC3);
+    cv::resize(up, fitted(cv::Rect((size - sw) / 2, (size - sh) / 2, sw, sh)), cv::Size(sw, sh));
+  } else {
+    cv::resize(up, fitted, cv::Size(size, size), 0, 0, cv::INTER_LINEAR);
+  }
+  if (!fitted.isContinuous()) fitted = fitted.clone();
+  return std::vector<uint8_t>(fitted.data, fitted.data + fitted.total() * 3);
+}
+
+}  // namespace omra

@@ -1,0 +1,125 @@
+#include "src/platform/vision/opencv_dnn_detector_model.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+
+#include "src/platform/vision/image_ops.h"
+#include "src/scene/multi_array.h"
+#include "src/scene/ssd_anchors.h"
+#include "src/scene/ssd_post_processor.h"
+#include "tests/platform/vision/model_testutil.h"
+
+namespace omra {
+namespace {
+
+class OpenCvDnnDetectorModelTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    path_ = testing::smallModelPath();
+    ASSERT_FALSE(path_.empty()) << "could not generate the test model";
+    std::string error;
+    model_ = OpenCvDnnDetectorModel::load(path_, {}, &error);
+    ASSERT_TRUE(model_) << error;
+  }
+  std::string path_;
+  std::shared_ptr<OpenCvDnnDetectorModel> model_;
+};
+
+TEST_F(OpenCvDnnDetectorModelTest, RunsTheModelAndDecodesItsDetections) {
+  PixelBuffer grey = testing::halfRedHalfBlue(400, 300);
+  std::fill(grey.data->begin(), grey.data->end(), 128);
+  const DetectorResult r = model_->run(grey, ImageOrientation::kUp, CropAndScale::kCenterCrop);
+  ASSERT_TRUE(r.ok()) << r.error;
+  ASSERT_EQ(r.outputs.size(), 4u);
+  EXPECT_EQ(r.outputs[1].name, "concat_1__0");
+  EXPECT_EQ(r.outputs[2].name, "concat__0");
+  EXPECT_EQ(r.outputs[3].tensor.shape(), (std::vector<int64_t>{8, 5, 5}));  // batch dropped
+  EXPECT_EQ(r.outputs[0].tensor.shape(), (std::vector<int64_t>{3, 2, 2}));
+
+  // Scores are the model's sigmoid of 2 + mean red (scaled to -1..1) for chair at anchor 500.
+  const double red = 128 / 127.5 - 1;
+  SSDPostProcessor p(1917, 90, 0.01);
+  const auto preds = p.process(r.outputs[2].tensor, r.outputs[1].tensor);
+  ASSERT_EQ(preds.size(), 2u);
+  EXPECT_EQ(preds[0].detectedClass, 62);
+  EXPECT_EQ(preds[0].index, 500);
+  EXPECT_NEAR(preds[0].score, 1 / (1 + std::exp(-(2 + red))), 1e-5);
+  EXPECT_EQ(preds[1].detectedClass, 72);
+  EXPECT_EQ(preds[1].index, 900);
+  // Encodings: centre moved down a tenth of the anchor height, both sides scaled by sqrt 2.
+  const auto a = OrientedBoundingBox::fromAnchor(SSDAnchors::ssdAnchors()[500]);
+  const auto box = preds[0].finalPrediction();
+  EXPECT_NEAR((box.yMin + box.yMax) / 2, (a.yMin + a.yMax) / 2 + (a.yMax - a.yMin) / 10, 1e-6);
+  EXPECT_NEAR(box.xMax - box.xMin, (a.xMax - a.xMin) * std::sqrt(2.0), 1e-6);
+}
+
+// The activation is a 5x5 map of pooled colour (channel 0 from red). The captured image's red left
+// half must end up on the side the orientation turns it to; the middle of each other side is half
+// red, half blue, which pools to neutral.
+struct Layout {
+  ImageOrientation orientation;
+  bool left, right, top, bottom;  // which side's middle cell is red
+};
+
+TEST_F(OpenCvDnnDetectorModelTest, OrientationAndCentreCropReachTheModel) {
+  const PixelBuffer img = testing::halfRedHalfBlue(400, 300);
+  for (const Layout& l : std::vector<Layout>{{ImageOrientation::kUp, true, false, false, false},
+                                             {ImageOrientation::kDown, false, true, false, false},
+                                             {ImageOrientation::kRight, false, false, true, false},
+                                             {ImageOrientation::kLeft, false, false, false, true}}) {
+    const DetectorResult r = model_->run(img, l.orientation, CropAndScale::kCenterCrop);
+    ASSERT_TRUE(r.ok()) << r.error;
+    const MultiArray<float> act(r.outputs[3].tensor);
+    auto isRed = [&](int y, int x) { return act(0, y, x) > 1.5f; };
+    const int o = static_cast<int>(l.orientation);
+    EXPECT_EQ(isRed(2, 0), l.left) << o;
+    EXPECT_EQ(isRed(2, 4), l.right) << o;
+    EXPECT_EQ(isRed(0, 2), l.top) << o;
+    EXPECT_EQ(isRed(4, 2), l.bottom) << o;
+  }
+}
+
+TEST(OpenCvDnnDetectorModelLoadTest, RefusesBadModelsWithTheReason) {
+  std::string error;
+  EXPECT_EQ(OpenCvDnnDetectorModel::load("/nonexistent/model.onnx", {}, &error), nullptr);
+  EXPECT_EQ(error.rfind("Can't load VisionML model: ", 0), 0u) << error;
+
+  const std::string garbage = std::string(OMRA_BINARY_DIR) + "/test_models/garbage.onnx";
+  ASSERT_FALSE(testing::smallModelPath().empty());
+  std::ofstream(garbage) << "not a model";
+  error.clear();
+  EXPECT_EQ(OpenCvDnnDetectorModel::load(garbage, {}, &error), nullptr);
+  EXPECT_EQ(error.rfind("Can't load VisionML model: ", 0), 0u) << error;
+
+  const std::string noScores =
+      testing::generatedModel("no_scores.onnx", "--kind small --drop-output concat_1__0");
+  ASSERT_FALSE(noScores.empty());
+  error.clear();
+  EXPECT_EQ(OpenCvDnnDetectorModel::load(noScores, {}, &error), nullptr);
+  EXPECT_NE(error.find("concat_1__0"), std::string::npos) << error;
+
+  // A model whose outputs do not have the sizes the decoder reads.
+  OpenCvDnnOptions fewer;
+  fewer.numAnchors = 1000;
+  error.clear();
+  EXPECT_EQ(OpenCvDnnDetectorModel::load(testing::smallModelPath(), fewer, &error), nullptr);
+  EXPECT_NE(error.find("expected"), std::string::npos) << error;
+}
+
+TEST(ImageOpsTest, ScalingAndPngOutput) {
+  const PixelBuffer img = testing::halfRedHalfBlue(40, 20);
+  std::vector<uint8_t> out(10 * 5 * 4);
+  ASSERT_TRUE(scaleImage4(img.row(0), 40, 20, img.bytesPerRow, out.data(), 10, 5, 40));
+  EXPECT_EQ(out[2], 255);          // first pixel red (BGRA)
+  EXPECT_EQ(out[9 * 4 + 0], 255);  // last pixel of the row blue
+  EXPECT_FALSE(scaleImage4(img.row(0), 0, 20, img.bytesPerRow, out.data(), 10, 5, 40));
+  const std::string path = std::string(OMRA_BINARY_DIR) + "/test_models/half.png";
+  EXPECT_TRUE(writePng(path, img));
+  EXPECT_FALSE(writePng("/nonexistent/dir/x.png", img));
+  EXPECT_FALSE(writePng(path, 10, 10, 2, std::vector<uint8_t>(200)));
+}
+
+}  // namespace
+}  // namespace omra
