@@ -133,8 +133,9 @@ struct CurlHttpClient::Worker {
       set(CURLOPT_POST, 1L);
       set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t.request.body.size()));
       set(CURLOPT_POSTFIELDS, t.request.body.c_str());
-      // No 100-continue round trip for large bodies.
-      t.headers = curl_slist_append(t.headers, "Expect:");
+      // No 100-continue round trip for large bodies. Not on signed requests: curl would sign
+      // the suppressed header, and the server would never see it.
+      if (t.extras.awsSigV4.empty()) t.headers = curl_slist_append(t.headers, "Expect:");
     } else {
       set(CURLOPT_HTTPGET, 1L);
     }

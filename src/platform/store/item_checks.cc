@@ -105,6 +105,10 @@ std::optional<StoreError> checkItem(const TableSchema& schema, const Item& item)
   if (schema.rangeKey) {
     if (auto e = checkKeyAttribute(item, *schema.rangeKey, schema.rangeType)) return e;
   }
+  return checkItemContents(item);
+}
+
+std::optional<StoreError> checkItemContents(const Item& item) {
   if (auto e = checkNumbers(item)) return e;
   const size_t size = itemSizeBytes(item);
   if (size > kMaxItemBytes) {

@@ -17,6 +17,8 @@ bool isValidNumberText(std::string_view text);
 // Key attributes present, of the schema's types and non-empty; numbers valid; size within
 // kMaxItemBytes.
 std::optional<StoreError> checkItem(const TableSchema& schema, const Item& item);
+// The checks that need no schema: numbers valid, size within kMaxItemBytes.
+std::optional<StoreError> checkItemContents(const Item& item);
 // A key for get(): exactly the key attributes of the schema, valid.
 std::optional<StoreError> checkKey(const TableSchema& schema, const Item& key);
 // The key attributes of item.

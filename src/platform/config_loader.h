@@ -1,0 +1,32 @@
+// Loading the kit's Config: an optional JSON file, then OMRA_* (and AWS_*) environment variables
+// that override it. The README's "Configuration" section lists every key.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "omrakit/config.h"
+
+namespace omra {
+
+// Looks up one environment variable; none when unset.
+using EnvLookup = std::function<std::optional<std::string>(const std::string& name)>;
+
+// The process environment.
+EnvLookup processEnv();
+
+// Reads the file named by OMRA_CONFIG (an error when it is missing), else ./omra.json when it
+// exists, then applies the environment. On a bad value: none, and *error names the key and why.
+// Never throws. Thread-safe as long as nobody changes the environment meanwhile.
+std::optional<Config> loadConfig(std::string* error = nullptr);
+std::optional<Config> loadConfig(const EnvLookup& env, std::string* error,
+                                 const std::string& defaultFile = "omra.json");
+
+// The layers on their own, applied onto config; an error text on a bad value (config is then
+// partly changed).
+std::optional<std::string> applyConfigJson(std::string_view text, Config& config);
+std::optional<std::string> applyConfigEnv(const EnvLookup& env, Config& config);
+
+}  // namespace omra

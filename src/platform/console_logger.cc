@@ -1,0 +1,39 @@
+#include "src/platform/console_logger.h"
+
+#include <syslog.h>
+
+#include <cstdio>
+#include <string>
+
+namespace omra {
+
+ConsoleLogger::ConsoleLogger() {
+  static std::once_flag once;
+  std::call_once(once, [] { openlog("omrakit", LOG_PID, LOG_USER); });
+}
+
+void ConsoleLogger::print(std::string_view message) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::fwrite(message.data(), 1, message.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+void ConsoleLogger::systemLog(LogLevel level, std::string_view message) {
+  int priority = LOG_INFO;
+  switch (level) {
+    case LogLevel::kDebug:
+      priority = LOG_DEBUG;
+      break;
+    case LogLevel::kInfo:
+      priority = LOG_INFO;
+      break;
+    case LogLevel::kError:
+      priority = LOG_ERR;
+      break;
+  }
+  // Through "%s" so that a '%' in the message is never read as a directive.
+  syslog(priority, "%s", std::string(message).c_str());
+}
+
+}  // namespace omra

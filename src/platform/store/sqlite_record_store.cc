@@ -1,0 +1,395 @@
+#include "src/platform/store/sqlite_record_store.h"
+
+#include <sqlite3.h>
+
+#include <charconv>
+#include <cstdlib>
+
+#include "src/platform/store/attribute_json.h"
+#include "src/platform/store/item_checks.h"
+
+namespace omra {
+namespace {
+
+constexpr const char* kMetaTable = "omra_record_tables";
+
+std::string quoteIdentifier(const std::string& name) {
+  std::string out = "\"";
+  for (char c : name) {
+    if (c == '"') out += '"';
+    out += c;
+  }
+  return out + "\"";
+}
+
+struct Statement {
+  sqlite3_stmt* stmt = nullptr;
+  ~Statement() { sqlite3_finalize(stmt); }
+};
+
+// Numbers keep SQLite's numeric order: integers as INTEGER, everything else as REAL.
+void bindKey(sqlite3_stmt* stmt, int index, const AttributeValue& value) {
+  if (value.type != AttributeValue::Type::kNumber) {
+    sqlite3_bind_text(stmt, index, value.text.data(), static_cast<int>(value.text.size()),
+                      SQLITE_TRANSIENT);
+    return;
+  }
+  int64_t n;
+  const char* begin = value.text.data();
+  const char* end = begin + value.text.size();
+  const auto res = std::from_chars(begin, end, n);
+  if (res.ec == std::errc() && res.ptr == end) {
+    sqlite3_bind_int64(stmt, index, n);
+  } else {
+    sqlite3_bind_double(stmt, index, std::strtod(value.text.c_str(), nullptr));
+  }
+}
+
+const char* keyTypeText(KeyType t) { return t == KeyType::kString ? "S" : "N"; }
+KeyType keyTypeOf(const unsigned char* text) {
+  return text != nullptr && text[0] == 'S' ? KeyType::kString : KeyType::kNumber;
+}
+
+bool sameSchema(const TableSchema& a, const TableSchema& b) {
+  return a.hashKey == b.hashKey && a.hashType == b.hashType && a.rangeKey == b.rangeKey &&
+         (!a.rangeKey || a.rangeType == b.rangeType);
+}
+
+}  // namespace
+
+struct SqliteRecordStore::TableStatements {
+  Statement insert, get, queryFirst, queryAfter;
+};
+
+std::unique_ptr<SqliteRecordStore> SqliteRecordStore::open(const std::string& path,
+                                                           std::string* error) {
+  return open(path, Options{}, error);
+}
+
+std::unique_ptr<SqliteRecordStore> SqliteRecordStore::open(const std::string& path, Options options,
+                                                           std::string* error) {
+  sqlite3* db = nullptr;
+  const int rc =
+      sqlite3_open_v2(path.c_str(), &db,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
+  auto fail = [&](const std::string& what) -> std::unique_ptr<SqliteRecordStore> {
+    if (error != nullptr) *error = what + ": " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+    sqlite3_close(db);
+    return nullptr;
+  };
+  if (rc != SQLITE_OK) return fail("cannot open the record database " + path);
+  sqlite3_busy_timeout(db, options.busyTimeoutMs);
+  const std::string setup =
+      std::string(
+          "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+          "CREATE TABLE IF NOT EXISTS ") +
+      kMetaTable +
+      " (name TEXT PRIMARY KEY, hash_key TEXT NOT NULL, hash_type TEXT NOT NULL,"
+      " range_key TEXT, range_type TEXT NOT NULL);";
+  if (sqlite3_exec(db, setup.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+    return fail("cannot prepare the record database " + path);
+  }
+  return std::unique_ptr<SqliteRecordStore>(new SqliteRecordStore(db, options));
+}
+
+SqliteRecordStore::SqliteRecordStore(sqlite3* db, Options options)
+    : options_(options), db_(db), writer_([this] { writerLoop(); }) {}
+
+SqliteRecordStore::~SqliteRecordStore() {
+  {
+    std::lock_guard lock(queueMu_);
+    stopping_ = true;
+  }
+  queueCv_.notify_all();
+  writer_.join();
+  statements_.clear();
+  sqlite3_close(db_);
+}
+
+std::optional<StoreError> SqliteRecordStore::exec(const char* sql) {
+  if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) return lastError(sql);
+  return std::nullopt;
+}
+
+StoreError SqliteRecordStore::lastError(const std::string& what) {
+  return StoreError{"SQLite: " + what + ": " + sqlite3_errmsg(db_)};
+}
+
+const TableSchema* SqliteRecordStore::schemaFor(const std::string& table) {
+  if (auto it = schemas_.find(table); it != schemas_.end()) return &it->second;
+  // Another process may have created it since.
+  Statement s;
+  const std::string sql = std::string("SELECT hash_key, hash_type, range_key, range_type FROM ") +
+                          kMetaTable + " WHERE name = ?1";
+  if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &s.stmt, nullptr) != SQLITE_OK) return nullptr;
+  sqlite3_bind_text(s.stmt, 1, table.c_str(), -1, SQLITE_TRANSIENT);
+  if (sqlite3_step(s.stmt) != SQLITE_ROW) return nullptr;
+  TableSchema schema;
+  schema.name = table;
+  schema.hashKey = reinterpret_cast<const char*>(sqlite3_column_text(s.stmt, 0));
+  schema.hashType = keyTypeOf(sqlite3_column_text(s.stmt, 1));
+  if (sqlite3_column_type(s.stmt, 2) != SQLITE_NULL) {
+    schema.rangeKey = reinterpret_cast<const char*>(sqlite3_column_text(s.stmt, 2));
+  }
+  schema.rangeType = keyTypeOf(sqlite3_column_text(s.stmt, 3));
+  return &schemas_.insert_or_assign(table, std::move(schema)).first->second;
+}
+
+SqliteRecordStore::TableStatements* SqliteRecordStore::statementsFor(
+    const std::string& table, std::optional<StoreError>* error) {
+  if (auto it = statements_.find(table); it != statements_.end()) return it->second.get();
+  const std::string q = quoteIdentifier(table);
+  auto st = std::make_unique<TableStatements>();
+  const auto prepare = [&](Statement& s, const std::string& sql) {
+    return sqlite3_prepare_v3(db_, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &s.stmt, nullptr) ==
+           SQLITE_OK;
+  };
+  if (!prepare(st->insert,
+               "INSERT OR REPLACE INTO " + q + " (hash, range, item) VALUES (?1, ?2, ?3)") ||
+      !prepare(st->get, "SELECT item FROM " + q + " WHERE hash = ?1 AND range = ?2") ||
+      !prepare(st->queryFirst,
+               "SELECT item FROM " + q + " WHERE hash = ?1 ORDER BY range LIMIT ?2") ||
+      !prepare(st->queryAfter, "SELECT item FROM " + q +
+                                   " WHERE hash = ?1 AND range > ?2 ORDER BY range LIMIT ?3")) {
+    if (error != nullptr) *error = lastError("preparing statements for " + table);
+    return nullptr;
+  }
+  return statements_.emplace(table, std::move(st)).first->second.get();
+}
+
+std::optional<StoreError> SqliteRecordStore::createTable(const TableSchema& schema) {
+  std::lock_guard lock(dbMu_);
+  if (const TableSchema* existing = schemaFor(schema.name)) {
+    if (!sameSchema(*existing, schema)) {
+      return StoreError{"Table already exists with another key schema: " + schema.name};
+    }
+    return std::nullopt;
+  }
+  if (auto e = exec("BEGIN IMMEDIATE")) return e;
+  const std::string create = "CREATE TABLE IF NOT EXISTS " + quoteIdentifier(schema.name) +
+                             " (hash NOT NULL, range NOT NULL, item TEXT NOT NULL,"
+                             " PRIMARY KEY (hash, range)) WITHOUT ROWID";
+  std::optional<StoreError> error = exec(create.c_str());
+  if (!error) {
+    Statement s;
+    const std::string sql = std::string("INSERT OR IGNORE INTO ") + kMetaTable +
+                            " (name, hash_key, hash_type, range_key, range_type)"
+                            " VALUES (?1, ?2, ?3, ?4, ?5)";
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &s.stmt, nullptr) != SQLITE_OK) {
+      error = lastError("registering " + schema.name);
+    } else {
+      sqlite3_bind_text(s.stmt, 1, schema.name.c_str(), -1, SQLITE_TRANSIENT);
+      sqlite3_bind_text(s.stmt, 2, schema.hashKey.c_str(), -1, SQLITE_TRANSIENT);
+      sqlite3_bind_text(s.stmt, 3, keyTypeText(schema.hashType), -1, SQLITE_STATIC);
+      if (schema.rangeKey) {
+        sqlite3_bind_text(s.stmt, 4, schema.rangeKey->c_str(), -1, SQLITE_TRANSIENT);
+      }
+      sqlite3_bind_text(s.stmt, 5, keyTypeText(schema.rangeType), -1, SQLITE_STATIC);
+      if (sqlite3_step(s.stmt) != SQLITE_DONE) error = lastError("registering " + schema.name);
+    }
+  }
+  if (error) {
+    exec("ROLLBACK");
+    return error;
+  }
+  if (auto e = exec("COMMIT")) {
+    exec("ROLLBACK");
+    return e;
+  }
+  schemas_.erase(schema.name);
+  const TableSchema* stored = schemaFor(schema.name);
+  if (stored != nullptr && !sameSchema(*stored, schema)) {
+    return StoreError{"Table already exists with another key schema: " + schema.name};
+  }
+  return std::nullopt;
+}
+
+std::optional<StoreError> SqliteRecordStore::writeItem(const std::string& table, const Item& item) {
+  const TableSchema* schema = schemaFor(table);
+  if (schema == nullptr) return missingTableError(table);
+  if (auto e = checkItem(*schema, item)) return e;
+  std::optional<StoreError> error;
+  TableStatements* st = statementsFor(table, &error);
+  if (st == nullptr) return error;
+  sqlite3_stmt* s = st->insert.stmt;
+  sqlite3_reset(s);
+  bindKey(s, 1, item.at(schema->hashKey));
+  if (schema->rangeKey) {
+    bindKey(s, 2, item.at(*schema->rangeKey));
+  } else {
+    sqlite3_bind_int64(s, 2, 0);
+  }
+  const std::string text = itemToJson(item).dump();
+  sqlite3_bind_text(s, 3, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+  const int rc = sqlite3_step(s);
+  sqlite3_reset(s);
+  sqlite3_clear_bindings(s);
+  if (rc != SQLITE_DONE) {
+    // A statement prepared before someone dropped the table keeps failing; prepare anew next time.
+    StoreError e = lastError("writing to " + table);
+    statements_.erase(table);
+    schemas_.erase(table);
+    return e;
+  }
+  return std::nullopt;
+}
+
+void SqliteRecordStore::save(const std::string& table, Item item, SaveCompletion completion) {
+  {
+    std::lock_guard lock(queueMu_);
+    pending_.push_back({table, std::move(item), std::move(completion)});
+    ++queued_;
+  }
+  queueCv_.notify_all();
+}
+
+void SqliteRecordStore::waitForSaves() {
+  std::unique_lock lock(queueMu_);
+  const uint64_t target = queued_;
+  queueCv_.wait(lock, [&] { return completed_ >= target; });
+}
+
+void SqliteRecordStore::writerLoop() {
+  std::unique_lock lock(queueMu_);
+  while (true) {
+    queueCv_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
+    if (pending_.empty()) return;  // stopping, nothing left
+    std::vector<PendingSave> batch;
+    while (!pending_.empty() && batch.size() < options_.maxBatch) {
+      batch.push_back(std::move(pending_.front()));
+      pending_.pop_front();
+    }
+    lock.unlock();
+
+    std::vector<std::optional<StoreError>> results(batch.size());
+    {
+      std::lock_guard db(dbMu_);
+      const bool inTransaction = !exec("BEGIN IMMEDIATE").has_value();
+      for (size_t i = 0; i < batch.size(); ++i)
+        results[i] = writeItem(batch[i].table, batch[i].item);
+      if (inTransaction) {
+        if (auto e = exec("COMMIT")) {
+          exec("ROLLBACK");
+          for (auto& r : results) {
+            if (!r) r = e;
+          }
+        }
+      }
+    }
+    for (size_t i = 0; i < batch.size(); ++i) {
+      if (batch[i].completion) batch[i].completion(std::move(results[i]));
+    }
+
+    lock.lock();
+    completed_ += batch.size();
+    queueCv_.notify_all();
+  }
+}
+
+std::optional<StoreError> SqliteRecordStore::put(const std::string& table, Item item) {
+  std::lock_guard lock(dbMu_);
+  return writeItem(table, item);
+}
+
+std::optional<Item> SqliteRecordStore::get(const std::string& table, const Item& key,
+                                           std::optional<StoreError>* error) {
+  if (error != nullptr) error->reset();
+  auto fail = [&](StoreError e) -> std::optional<Item> {
+    if (error != nullptr) *error = std::move(e);
+    return std::nullopt;
+  };
+  std::lock_guard lock(dbMu_);
+  const TableSchema* schema = schemaFor(table);
+  if (schema == nullptr) return fail(missingTableError(table));
+  if (auto e = checkKey(*schema, key)) return fail(std::move(*e));
+  std::optional<StoreError> prepError;
+  TableStatements* st = statementsFor(table, &prepError);
+  if (st == nullptr) return fail(std::move(*prepError));
+  sqlite3_stmt* s = st->get.stmt;
+  sqlite3_reset(s);
+  bindKey(s, 1, key.at(schema->hashKey));
+  if (schema->rangeKey) {
+    bindKey(s, 2, key.at(*schema->rangeKey));
+  } else {
+    sqlite3_bind_int64(s, 2, 0);
+  }
+  const int rc = sqlite3_step(s);
+  std::optional<Item> result;
+  std::optional<StoreError> readError;
+  if (rc == SQLITE_ROW) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+    const Json json = Json::parse(text != nullptr ? text : "", nullptr, false);
+    std::string why;
+    result = json.is_discarded() ? std::nullopt : itemFromJson(json, &why);
+    if (!result) readError = StoreError{"unreadable stored item in " + table + " " + why};
+  } else if (rc != SQLITE_DONE) {
+    readError = lastError("reading " + table);
+  }
+  sqlite3_reset(s);
+  sqlite3_clear_bindings(s);
+  if (readError) return fail(std::move(*readError));
+  return result;
+}
+
+QueryPage SqliteRecordStore::query(const std::string& table, const AttributeValue& hashValue,
+                                   const std::optional<Item>& startKey, int limit,
+                                   std::optional<StoreError>* error) {
+  if (error != nullptr) error->reset();
+  QueryPage page;
+  auto fail = [&](StoreError e) {
+    if (error != nullptr) *error = std::move(e);
+    return QueryPage{};
+  };
+  std::lock_guard lock(dbMu_);
+  const TableSchema* schema = schemaFor(table);
+  if (schema == nullptr) return fail(missingTableError(table));
+  std::optional<StoreError> prepError;
+  TableStatements* st = statementsFor(table, &prepError);
+  if (st == nullptr) return fail(std::move(*prepError));
+  // One more row than asked tells whether more follow.
+  const int64_t rows = limit > 0 ? static_cast<int64_t>(limit) + 1 : -1;
+  sqlite3_stmt* s;
+  if (startKey) {
+    const std::string rangeName = schema->rangeKey.value_or(schema->hashKey);
+    const auto r = schema->rangeKey ? startKey->find(rangeName) : startKey->end();
+    if (!schema->rangeKey) return page;  // one item per hash value: nothing after it
+    if (r == startKey->end()) return fail(StoreError{"The provided starting key is invalid"});
+    s = st->queryAfter.stmt;
+    sqlite3_reset(s);
+    bindKey(s, 1, hashValue);
+    bindKey(s, 2, r->second);
+    sqlite3_bind_int64(s, 3, rows);
+  } else {
+    s = st->queryFirst.stmt;
+    sqlite3_reset(s);
+    bindKey(s, 1, hashValue);
+    sqlite3_bind_int64(s, 2, rows);
+  }
+  std::optional<StoreError> readError;
+  bool more = false;
+  int rc;
+  while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+    if (limit > 0 && page.items.size() == static_cast<size_t>(limit)) {
+      more = true;
+      break;
+    }
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+    const Json json = Json::parse(text != nullptr ? text : "", nullptr, false);
+    std::string why;
+    auto item = json.is_discarded() ? std::nullopt : itemFromJson(json, &why);
+    if (!item) {
+      readError = StoreError{"unreadable stored item in " + table + " " + why};
+      break;
+    }
+    page.items.push_back(std::move(*item));
+  }
+  if (!readError && rc != SQLITE_ROW && rc != SQLITE_DONE)
+    readError = lastError("querying " + table);
+  sqlite3_reset(s);
+  sqlite3_clear_bindings(s);
+  if (readError) return fail(std::move(*readError));
+  if (more) page.lastEvaluatedKey = keyOf(*schema, page.items.back());
+  return page;
+}
+
+}  // namespace omra

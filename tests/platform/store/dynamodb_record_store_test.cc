@@ -1,0 +1,232 @@
+// The DynamoDB store's wire behaviour: signing headers, retries, and what a real AWS client reads.
+#include "src/platform/store/dynamodb_record_store.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <atomic>
+#include <cstdio>
+#include <future>
+#include <thread>
+
+#include "omrakit/platform/http_client.h"
+#include "src/cloud/camera_path_model.h"
+#include "src/cloud/detected_plane_model.h"
+#include "src/cloud/image_features_model.h"
+#include "src/cloud/point_cloud_model.h"
+#include "src/cloud/record_tables.h"
+#include "src/cloud/scene_understanding_model.h"
+#include "src/cloud/transform_result_model.h"
+#include "src/platform/store/base64.h"
+#include "tests/platform/store/dynalite_testutil.h"
+
+namespace omra {
+namespace {
+
+// A fake DynamoDB answering from a script of (status, body) pairs; the last one repeats.
+class ScriptedServer {
+ public:
+  explicit ScriptedServer(std::vector<std::pair<int, std::string>> script)
+      : script_(std::move(script)) {
+    server_.Post("/", [this](const httplib::Request& req, httplib::Response& res) {
+      const size_t n = requests_++;
+      {
+        std::lock_guard lock(mu_);
+        last_ = req;
+      }
+      const auto& [status, body] = script_[std::min(n, script_.size() - 1)];
+      res.status = status;
+      res.set_content(body, "application/x-amz-json-1.0");
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+  }
+  ~ScriptedServer() {
+    server_.stop();
+    thread_.join();
+  }
+  std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  size_t requests() const { return requests_; }
+  httplib::Request last() {
+    std::lock_guard lock(mu_);
+    return last_;
+  }
+
+ private:
+  std::vector<std::pair<int, std::string>> script_;
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+  std::atomic<size_t> requests_{0};
+  std::mutex mu_;
+  httplib::Request last_;
+};
+
+std::string awsError(const std::string& type, const std::string& message) {
+  return Json{{"__type", "com.amazonaws.dynamodb.v20120810#" + type}, {"message", message}}.dump();
+}
+
+std::optional<StoreError> saveAndWait(RecordStore& store, const std::string& table, Item item) {
+  std::promise<std::optional<StoreError>> done;
+  store.save(table, std::move(item), [&](std::optional<StoreError> e) { done.set_value(e); });
+  return done.get_future().get();
+}
+
+TEST(DynamoDbRecordStoreTest, RetriesOnlyThrottlingAndServerErrors) {
+  struct Case {
+    const char* name;
+    std::vector<std::pair<int, std::string>> script;
+    bool ok;
+    size_t requests;
+    const char* errorStart;
+  };
+  const std::vector<Case> cases = {
+      {"throttled twice then stored",
+       {{400, awsError("ThrottlingException", "slow down")},
+        {400, awsError("ProvisionedThroughputExceededException", "slow down")},
+        {200, "{}"}},
+       true,
+       3,
+       ""},
+      {"server error every time",
+       {{500, awsError("InternalServerError", "boom")}},
+       false,
+       3,
+       "InternalServerError: boom"},
+      {"503 without a body", {{503, ""}}, false, 3, "Unreadable answer from DynamoDB (HTTP 503)"},
+      {"validation error at once",
+       {{400, awsError("ValidationException", "bad item")}},
+       false,
+       1,
+       "ValidationException: bad item"},
+      {"garbage answer at once", {{200, "<html>"}}, false, 1, "Unreadable answer"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedServer server(c.script);
+    DynamoDbRecordStore::Options o;
+    o.endpoint = server.endpoint();
+    o.backoffBase = std::chrono::milliseconds(2);
+    DynamoDbRecordStore store(o, nullptr);
+    const auto error = saveAndWait(store, "T", {{"SessionId", AttributeValue::string("S")}});
+    EXPECT_EQ(!error.has_value(), c.ok);
+    if (error) {
+      EXPECT_EQ(error->message.rfind(c.errorStart, 0), 0u) << error->message;
+    }
+    EXPECT_EQ(server.requests(), c.requests);
+  }
+}
+
+TEST(DynamoDbRecordStoreTest, SignsWithSigV4AndNamesTheOperation) {
+  ScriptedServer server({{200, R"({"Item": {"SessionId": {"S": "S"}, "N": {"N": "2"}}})"}});
+  DynamoDbRecordStore::Options o;
+  o.endpoint = server.endpoint() + "/";
+  o.region = "eu-west-2";
+  o.accessKeyId = "AKIDEXAMPLE";
+  o.secretAccessKey = "secret";
+  o.sessionToken = "token-1";
+  DynamoDbRecordStore store(o, nullptr);
+  std::optional<StoreError> error;
+  const auto item = store.get("T", {{"SessionId", AttributeValue::string("S")}}, &error);
+  ASSERT_TRUE(item.has_value()) << error->message;
+  EXPECT_EQ(item->at("N"), AttributeValue::numberText("2"));
+  const httplib::Request req = server.last();
+  EXPECT_EQ(req.get_header_value("X-Amz-Target"), "DynamoDB_20120810.GetItem");
+  EXPECT_EQ(req.get_header_value("Content-Type"), "application/x-amz-json-1.0");
+  EXPECT_EQ(req.get_header_value("X-Amz-Security-Token"), "token-1");
+  const std::string auth = req.get_header_value("Authorization");
+  EXPECT_EQ(auth.rfind("AWS4-HMAC-SHA256 Credential=AKIDEXAMPLE/", 0), 0u) << auth;
+  EXPECT_NE(auth.find("/eu-west-2/dynamodb/aws4_request"), std::string::npos) << auth;
+  EXPECT_NE(auth.find("x-amz-target"), std::string::npos) << auth;
+  const Json body = Json::parse(req.body);
+  EXPECT_EQ(body["TableName"], "T");
+  EXPECT_EQ(body["Key"]["SessionId"]["S"], "S");
+  EXPECT_TRUE(body["ConsistentRead"].get<bool>());
+}
+
+TEST(DynamoDbRecordStoreTest, AwsJavaScriptSdkReadsTheAttributeTypesWeMean) {
+  std::string why;
+  auto server = testing::DynaliteServer::start(&why);
+  if (!server) GTEST_SKIP() << why;
+  DynamoDbRecordStore::Options o;
+  o.endpoint = server->endpoint();
+  DynamoDbRecordStore store(o, nullptr);
+  ASSERT_FALSE(ensureRecordTables(store).has_value());
+
+  const std::string s = "SDK-SESSION";
+  const ImageFeaturesModel features(s, 3, {1, 0.5});
+  TransformResultModel result;
+  result.sessionId = s;
+  result.timestamp = 1763770000.25;
+  result.localizer = "full_image_matcher";
+  result.suppress = true;
+  for (auto [table, item] : std::vector<std::pair<std::string, Item>>{
+           {ImageFeaturesModel::kTableName, features.toItem()},
+           {SceneUnderstandingModel::kTableName,
+            SceneUnderstandingModel(s, 4, 0.5f, 1, 2, "cup", 0.75f, 9, false).toItem()},
+           {DetectedPlaneModel::kTableName, DetectedPlaneModel(s, 5, "P", false, true).toItem()},
+           {CameraPathModel::kTableName, CameraPathModel(s, 0, {{"1", "1.0,"}}).toItem()},
+           {PointCloudModel::kTableName, PointCloudModel(s, 0, {{1, {7}}}, {{7, {}}}).toItem()},
+           {TransformResultModel::kTableName, result.toItem()}}) {
+    const auto error = saveAndWait(store, table, item);
+    ASSERT_FALSE(error.has_value()) << error->message;
+  }
+
+  const std::string command = "NODE_PATH='" + testing::peersDir() + "/node_modules' node '" +
+                              OMRA_SOURCE_DIR +
+                              "/tests/platform/store/read_items_with_aws_sdk.cjs' '" +
+                              server->endpoint() + "' " + s + " 2>&1";
+  FILE* pipe = popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::string out;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
+  ASSERT_EQ(pclose(pipe), 0) << out;
+  const Json read = Json::parse(out, nullptr, false);
+  ASSERT_FALSE(read.is_discarded()) << out;
+
+  const auto types = [&](const char* table) {
+    std::map<std::string, std::string> t;
+    for (auto& [name, typed] : read[table].at(0).items()) t[name] = typed[0];
+    return t;
+  };
+  using Types = std::map<std::string, std::string>;
+  EXPECT_EQ(types("MapData-ImageFeatures"),
+            (Types{{"SessionId", "S"}, {"FrameId", "N"}, {"Timestamp", "N"}, {"Features_C", "B"}}));
+  EXPECT_EQ(types("MapData-SceneUnderstanding"), (Types{{"SessionId", "S"},
+                                                        {"FrameId", "N"},
+                                                        {"PositionX", "N"},
+                                                        {"PositionY", "N"},
+                                                        {"PositionZ", "N"},
+                                                        {"ObjectName", "S"},
+                                                        {"Confidence", "N"},
+                                                        {"ObjectId", "N"},
+                                                        {"Timestamp", "N"},
+                                                        {"IsLocalizationSession", "N"}}));
+  EXPECT_EQ(types("MapData-DetectedPlanes"), (Types{{"SessionId", "S"},
+                                                    {"FrameId", "N"},
+                                                    {"PlaneId", "S"},
+                                                    {"Timestamp", "N"},
+                                                    {"IsLocalizationSession", "N"},
+                                                    {"IsRemoved", "N"}}));
+  EXPECT_EQ(types("MapData-CameraPath"),
+            (Types{{"SessionId", "S"}, {"FrameId", "N"}, {"Timestamp", "N"}, {"Transforms", "M"}}));
+  EXPECT_EQ(types("MapData-PointCloud"), (Types{{"SessionId", "S"},
+                                                {"FrameId", "N"},
+                                                {"FramesToFeatureId_C", "B"},
+                                                {"Features_C", "B"}}));
+  EXPECT_EQ(types("Transformations"),
+            (Types{{"SessionId", "S"}, {"Timestamp", "N"}, {"Localizer", "S"}, {"Suppress", "N"}}));
+  // Values as the SDK decodes them.
+  const Json& f = read["MapData-ImageFeatures"][0];
+  EXPECT_EQ(f["Features_C"][1], base64Encode(*features.featuresC));
+  EXPECT_EQ(f["FrameId"][1], "3");
+  EXPECT_EQ(read["MapData-DetectedPlanes"][0]["IsRemoved"][1], "1");
+  EXPECT_EQ(read["Transformations"][0]["Suppress"][1], "1");
+  EXPECT_EQ(read["Transformations"][0]["Timestamp"][1], "1763770000.25");
+  EXPECT_EQ(read["MapData-CameraPath"][0]["Transforms"][1]["1"], Json::array({"S", "1.0,"}));
+}
+
+}  // namespace
+}  // namespace omra

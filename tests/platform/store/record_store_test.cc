@@ -1,0 +1,260 @@
+// One suite for every record store: the same items, pages, limits and failures.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <future>
+#include <mutex>
+
+#include "src/cloud/camera_path_model.h"
+#include "src/cloud/detected_plane_model.h"
+#include "src/cloud/image_features_model.h"
+#include "src/cloud/point_cloud_model.h"
+#include "src/cloud/record_tables.h"
+#include "src/cloud/record_writer.h"
+#include "src/cloud/scene_understanding_model.h"
+#include "src/cloud/transform_result_model.h"
+#include "src/platform/store/dynamodb_record_store.h"
+#include "src/platform/store/memory_record_store.h"
+#include "src/platform/store/sqlite_record_store.h"
+#include "tests/platform/store/dynalite_testutil.h"
+
+namespace omra {
+namespace {
+
+class PrintLog : public Logger {
+ public:
+  void print(std::string_view m) override {
+    std::lock_guard lock(mu_);
+    prints_.emplace_back(m);
+  }
+  void systemLog(LogLevel, std::string_view) override {}
+  std::vector<std::string> prints() {
+    std::lock_guard lock(mu_);
+    return prints_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::vector<std::string> prints_;
+};
+
+std::string tempPath(const std::string& name) {
+  const auto dir = std::filesystem::temp_directory_path() /
+                   ("omra-store-" + std::to_string(::getpid()) + "-" + name);
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  return (dir / "records.db").string();
+}
+
+struct MemoryKind {
+  std::shared_ptr<RecordStore> store = std::make_shared<MemoryRecordStore>();
+  bool ready(std::string*) { return true; }
+  // The in-memory store cannot fail underneath.
+  bool breakIt() { return false; }
+};
+
+struct SqliteKind {
+  std::string path = tempPath(::testing::UnitTest::GetInstance()->current_test_info()->name());
+  std::shared_ptr<RecordStore> store;
+  bool ready(std::string* why) {
+    store = SqliteRecordStore::open(path, why);
+    return store != nullptr;
+  }
+  // Another process drops a table under the store.
+  bool breakIt() {
+    sqlite3* db = nullptr;
+    sqlite3_open(path.c_str(), &db);
+    sqlite3_busy_timeout(db, 5000);
+    const int rc = sqlite3_exec(db, "DROP TABLE \"MapData-CameraPath\"", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    return rc == SQLITE_OK;
+  }
+};
+
+struct DynamoKind {
+  std::unique_ptr<testing::DynaliteServer> server;
+  std::shared_ptr<RecordStore> store;
+  bool ready(std::string* why) {
+    server = testing::DynaliteServer::start(why);
+    if (!server) return false;
+    DynamoDbRecordStore::Options o;
+    o.endpoint = server->endpoint();
+    o.backoffBase = std::chrono::milliseconds(5);
+    store = std::make_shared<DynamoDbRecordStore>(o, nullptr);
+    return true;
+  }
+  bool breakIt() {
+    server->stop();
+    return true;
+  }
+};
+
+template <class Kind>
+class RecordStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why;
+    if (!kind_.ready(&why)) GTEST_SKIP() << why;
+    store_ = kind_.store;
+    ASSERT_FALSE(ensureRecordTables(*store_).has_value());
+  }
+
+  std::optional<StoreError> saveAndWait(const std::string& table, Item item) {
+    std::promise<std::optional<StoreError>> done;
+    store_->save(table, std::move(item), [&](std::optional<StoreError> e) { done.set_value(e); });
+    return done.get_future().get();
+  }
+
+  template <class Model>
+  std::optional<Model> readBack(const Model& m) {
+    const Item item = m.toItem();
+    Item key{{Model::hashKeyAttribute(), item.at(Model::hashKeyAttribute())},
+             {Model::rangeKeyAttribute(), item.at(Model::rangeKeyAttribute())}};
+    std::optional<StoreError> error;
+    auto got = store_->get(Model::dynamoDBTableName(), key, &error);
+    EXPECT_FALSE(error.has_value()) << error->message;
+    if (!got) return std::nullopt;
+    EXPECT_EQ(*got, item);
+    return Model::fromItem(*got);
+  }
+
+  Kind kind_;
+  std::shared_ptr<RecordStore> store_;
+};
+
+using Kinds = ::testing::Types<MemoryKind, SqliteKind, DynamoKind>;
+TYPED_TEST_SUITE(RecordStoreTest, Kinds);
+
+TYPED_TEST(RecordStoreTest, EveryModelSavedAndReadBackEqual) {
+  const std::string s = "A1B2C3D4-0000-4000-8000-000000000001";
+  ImageFeaturesModel features(s, 7, {1, 0.5, -3.25});
+  SceneUnderstandingModel object(s, 8, 0.1f, -2.5f, 1e-05f, "chair", 0.875f, 42, true);
+  DetectedPlaneModel plane(s, 9, "PLANE-1", "horizontal", "0.1,0.0,0.2|0.3,0.0,0.4", false,
+                           "1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.5,0.0,-1.0,1.0",
+                           false);
+  DetectedPlaneModel removal(s, 10, "PLANE-1", true, true);
+  CameraPathModel path(s, 20, {{"20", "1.0,0.0,"}, {"21", "2.0,0.0,"}});
+  PointCloudModel cloud(s, 180, {{180, {12, 99}}, {181, {99}}},
+                        {{12, {0.5f, -1.25f, 2.0f}}, {99, {1, 2, 3}}});
+  TransformResultModel result;
+  result.sessionId = s;
+  result.timestamp = 1763770000.123456;
+  result.matchValue = "0.75";
+  result.transform = "0.1,0.0,-0.2,1.5707964";
+  result.localizer = "su_localizer";
+  result.suppress = false;
+
+  for (auto [table, item] : std::vector<std::pair<std::string, Item>>{
+           {ImageFeaturesModel::kTableName, features.toItem()},
+           {SceneUnderstandingModel::kTableName, object.toItem()},
+           {DetectedPlaneModel::kTableName, plane.toItem()},
+           {DetectedPlaneModel::kTableName, removal.toItem()},
+           {CameraPathModel::kTableName, path.toItem()},
+           {PointCloudModel::kTableName, cloud.toItem()},
+           {TransformResultModel::kTableName, result.toItem()}}) {
+    const auto error = this->saveAndWait(table, item);
+    ASSERT_FALSE(error.has_value()) << table << ": " << error->message;
+  }
+  EXPECT_EQ(this->readBack(features), features);
+  EXPECT_EQ(this->readBack(object), object);
+  EXPECT_EQ(this->readBack(plane), plane);
+  EXPECT_EQ(this->readBack(removal), removal);
+  EXPECT_EQ(this->readBack(path), path);
+  EXPECT_EQ(this->readBack(cloud), cloud);
+  EXPECT_EQ(this->readBack(result), result);
+}
+
+TYPED_TEST(RecordStoreTest, QueryFollowsNumericRangeOrderOverPages) {
+  const std::string table = CameraPathModel::kTableName;
+  // Out of order, and with numbers whose text order differs from their value order.
+  std::vector<int64_t> frames;
+  for (int64_t f = 23 * 20; f >= 0; f -= 20) frames.push_back(f);
+  frames.push_back(1000000000000);
+  for (int64_t f : frames) {
+    ASSERT_FALSE(this->store_->put(table, CameraPathModel("S", f, {{"0", "x"}}).toItem()));
+  }
+  ASSERT_FALSE(this->store_->put(table, CameraPathModel("T", 5, {}).toItem()));
+
+  std::vector<int64_t> seen;
+  std::optional<Item> start;
+  int pages = 0;
+  do {
+    std::optional<StoreError> error;
+    QueryPage page = this->store_->query(table, AttributeValue::string("S"), start, 10, &error);
+    ASSERT_FALSE(error.has_value()) << error->message;
+    ASSERT_LE(page.items.size(), 10u);
+    for (const Item& item : page.items)
+      seen.push_back(CameraPathModel::fromItem(item)->frameId.value());
+    start = page.lastEvaluatedKey;
+    ASSERT_LT(++pages, 10);
+  } while (start);
+  std::sort(frames.begin(), frames.end());
+  EXPECT_EQ(seen, frames);
+  EXPECT_GE(pages, 3);
+
+  std::optional<StoreError> error;
+  EXPECT_EQ(queryAll(*this->store_, table, AttributeValue::string("S"), &error).size(),
+            frames.size());
+  EXPECT_TRUE(this->store_->query(table, AttributeValue::string("none"), {}, 10).items.empty());
+}
+
+TYPED_TEST(RecordStoreTest, DoubleRangeKeysOrderAndReplace) {
+  const std::string table = TransformResultModel::kTableName;
+  for (double t : {1763770000.5, 99.25, 1763770000.125, 99.25}) {
+    TransformResultModel r;
+    r.sessionId = "L";
+    r.timestamp = t;
+    r.localizer = t == 99.25 ? "second" : "first";
+    ASSERT_FALSE(this->store_->put(table, r.toItem()));
+  }
+  const auto items = queryAll(*this->store_, table, AttributeValue::string("L"));
+  ASSERT_EQ(items.size(), 3u);
+  EXPECT_EQ(TransformResultModel::fromItem(items[0])->timestamp, 99.25);
+  EXPECT_EQ(TransformResultModel::fromItem(items[1])->timestamp, 1763770000.125);
+  EXPECT_EQ(TransformResultModel::fromItem(items[2])->timestamp, 1763770000.5);
+}
+
+TYPED_TEST(RecordStoreTest, RefusesOversizeAndMalformedItems) {
+  const std::string table = ImageFeaturesModel::kTableName;
+  ImageFeaturesModel big;
+  big.sessionId = "S";
+  big.frameId = 1;
+  big.featuresC = std::string(kMaxItemBytes, 'x');
+  const auto error = this->saveAndWait(table, big.toItem());
+  ASSERT_TRUE(error.has_value());
+  EXPECT_EQ(error->message.rfind(kItemTooLargeMessage, 0), 0u) << error->message;
+  EXPECT_TRUE(this->store_->put(table, big.toItem()).has_value());
+
+  big.featuresC = std::string(kMaxItemBytes - 100, 'x');  // just under the limit
+  EXPECT_FALSE(this->saveAndWait(table, big.toItem()).has_value());
+
+  SceneUnderstandingModel nan("S", 2, std::nanf(""), 0, 0, "cup", 1, 1, false);
+  EXPECT_TRUE(this->saveAndWait(SceneUnderstandingModel::kTableName, nan.toItem()).has_value());
+  Item noRange = CameraPathModel("S", 3, {}).toItem();
+  noRange.erase("FrameId");
+  EXPECT_TRUE(this->saveAndWait(CameraPathModel::kTableName, noRange).has_value());
+  EXPECT_TRUE(this->saveAndWait("NoSuchTable", CameraPathModel("S", 3, {}).toItem()).has_value());
+  std::optional<StoreError> getError;
+  EXPECT_FALSE(
+      this->store_->get("NoSuchTable", {{"SessionId", AttributeValue::string("S")}}, &getError));
+  EXPECT_TRUE(getError.has_value());
+}
+
+TYPED_TEST(RecordStoreTest, FailureUnderneathIsPrintedNotFatal) {
+  if (!this->kind_.breakIt()) GTEST_SKIP() << "this store cannot fail underneath";
+  auto log = std::make_shared<PrintLog>();
+  RecordWriter writer(this->store_, log);
+  std::promise<bool> done;
+  writer.save(CameraPathModel("S", 40, {{"40", "1.0,"}}), [&](bool ok) { done.set_value(ok); });
+  EXPECT_FALSE(done.get_future().get());
+  const auto prints = log->prints();
+  ASSERT_EQ(prints.size(), 1u);
+  EXPECT_EQ(prints[0].rfind("Amazon DynamoDB Save Error: ", 0), 0u) << prints[0];
+  EXPECT_GT(prints[0].size(), std::string("Amazon DynamoDB Save Error: ").size());
+}
+
+}  // namespace
+}  // namespace omra
