@@ -1,0 +1,122 @@
+#include "src/mapping/location_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace omra {
+namespace {
+
+// Records what the manager passes on.
+class RecordingDelegate : public LocationManagerDelegate {
+ public:
+  void locationManagerDidUpdateLocation(LocationManager&, const Location& location) override {
+    locations.push_back(location);
+  }
+  void locationManagerDidUpdateHeading(LocationManager&, double heading, double accuracy) override {
+    headings.emplace_back(heading, accuracy);
+  }
+  std::vector<Location> locations;
+  std::vector<std::pair<double, double>> headings;
+};
+
+// A source that delivers what the test tells it to, and remembers whether it was stopped.
+class ScriptedSource : public LocationSource {
+ public:
+  void start(Listener onLocation, HeadingListener onHeading) override {
+    location = std::move(onLocation);
+    heading = std::move(onHeading);
+  }
+  void stop() override { *stopped = true; }
+  bool authorized() const override { return true; }
+  Listener location;
+  HeadingListener heading;
+  std::shared_ptr<bool> stopped = std::make_shared<bool>(false);
+};
+
+Location at(double lon, double lat) {
+  Location l;
+  l.longitude = lon;
+  l.latitude = lat;
+  l.altitude = 12;
+  l.horizontalAccuracy = 5;
+  l.verticalAccuracy = 3;
+  return l;
+}
+
+TEST(LocationManager, NoSourceMeansNoLocation) {
+  auto manager = LocationManager::create(nullptr);
+  EXPECT_FALSE(manager->currentLocation());
+  EXPECT_FALSE(manager->currentHeading());
+  LocationInfo info = manager->locationInfo(7);
+  EXPECT_EQ(info.cameraFrameId, 7u);
+  EXPECT_FALSE(info.longitude);
+  EXPECT_FALSE(info.heading);
+}
+
+TEST(LocationManager, EveryLocationReachesTheDelegateAndTheLastIsKept) {
+  auto manager = LocationManager::create(nullptr);
+  auto delegate = std::make_shared<RecordingDelegate>();
+  manager->setDelegate(delegate);
+  manager->didUpdateLocations({at(1, 2), at(3, 4), at(5, 6)});
+  ASSERT_EQ(delegate->locations.size(), 3u);
+  EXPECT_EQ(delegate->locations[1].longitude, 3);
+  ASSERT_TRUE(manager->currentLocation());
+  EXPECT_EQ(manager->currentLocation()->longitude, 5);
+  EXPECT_EQ(manager->currentLocation()->latitude, 6);
+}
+
+TEST(LocationManager, HeadingChoosesTrueOrMagneticByAccuracy) {
+  struct Case {
+    HeadingReading reading;
+    double heading;
+    double accuracy;
+  };
+  const Case cases[] = {
+      {{90, 80, 5}, 90, 5},    // valid true heading
+      {{90, 80, 0}, 90, 0},    // accuracy 0 is still valid
+      {{90, 80, -1}, 80, -1},  // invalid: magnetic, and the negative accuracy is kept
+  };
+  for (const Case& c : cases) {
+    auto manager = LocationManager::create(nullptr);
+    auto delegate = std::make_shared<RecordingDelegate>();
+    manager->setDelegate(delegate);
+    manager->didUpdateHeading(c.reading);
+    EXPECT_EQ(*manager->currentHeading(), c.heading);
+    EXPECT_EQ(*manager->currentHeadingAccuracy(), c.accuracy);
+    ASSERT_EQ(delegate->headings.size(), 1u);
+    EXPECT_EQ(delegate->headings[0].first, c.heading);
+  }
+}
+
+TEST(LocationManager, SourceUpdatesFlowInAndSourceStopsWithTheManager) {
+  auto source = std::make_shared<ScriptedSource>();
+  std::shared_ptr<bool> stopped = source->stopped;
+  auto manager = LocationManager::create(source);
+  ASSERT_TRUE(source->location);
+  source->location(at(10, 20));
+  source->heading(271.5);
+  ASSERT_TRUE(manager->currentLocation());
+  EXPECT_EQ(manager->currentLocation()->latitude, 20);
+  EXPECT_EQ(*manager->currentHeading(), 271.5);
+  LocationInfo info = manager->locationInfo(3);
+  EXPECT_EQ(*info.altitude, 12);
+  EXPECT_EQ(*info.heading, 271.5);
+  LocationSource::Listener late = source->location;
+  manager.reset();
+  EXPECT_TRUE(*stopped);
+  late(at(0, 0));  // a late delivery after the manager is gone is harmless
+}
+
+TEST(LocationManager, DelegateIsHeldWeakly) {
+  auto manager = LocationManager::create(nullptr);
+  auto delegate = std::make_shared<RecordingDelegate>();
+  manager->setDelegate(delegate);
+  delegate.reset();
+  manager->didUpdateLocations({at(1, 1)});  // must not touch the dropped delegate
+  EXPECT_TRUE(manager->currentLocation());
+  EXPECT_TRUE(manager->shouldDisplayHeadingCalibration());
+}
+
+}  // namespace
+}  // namespace omra
