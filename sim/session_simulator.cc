@@ -1,0 +1,347 @@
+#include "sim/session_simulator.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <random>
+#include <unordered_set>
+
+#include "sim/object_classes.h"
+#include "sim/scan_path.h"
+#include "sim/view_descriptor.h"
+
+namespace omra::sim {
+namespace {
+
+uint64_t mix(uint64_t a, uint64_t b) {
+  uint64_t z = a * 0x9E3779B97F4A7C15ULL + b + 0x632BE59BD9B4E019ULL;
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+  return z ^ (z >> 31);
+}
+
+std::string randomUuid(std::mt19937_64& rng) {
+  uint64_t hi = rng(), lo = rng();
+  hi = (hi & 0xFFFFFFFFFFFF0FFFULL) | 0x0000000000004000ULL;  // version 4
+  lo = (lo & 0x3FFFFFFFFFFFFFFFULL) | 0x8000000000000000ULL;  // variant 10
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "%08X-%04X-%04X-%04X-%012llX", static_cast<unsigned>(hi >> 32),
+                static_cast<unsigned>((hi >> 16) & 0xFFFF), static_cast<unsigned>(hi & 0xFFFF),
+                static_cast<unsigned>(lo >> 48),
+                static_cast<unsigned long long>(lo & 0xFFFFFFFFFFFFULL));
+  return buf;
+}
+
+double ramp(double x, double lo, double hi) { return std::clamp((x - lo) / (hi - lo), 0.0, 1.0); }
+
+// Plane anchors of one surface as the platform would report them: the seen part grows, a second
+// floor patch appears and is later merged into the first.
+struct TrackedPlane {
+  int surfaceId = 0;
+  std::string uuid;
+  bool added = false, removed = false;
+  int addedFrame = 0, lastUpdateFrame = 0;
+  Vec3 origin;                                        // room frame
+  Vec3 u, n, w;                                       // anchor axes x, y, z in the room frame
+  double minA = 0, maxA = 0, minB = 0, maxB = 0;      // reported extent
+  double pMinA = 0, pMaxA = 0, pMinB = 0, pMaxB = 0;  // extent seen so far
+  std::unordered_set<uint64_t> seen;
+  Vec3 sum;
+
+  void include(const Vec3& p) {
+    double a = (p - origin).dot(u), b = (p - origin).dot(w);
+    pMinA = std::min(pMinA, a);
+    pMaxA = std::max(pMaxA, a);
+    pMinB = std::min(pMinB, b);
+    pMaxB = std::max(pMaxB, b);
+  }
+  bool grew() const {
+    return pMinA < minA - 0.1 || pMaxA > maxA + 0.1 || pMinB < minB - 0.1 || pMaxB > maxB + 0.1;
+  }
+};
+
+class Simulator {
+ public:
+  Simulator(const Room& room, uint64_t sceneSeed, const SessionOptions& options)
+      : room_(room), options_(options), path_(room, options.seed), rng_(mix(options.seed, 77)) {
+    rec_.header.role = options.role;
+    rec_.header.sceneSeed = sceneSeed;
+    rec_.header.sessionSeed = options.seed;
+    rec_.header.fps = options.fps;
+    rec_.header.imageWidth = options.camera.imageWidth;
+    rec_.header.imageHeight = options.camera.imageHeight;
+    rec_.header.horizontalFovDegrees = options.camera.horizontalFovDegrees;
+    origin_ = sessionOrigin(room, options);
+    RecordingTruth truth;
+    truth.sessionFromRoom = origin_;
+    truth.room.width = room.width;
+    truth.room.depth = room.depth;
+    truth.room.height = room.height;
+    truth.room.walkA = room.walkA;
+    truth.room.walkB = room.walkB;
+    truth.room.objects = room.objects;
+    rec_.truth = std::move(truth);
+    idSalt_ = 1 + options.seed % 800'000'000ULL;
+    for (const PlaneSurface& s : room.surfaces) {
+      TrackedPlane p;
+      p.surfaceId = s.id;
+      planes_.push_back(std::move(p));
+    }
+    floorPatch_.surfaceId = 0;
+  }
+
+  Recording run() {
+    int frames = static_cast<int>(std::lround(options_.seconds * options_.fps));
+    for (int i = 0; i < frames; ++i) step(i);
+    rec_.indexFrames();
+    return std::move(rec_);
+  }
+
+ private:
+  struct ObjectView {
+    int inView = 0;
+    int visible = 0;
+  };
+
+  void step(int i) {
+    double t = i / options_.fps;
+    CameraPose pose = path_.pose(t);
+    std::mt19937_64 frameRng(mix(options_.seed, static_cast<uint64_t>(i) + 1));
+    Mat3 toCamera = pose.rotation.transposed();
+
+    // Feature points this frame, and how much of each object and surface is in sight.
+    std::vector<ObjectView> views(room_.objects.size() + 1);
+    std::vector<std::vector<const FeaturePoint*>> surfaceHits(room_.surfaces.size());
+    std::vector<const FeaturePoint*> seen;
+    for (const FeaturePoint& fp : room_.points) {
+      Vec3 rel = fp.position - pose.position;
+      double dist = rel.norm();
+      if (dist > options_.maxPointDistance || dist < 0.05) continue;
+      if (fp.normal.dot(rel) >= 0) continue;  // facing away
+      auto img = options_.camera.project(toCamera * rel);
+      if (!img || img->first < 0 || img->first > 1 || img->second < 0 || img->second > 1) continue;
+      ObjectView& ov = views[static_cast<size_t>(fp.objectId)];
+      ++ov.inView;
+      if (room_.occluded(pose.position, fp.position, fp.objectId)) continue;
+      ++ov.visible;
+      seen.push_back(&fp);
+      if (fp.surfaceId >= 0) surfaceHits[static_cast<size_t>(fp.surfaceId)].push_back(&fp);
+    }
+    if (static_cast<int>(seen.size()) > options_.maxPointsPerFrame) {
+      // The platform keeps a stable subset: rank by a hash of the identifier.
+      std::sort(seen.begin(), seen.end(), [&](const FeaturePoint* a, const FeaturePoint* b) {
+        return mix(a->id, idSalt_) < mix(b->id, idSalt_);
+      });
+      seen.resize(static_cast<size_t>(options_.maxPointsPerFrame));
+    }
+
+    trackPlanes(i, surfaceHits);
+
+    RecordedFrame f;
+    f.index = i;
+    f.timestamp = 1000.0 + t;
+    Mat3 sessionRotation = Mat3::rotY(origin_.theta) * pose.rotation;
+    f.worldFromCamera = makeTransform(sessionRotation, origin_.apply(pose.position));
+    Vec3 e = eulerFromRotation(sessionRotation);
+    f.eulerAngles = e.toFloat3();
+    for (const FeaturePoint* fp : seen) {
+      uint64_t id = idSalt_ * 10'000'000ULL + fp->id;
+      f.pointIds.push_back(id);
+      if (!rec_.points.count(id)) rec_.points[id] = origin_.apply(fp->position).toFloat3();
+    }
+    std::sort(f.pointIds.begin(), f.pointIds.end());
+    f.detections = detect(pose, toCamera, views, frameRng);
+    f.activation = viewDescriptor(room_, options_.camera, pose);
+    rec_.events.emplace_back(std::move(f));
+  }
+
+  std::vector<Detection> detect(const CameraPose& pose, const Mat3& toCamera,
+                                const std::vector<ObjectView>& views, std::mt19937_64& rng) {
+    std::vector<Detection> out;
+    std::uniform_real_distribution<double> unit(0, 1);
+    std::normal_distribution<double> gauss(0, 1);
+    const DetectorNoise& noise = options_.noise;
+    for (const SimObject& o : room_.objects) {
+      const ObjectView& v = views[static_cast<size_t>(o.id)];
+      if (v.inView == 0) continue;
+      double xMin = 1e9, yMin = 1e9, xMax = -1e9, yMax = -1e9;
+      bool behind = false;
+      for (const Vec3& c : Room::corners(o)) {
+        Vec3 cam = toCamera * (c - pose.position);
+        if (cam.z > -0.2) {
+          behind = true;
+          break;
+        }
+        auto img = options_.camera.project(cam);
+        auto [x, y] = options_.camera.imageToModel(img->first, img->second);
+        xMin = std::min(xMin, x);
+        xMax = std::max(xMax, x);
+        yMin = std::min(yMin, y);
+        yMax = std::max(yMax, y);
+      }
+      if (behind) continue;
+      double full = (xMax - xMin) * (yMax - yMin);
+      double cx0 = std::max(xMin, 0.0), cx1 = std::min(xMax, 1.0);
+      double cy0 = std::max(yMin, 0.0), cy1 = std::min(yMax, 1.0);
+      if (cx1 - cx0 < 0.03 || cy1 - cy0 < 0.03 || full <= 0) continue;
+      double inside = (cx1 - cx0) * (cy1 - cy0) / full;
+      double visibleFraction = static_cast<double>(v.visible) / v.inView;
+      double distance = (o.center - pose.position).norm();
+      double p = (1 - noise.missRate) * ramp(visibleFraction, 0.25, 0.6) * ramp(inside, 0.35, 0.7) *
+                 (distance < 7 ? 1 : 0);
+      if (unit(rng) >= p) continue;
+      double w = cx1 - cx0, h = cy1 - cy0;
+      Detection d;
+      d.classIndex = o.classIndex;
+      d.objectId = o.id;
+      d.score = static_cast<float>(std::clamp(
+          0.55 + 0.4 * visibleFraction * inside - 0.03 * distance + noise.scoreJitter * gauss(rng),
+          0.3, 0.99));
+      d.xMin = static_cast<float>(cx0 + noise.boxJitter * w * gauss(rng));
+      d.xMax = static_cast<float>(cx1 + noise.boxJitter * w * gauss(rng));
+      d.yMin = static_cast<float>(cy0 + noise.boxJitter * h * gauss(rng));
+      d.yMax = static_cast<float>(cy1 + noise.boxJitter * h * gauss(rng));
+      if (d.xMax - d.xMin < 0.01 || d.yMax - d.yMin < 0.01) continue;
+      out.push_back(d);
+    }
+    if (unit(rng) < noise.falsePositiveRate) {
+      auto classes = furnitureClasses();
+      Detection d;
+      d.classIndex =
+          classes[std::uniform_int_distribution<size_t>(0, classes.size() - 1)(rng)].index;
+      d.score = static_cast<float>(0.15 + 0.4 * unit(rng));
+      double cx = 0.1 + 0.8 * unit(rng), cy = 0.1 + 0.8 * unit(rng);
+      double w = 0.05 + 0.25 * unit(rng), h = 0.05 + 0.25 * unit(rng);
+      d.xMin = static_cast<float>(cx - w / 2);
+      d.xMax = static_cast<float>(cx + w / 2);
+      d.yMin = static_cast<float>(cy - h / 2);
+      d.yMax = static_cast<float>(cy + h / 2);
+      out.push_back(d);
+    }
+    return out;
+  }
+
+  void trackPlanes(int frame, const std::vector<std::vector<const FeaturePoint*>>& hits) {
+    constexpr double kPatchDistance = 2.0;
+    for (size_t s = 0; s < planes_.size(); ++s) {
+      TrackedPlane& p = planes_[s];
+      const PlaneSurface& surface = room_.surfaces[s];
+      bool floorSplit = surface.kind == SurfaceKind::kFloor && !patchMerged_;
+      for (const FeaturePoint* fp : hits[s]) {
+        if (p.added && floorSplit && (fp->position - p.origin).norm() > kPatchDistance) {
+          bool fresh = floorPatch_.seen.insert(fp->id).second;
+          if (floorPatch_.added) {
+            floorPatch_.include(fp->position);
+          } else if (fresh) {
+            floorPatch_.sum = floorPatch_.sum + fp->position;
+          }
+          continue;
+        }
+        if (p.seen.insert(fp->id).second) p.sum = p.sum + fp->position;
+        if (p.added) p.include(fp->position);
+      }
+      if (!p.added) {
+        if (p.seen.size() >= 25 && hits[s].size() >= 8) {
+          start(p, surface, p.sum * (1.0 / static_cast<double>(p.seen.size())), frame, hits[s]);
+        }
+      } else if (p.grew() && frame - p.lastUpdateFrame >= 20) {
+        report(p, PlaneEventKind::kUpdated, frame);
+      }
+    }
+    if (patchMerged_ || !planes_[0].added) return;
+    TrackedPlane& patch = floorPatch_;
+    if (!patch.added && patch.seen.size() >= 20) {
+      start(patch, room_.surfaces[0], patch.sum * (1.0 / static_cast<double>(patch.seen.size())),
+            frame, hits[0]);
+    } else if (patch.added && frame - patch.addedFrame >= 90) {
+      // The platform found that both patches are one floor: the second goes, the first grows.
+      report(patch, PlaneEventKind::kRemoved, frame);
+      TrackedPlane& floor = planes_[0];
+      for (double a : {patch.pMinA, patch.pMaxA}) {
+        for (double b : {patch.pMinB, patch.pMaxB})
+          floor.include(patch.origin + patch.u * a + patch.w * b);
+      }
+      report(floor, PlaneEventKind::kUpdated, frame);
+      patchMerged_ = true;
+    } else if (patch.added && patch.grew() && frame - patch.lastUpdateFrame >= 20) {
+      report(patch, PlaneEventKind::kUpdated, frame);
+    }
+  }
+
+  void start(TrackedPlane& p, const PlaneSurface& surface, const Vec3& centroid, int frame,
+             const std::vector<const FeaturePoint*>& hits) {
+    p.uuid = randomUuid(rng_);
+    p.n = surface.normal;
+    p.u = surface.axisU;
+    p.w = p.u.cross(p.n);
+    // On the plane itself, not on the points' jitter.
+    p.origin = centroid - p.n * (centroid - surface.center).dot(p.n);
+    p.pMinA = p.pMaxA = p.pMinB = p.pMaxB = 0;
+    for (const FeaturePoint* fp : hits) {
+      if (p.seen.count(fp->id)) p.include(fp->position);
+    }
+    p.added = true;
+    p.addedFrame = frame;
+    report(p, PlaneEventKind::kAdded, frame);
+  }
+
+  void report(TrackedPlane& p, PlaneEventKind kind, int frame) {
+    if (kind != PlaneEventKind::kRemoved) {
+      p.minA = p.pMinA;
+      p.maxA = p.pMaxA;
+      p.minB = p.pMinB;
+      p.maxB = p.pMaxB;
+    }
+    p.lastUpdateFrame = frame;
+    PlaneEvent e;
+    e.kind = kind;
+    ArPlaneAnchor& a = e.anchor;
+    a.identifier = p.uuid;
+    Mat3 axes;
+    for (int r = 0; r < 3; ++r) {
+      const double col[3][3] = {
+          {p.u.x, p.u.y, p.u.z}, {p.n.x, p.n.y, p.n.z}, {p.w.x, p.w.y, p.w.z}};
+      for (int c = 0; c < 3; ++c) axes.m[r][c] = col[c][r];
+    }
+    a.transform = makeTransform(Mat3::rotY(origin_.theta) * axes, origin_.apply(p.origin));
+    a.alignment = room_.surfaces[static_cast<size_t>(p.surfaceId)].horizontal()
+                      ? PlaneAlignment::kHorizontal
+                      : PlaneAlignment::kVertical;
+    a.center = Vec3{(p.minA + p.maxA) / 2, 0, (p.minB + p.maxB) / 2}.toFloat3();
+    a.extent = Vec3{p.maxA - p.minA, 0, p.maxB - p.minB}.toFloat3();
+    a.boundaryVertices =
+        std::vector<Float3>{Vec3{p.minA, 0, p.minB}.toFloat3(), Vec3{p.maxA, 0, p.minB}.toFloat3(),
+                            Vec3{p.maxA, 0, p.maxB}.toFloat3(), Vec3{p.minA, 0, p.maxB}.toFloat3()};
+    rec_.events.emplace_back(std::move(e));
+  }
+
+  const Room& room_;
+  SessionOptions options_;
+  ScanPath path_;
+  std::mt19937_64 rng_;
+  YawTransform origin_;
+  uint64_t idSalt_ = 1;
+  std::vector<TrackedPlane> planes_;
+  TrackedPlane floorPatch_;
+  bool patchMerged_ = false;
+  Recording rec_;
+};
+
+}  // namespace
+
+YawTransform sessionOrigin(const Room& room, const SessionOptions& options) {
+  CameraPose first = ScanPath(room, options.seed).pose(0);
+  YawTransform t;
+  t.theta = wrapAngle(-first.yaw);
+  Vec3 shift = Mat3::rotY(t.theta) * first.position;
+  t.tx = -shift.x;
+  t.ty = -shift.y;
+  t.tz = -shift.z;
+  return t;
+}
+
+Recording simulateSession(const Room& room, uint64_t sceneSeed, const SessionOptions& options) {
+  return Simulator(room, sceneSeed, options).run();
+}
+
+}  // namespace omra::sim

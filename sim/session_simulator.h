@@ -1,0 +1,40 @@
+// Simulates one AR session in a room: the camera path, the frames with their feature points, the
+// plane anchors as they come into view, and what the detector sees. Deterministic in its inputs;
+// the function holds no state between calls and is safe to call from several threads at once.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "sim/camera_model.h"
+#include "sim/recording.h"
+#include "sim/room.h"
+
+namespace omra::sim {
+
+struct DetectorNoise {
+  double missRate = 0.1;            // chance that a well-visible object goes unreported in a frame
+  double boxJitter = 0.02;          // std. dev. of each box edge, as a fraction of the box's side
+  double scoreJitter = 0.05;        // std. dev. of the score
+  double falsePositiveRate = 0.05;  // chance per frame of one box where there is nothing
+};
+
+struct SessionOptions {
+  std::string role = "mapping";
+  uint64_t seed = 1;  // the path, the session's origin, noise
+  double seconds = 30;
+  double fps = 60;
+  CameraModel camera;
+  DetectorNoise noise;
+  int maxPointsPerFrame = 600;
+  double maxPointDistance = 6.0;  // metres: farther surface points are not tracked
+};
+
+// The session's world origin sits where its first camera stood, gravity-aligned, with -z along
+// that camera's heading, as an AR platform starts one; the truth records session_from_room.
+Recording simulateSession(const Room& room, uint64_t sceneSeed, const SessionOptions& options);
+
+// The origin a session with these options gets (session_from_room), without running it.
+YawTransform sessionOrigin(const Room& room, const SessionOptions& options);
+
+}  // namespace omra::sim
