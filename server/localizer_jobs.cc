@@ -1,0 +1,70 @@
+#include "server/localizer_jobs.h"
+
+#include <charconv>
+#include <cstdio>
+
+#include "server/ids.h"
+#include "server/session_records.h"
+
+namespace omra::server {
+
+bool isLocalizerName(const std::string& name) {
+  return name == kImageMatcher || name == kSuLocalizer || name == kSuLocalizerSeeded;
+}
+
+std::string matchValueText(double value) {
+  char buf[32];
+  auto [ptr, ec] = std::to_chars(buf, buf + sizeof buf, static_cast<float>(value));
+  return ec == std::errc() ? std::string(buf, ptr) : "0";
+}
+
+JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std::string& mapUuid,
+                        const std::string& sessionUuid, const LocalizerOptions& options) {
+  JobOutcome out;
+  RecordStore& records = store.records();
+  if (localizer == kImageMatcher) {
+    auto map = readPosedFeatures(records, mapUuid, &out.error);
+    if (out.error) return out;
+    auto session = readPosedFeatures(records, sessionUuid, &out.error);
+    if (out.error) return out;
+    const ImageFeatureIndex index(map);
+    out.report = ImageMatcher(options.imageMatcher).estimate(index, session);
+    out.summary = std::to_string(map.size()) + " map frames, " + std::to_string(session.size()) +
+                  " session frames";
+  } else {
+    std::optional<Pose4> seed;
+    if (localizer == kSuLocalizerSeeded) {
+      auto best = store.bestTransform(sessionUuid, kImageMatcher, &out.error);
+      if (out.error) return out;
+      if (best && best->transform) seed = Pose4::parse(*best->transform);
+      if (!seed) {
+        out.summary = "no image-matcher result to seed from";
+        return out;
+      }
+    }
+    auto map = buildLandmarks(readObservations(records, mapUuid, &out.error));
+    if (out.error) return out;
+    auto session = buildLandmarks(readObservations(records, sessionUuid, &out.error));
+    if (out.error) return out;
+    out.report = SuLocalizer(options.su).estimate(map, session, seed);
+    out.summary = std::to_string(map.size()) + " map landmarks, " + std::to_string(session.size()) +
+                  " session landmarks";
+  }
+  char line[160];
+  std::snprintf(line, sizeof line, "; inliers %d, residual %.3f m, match value %.3f",
+                out.report.inliers, out.report.residual, out.report.matchValue);
+  out.summary += line;
+  if (!out.report.found) return out;
+  TransformResultModel result;
+  result.sessionId = sessionUuid;
+  result.timestamp = uniqueSeconds();
+  result.matchValue = matchValueText(out.report.matchValue);
+  result.transform = out.report.transform.toText();
+  result.localizer = localizer;
+  result.suppress = false;
+  out.error = store.addTransform(result);
+  out.wrote = !out.error;
+  return out;
+}
+
+}  // namespace omra::server

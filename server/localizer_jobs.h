@@ -1,0 +1,40 @@
+// One run of a localizer for a localization session against its map: read the records, estimate,
+// write a "Transformations" item when a transform was found. Free functions; thread-safe.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "server/localizers/image_matcher.h"
+#include "server/localizers/su_localizer.h"
+#include "server/map_store.h"
+
+namespace omra::server {
+
+inline constexpr const char* kImageMatcher = "full_image_matcher";
+inline constexpr const char* kSuLocalizer = "su_localizer";
+inline constexpr const char* kSuLocalizerSeeded = "su_localizer_seeded";
+
+bool isLocalizerName(const std::string& name);
+
+struct LocalizerOptions {
+  SuLocalizerOptions su;
+  ImageMatcherOptions imageMatcher;
+};
+
+struct JobOutcome {
+  LocalizerReport report;
+  bool wrote = false;
+  std::optional<StoreError> error;
+  std::string summary;  // one line for the log
+};
+
+// localizer: one of the three names. mapUuid: the mapping session; sessionUuid: the
+// localization session, under which the result is written.
+JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std::string& mapUuid,
+                        const std::string& sessionUuid, const LocalizerOptions& options);
+
+// The "MatchValue" text: the shortest text of the value as a 32-bit float, as the kit reads it.
+std::string matchValueText(double value);
+
+}  // namespace omra::server

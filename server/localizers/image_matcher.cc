@@ -1,0 +1,171 @@
+#include "server/localizers/image_matcher.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <map>
+
+namespace omra::server {
+namespace {
+
+// Four-float SIMD lanes through the compiler's vector extension; loads may be unaligned.
+typedef float V4 __attribute__((vector_size(16)));
+
+inline V4 load(const float* p) {
+  V4 v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+inline float sum(V4 v) { return (v[0] + v[1]) + (v[2] + v[3]); }
+
+struct Match {
+  float similarity;
+  int64_t sessionFrame;
+  Pose4 pose;
+};
+
+}  // namespace
+
+ImageFeatureIndex::ImageFeatureIndex(const std::vector<PosedFeatures>& frames) {
+  // The most common dimension wins; frames of another dimension cannot be compared.
+  std::map<size_t, int> dims;
+  for (const PosedFeatures& f : frames) {
+    if (!f.features.empty()) ++dims[f.features.size()];
+  }
+  int most = 0;
+  for (auto [d, count] : dims) {
+    if (count > most) {
+      most = count;
+      dim_ = d;
+    }
+  }
+  stride_ = (dim_ + 3) / 4 * 4;
+  matrix_.reserve(frames.size() * stride_);
+  std::vector<float> row(stride_);
+  for (const PosedFeatures& f : frames) {
+    if (!normalise(f.features, row.data())) continue;
+    matrix_.insert(matrix_.end(), row.begin(), row.end());
+    poses_.push_back(f.cameraPose);
+  }
+}
+
+bool ImageFeatureIndex::normalise(const std::vector<float>& v, float* out) const {
+  if (dim_ == 0 || v.size() != dim_) return false;
+  double norm2 = 0;
+  for (float x : v) norm2 += static_cast<double>(x) * x;
+  if (!(norm2 > 0) || !std::isfinite(norm2)) return false;
+  const auto inv = static_cast<float>(1.0 / std::sqrt(norm2));
+  for (size_t k = 0; k < dim_; ++k) out[k] = v[k] * inv;
+  for (size_t k = dim_; k < stride_; ++k) out[k] = 0;
+  return true;
+}
+
+std::pair<int, float> ImageFeatureIndex::best(const float* unitVector) const {
+  const float* v[4] = {unitVector, unitVector, unitVector, unitVector};
+  std::pair<int, float> out[4];
+  best4(v, out);
+  return out[0];
+}
+
+void ImageFeatureIndex::best4(const float* const v[4], std::pair<int, float> out[4]) const {
+  for (int q = 0; q < 4; ++q) out[q] = {-1, -2.0f};
+  const size_t rows = size();
+  for (size_t r = 0; r < rows; ++r) {
+    const float* row = matrix_.data() + r * stride_;
+    V4 a0{}, a1{}, a2{}, a3{};
+    for (size_t k = 0; k < stride_; k += 4) {
+      const V4 m = load(row + k);
+      a0 += m * load(v[0] + k);
+      a1 += m * load(v[1] + k);
+      a2 += m * load(v[2] + k);
+      a3 += m * load(v[3] + k);
+    }
+    const float s[4] = {sum(a0), sum(a1), sum(a2), sum(a3)};
+    for (int q = 0; q < 4; ++q) {
+      if (s[q] > out[q].second) out[q] = {static_cast<int>(r), s[q]};
+    }
+  }
+}
+
+LocalizerReport ImageMatcher::estimate(const ImageFeatureIndex& map,
+                                       const std::vector<PosedFeatures>& session) const {
+  LocalizerReport report;
+  if (map.size() == 0 || session.empty()) return report;
+
+  // Normalise the session once, then match four frames per pass over the map matrix.
+  const size_t stride = map.stride();
+  std::vector<float> unit(session.size() * stride);
+  std::vector<size_t> usable;
+  for (size_t i = 0; i < session.size(); ++i) {
+    if (map.normalise(session[i].features, unit.data() + usable.size() * stride)) {
+      usable.push_back(i);
+    }
+  }
+  std::vector<Match> matches;
+  matches.reserve(usable.size());
+  for (size_t b = 0; b < usable.size(); b += 4) {
+    const float* v[4];
+    for (size_t q = 0; q < 4; ++q) v[q] = unit.data() + std::min(b + q, usable.size() - 1) * stride;
+    std::pair<int, float> found[4];
+    map.best4(v, found);
+    for (size_t q = 0; q < 4 && b + q < usable.size(); ++q) {
+      const PosedFeatures& f = session[usable[b + q]];
+      const Mat4 t = multiply(f.cameraPose, rigidInverse(map.pose(found[q].first)));
+      matches.push_back({found[q].second, f.frameId, reduceToPose4(t)});
+    }
+  }
+  if (matches.empty()) return report;
+
+  const size_t k = std::min(matches.size(), static_cast<size_t>(options_.topMatches));
+  std::partial_sort(matches.begin(), matches.begin() + static_cast<std::ptrdiff_t>(k),
+                    matches.end(), [](const Match& a, const Match& b) {
+                      return a.similarity != b.similarity ? a.similarity > b.similarity
+                                                          : a.sessionFrame < b.sessionFrame;
+                    });
+  auto agree = [&](const Pose4& a, const Pose4& b) {
+    return std::hypot(a.tx - b.tx, a.ty - b.ty, a.tz - b.tz) <= options_.agreeDistance &&
+           std::abs(wrapAngle(a.theta - b.theta)) <= options_.agreeAngle;
+  };
+  size_t winner = 0;
+  int winnerOthers = -1;
+  for (size_t i = 0; i < k; ++i) {
+    int others = 0;
+    for (size_t j = 0; j < k; ++j) {
+      if (j != i && agree(matches[i].pose, matches[j].pose)) ++others;
+    }
+    if (others > winnerOthers) {
+      winnerOthers = others;
+      winner = i;
+    }
+  }
+  // The mean of the winner's group: translations averaged, angles on the circle.
+  double tx = 0, ty = 0, tz = 0, sn = 0, cs = 0, sim = 0;
+  std::vector<const Pose4*> group;
+  for (size_t j = 0; j < k; ++j) {
+    if (j != winner && !agree(matches[winner].pose, matches[j].pose)) continue;
+    const Pose4& p = matches[j].pose;
+    group.push_back(&p);
+    tx += p.tx;
+    ty += p.ty;
+    tz += p.tz;
+    sn += std::sin(p.theta);
+    cs += std::cos(p.theta);
+    sim += matches[j].similarity;
+  }
+  const double n = static_cast<double>(group.size());
+  report.transform = {tx / n, ty / n, tz / n, std::atan2(sn, cs)};
+  double spread = 0;
+  for (const Pose4* p : group) {
+    spread += std::pow(p->tx - report.transform.tx, 2) + std::pow(p->ty - report.transform.ty, 2) +
+              std::pow(p->tz - report.transform.tz, 2);
+  }
+  report.inliers = static_cast<int>(group.size());
+  report.residual = std::sqrt(spread / n);
+  report.matchValue = n / options_.topMatches * (sim / n);
+  report.hypotheses = static_cast<int>(k);
+  report.found = report.inliers >= options_.minGroup;
+  return report;
+}
+
+}  // namespace omra::server

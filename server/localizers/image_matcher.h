@@ -1,0 +1,64 @@
+// The image matcher: pairs each session frame with the map frame of most similar image features
+// and takes the camera poses of the pairs that agree. Stateless apart from its options; estimate()
+// may run on any thread.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "server/localizers/pose4.h"
+#include "server/localizers/su_localizer.h"
+
+namespace omra::server {
+
+// One frame with its image-feature vector and camera pose (camera to world, row-major).
+struct PosedFeatures {
+  int64_t frameId = 0;
+  Mat4 cameraPose{};
+  std::vector<float> features;
+};
+
+struct ImageMatcherOptions {
+  int topMatches = 20;               // the most similar matches that vote
+  double agreeDistance = 0.3;        // metres
+  double agreeAngle = 0.0872664626;  // radians (5 degrees)
+  int minGroup = 3;
+};
+
+// Map frames, unit-normalised once into one flat matrix so that many sessions can be matched
+// against them cheaply. Immutable after construction; safe to share across threads.
+class ImageFeatureIndex {
+ public:
+  explicit ImageFeatureIndex(const std::vector<PosedFeatures>& frames);
+
+  size_t size() const { return poses_.size(); }
+  size_t dimension() const { return dim_; }
+  // Best (index, cosine similarity) for a vector of this index's dimension; index -1 when empty.
+  std::pair<int, float> best(const float* unitVector) const;
+  // Matches four unit vectors at once (each pointer may repeat); fills four answers.
+  void best4(const float* const v[4], std::pair<int, float> out[4]) const;
+  const Mat4& pose(int index) const { return poses_[static_cast<size_t>(index)]; }
+
+  // Unit-normalises v into out, padded with zeros to stride(); false for a zero or non-finite
+  // vector or a different dimension.
+  bool normalise(const std::vector<float>& v, float* out) const;
+  size_t stride() const { return stride_; }
+
+ private:
+  size_t dim_ = 0, stride_ = 0;
+  std::vector<float> matrix_;  // size() rows of stride_ floats
+  std::vector<Mat4> poses_;
+};
+
+class ImageMatcher {
+ public:
+  explicit ImageMatcher(ImageMatcherOptions options = {}) : options_(options) {}
+
+  LocalizerReport estimate(const ImageFeatureIndex& map,
+                           const std::vector<PosedFeatures>& session) const;
+
+ private:
+  ImageMatcherOptions options_;
+};
+
+}  // namespace omra::server

@@ -1,0 +1,89 @@
+// omra-server in process: the HTTP routes of the back end under "/beta" and "/prod" over one record
+// store, with the localizer job runner. Owns its HTTP threads and job workers; start(), stop() and
+// the accessors are thread-safe.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "omrakit/config.h"
+#include "omrakit/platform/record_store.h"
+#include "server/job_runner.h"
+#include "server/localizer_jobs.h"
+
+namespace omra::server {
+
+class MapService;
+
+struct ServerOptions {
+  std::string host = "127.0.0.1";
+  int port = 0;  // 0: any free port (read it back with Server::port())
+  // The store the server keeps everything in; Server requires it. runServerCommand opens
+  // storeSpec when it is null.
+  std::shared_ptr<RecordStore> store;
+  std::string storeSpec = "sqlite:omra-server.db";  // "sqlite:PATH", "dynamodb:URL", "memory"
+  AwsSettings aws;                                  // region and credentials for a DynamoDB store
+  bool createTables = true;                         // create missing tables at start
+  int jobWorkers = 2;
+  int httpThreads = 32;
+  int keepAliveSeconds = 5;
+  size_t maxBodyBytes = 1 << 20;
+  std::set<std::string> allowedDeveloperKeys;  // empty: every developer key
+  LocalizerOptions localizers;
+  bool logRequests = true;
+  // Receives every log line (requests and jobs); default: standard error. Must be thread-safe.
+  std::function<void(std::string_view)> log;
+};
+
+class Server {
+ public:
+  explicit Server(ServerOptions options);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Creates the tables (when asked), binds and serves on background threads. False with a reason
+  // when the store or the port cannot be used. Call once.
+  bool start(std::string* error = nullptr);
+  // The bound port (0 before start).
+  int port() const { return port_.load(); }
+  // "http://HOST:PORT", the base the kit's endpoint hosts take.
+  std::string baseUrl() const;
+  // Stops taking requests, finishes running jobs (queued ones are dropped) and joins every
+  // thread. Idempotent.
+  void stop();
+  // Blocks until no localizer job is queued or running (tests, demos).
+  void waitForJobs();
+  JobRunner::Stats jobStats() const;
+
+ private:
+  struct Http;
+  void log(std::string_view line) const;
+
+  ServerOptions options_;
+  std::unique_ptr<JobRunner> jobs_;
+  std::unique_ptr<MapService> service_;
+  std::unique_ptr<Http> http_;
+  std::thread listener_;
+  std::atomic<int> port_{0};
+  std::once_flag stopped_;
+};
+
+// The `omra server` command: opens the store (options.store, or options.storeSpec), serves until
+// SIGINT or SIGTERM, then stops as Server::stop() does. Blocks those two signals in the calling
+// thread before any thread starts, so call it from the main thread before starting others. Returns
+// the process exit code.
+int runServerCommand(ServerOptions options);
+
+// Creates every record table and the server's own in the store named by spec (DynamoDB's "create
+// tables" step). Returns 0, or prints the error and returns 1.
+int createTablesCommand(const std::string& storeSpec, const AwsSettings& aws = {});
+
+}  // namespace omra::server

@@ -1,0 +1,131 @@
+#include "server/session_records.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <map>
+
+#include "src/cloud/camera_path_model.h"
+#include "src/cloud/compression.h"
+#include "src/cloud/image_features_model.h"
+#include "src/cloud/scene_understanding_model.h"
+
+namespace omra::server {
+namespace {
+
+template <class T>
+bool parseNumber(std::string_view piece, T& out) {
+  auto [ptr, ec] = std::from_chars(piece.data(), piece.data() + piece.size(), out);
+  return ec == std::errc() && ptr == piece.data() + piece.size() && std::isfinite(out);
+}
+
+}  // namespace
+
+std::optional<std::vector<float>> parseFeatureText(std::string_view text) {
+  std::vector<float> out;
+  if (text.empty()) return out;
+  out.reserve(text.size() / 9 + 1);
+  size_t pos = 0;
+  while (true) {
+    const size_t end = std::min(text.find(',', pos), text.size());
+    float v = 0;
+    if (!parseNumber(text.substr(pos, end - pos), v)) return std::nullopt;
+    out.push_back(v);
+    if (end == text.size()) break;
+    pos = end + 1;
+  }
+  return out;
+}
+
+std::optional<Mat4> parsePoseText(std::string_view text) {
+  Mat4 m{};
+  size_t pos = 0;
+  for (int i = 0; i < 16; ++i) {
+    const size_t end = text.find(',', pos);
+    if (end == std::string_view::npos) return std::nullopt;
+    double v = 0;
+    if (!parseNumber(text.substr(pos, end - pos), v)) return std::nullopt;
+    m[static_cast<size_t>(i)] = v;
+    pos = end + 1;
+  }
+  if (pos != text.size()) return std::nullopt;
+  return m;
+}
+
+std::vector<ObjectObservation> readObservations(RecordStore& store, const std::string& sessionId,
+                                                std::optional<StoreError>* error,
+                                                ReadStats* stats) {
+  std::vector<ObjectObservation> out;
+  ReadStats local;
+  for (const Item& item : queryAll(store, SceneUnderstandingModel::kTableName,
+                                   AttributeValue::string(sessionId), error)) {
+    ++local.records;
+    auto m = SceneUnderstandingModel::fromItem(item);
+    if (!m || !m->objectId || !m->objectName || !m->positionX || !m->positionY || !m->positionZ ||
+        !std::isfinite(*m->positionX) || !std::isfinite(*m->positionY) ||
+        !std::isfinite(*m->positionZ)) {
+      ++local.skipped;
+      continue;
+    }
+    out.push_back({*m->objectId, *m->objectName, {*m->positionX, *m->positionY, *m->positionZ}});
+  }
+  if (stats) *stats = local;
+  return out;
+}
+
+std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::string& sessionId,
+                                             std::optional<StoreError>* error, ReadStats* stats,
+                                             int maxFrameGap) {
+  ReadStats local;
+  const AttributeValue hash = AttributeValue::string(sessionId);
+  std::map<int64_t, Mat4> poses;
+  for (const Item& item : queryAll(store, CameraPathModel::kTableName, hash, error)) {
+    ++local.records;
+    auto m = CameraPathModel::fromItem(item);
+    if (!m || !m->transforms) {
+      ++local.skipped;
+      continue;
+    }
+    for (const auto& [frameText, poseText] : *m->transforms) {
+      int64_t frame = 0;
+      auto pose = parsePoseText(poseText);
+      if (!parseNumber(std::string_view(frameText), frame) || !pose) {
+        ++local.skipped;
+        continue;
+      }
+      poses[frame] = *pose;
+    }
+  }
+  std::vector<PosedFeatures> out;
+  if (error && *error) return out;
+  for (const Item& item : queryAll(store, ImageFeaturesModel::kTableName, hash, error)) {
+    ++local.records;
+    auto m = ImageFeaturesModel::fromItem(item);
+    std::optional<std::string> text;
+    if (m && m->featuresC) text = decompress(*m->featuresC);
+    // An empty vector compresses to a valid stream that inflates to nothing: no use here.
+    auto features = text ? parseFeatureText(*text) : std::nullopt;
+    if (!m || !m->frameId || !features || features->empty()) {
+      ++local.skipped;
+      continue;
+    }
+    // The nearest camera-path frame; on a tie the earlier one.
+    const int64_t f = *m->frameId;
+    const Mat4* pose = nullptr;
+    int64_t gap = maxFrameGap + 1;
+    auto it = poses.lower_bound(f - maxFrameGap);
+    for (; it != poses.end() && it->first <= f + maxFrameGap; ++it) {
+      const int64_t d = std::abs(it->first - f);
+      if (d < gap) {
+        gap = d;
+        pose = &it->second;
+      }
+    }
+    if (!pose) continue;
+    out.push_back({f, *pose, std::move(*features)});
+  }
+  if (stats) *stats = local;
+  return out;
+}
+
+}  // namespace omra::server

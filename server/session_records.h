@@ -1,0 +1,36 @@
+// Reads what the kit recorded under one session identifier into the localizers' inputs. Records
+// that do not parse are skipped (counted), never fatal. Free functions; thread-safe.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "omrakit/platform/record_store.h"
+#include "server/localizers/image_matcher.h"
+#include "server/localizers/su_localizer.h"
+
+namespace omra::server {
+
+struct ReadStats {
+  size_t records = 0;
+  size_t skipped = 0;
+};
+
+std::vector<ObjectObservation> readObservations(RecordStore& store, const std::string& sessionId,
+                                                std::optional<StoreError>* error,
+                                                ReadStats* stats = nullptr);
+
+// Frames with an image-feature vector and a camera pose: the camera-path frame nearest to the
+// feature frame, when it lies within maxFrameGap frames.
+std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::string& sessionId,
+                                             std::optional<StoreError>* error,
+                                             ReadStats* stats = nullptr, int maxFrameGap = 5);
+
+// "1.000000,0.500000" -> {1, 0.5}; absent when any element is not a number.
+std::optional<std::vector<float>> parseFeatureText(std::string_view text);
+// The camera path's pose text: sixteen numbers row by row, each followed by ",".
+std::optional<Mat4> parsePoseText(std::string_view text);
+
+}  // namespace omra::server
