@@ -1,0 +1,156 @@
+#include "src/scene/object_3d_tracker.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "src/foundation/orientation.h"
+#include "src/scene/motion_analyzer.h"
+
+namespace omra {
+namespace {
+
+// Overlap on one axis: the joint span is shorter than the two lengths together.
+bool overlaps(float minA, float maxA, float minB, float maxB) {
+  return std::max(maxA, maxB) - std::min(minA, minB) < (maxA - minA) + (maxB - minB);
+}
+
+bool overlaps3D(const BoundingBox3D& a, const BoundingBox3D& b) {
+  return overlaps(a.minX, a.maxX, b.minX, b.maxX) && overlaps(a.minY, a.maxY, b.minY, b.maxY) &&
+         overlaps(a.minZ, a.maxZ, b.minZ, b.maxZ);
+}
+
+}  // namespace
+
+Object3DTracker::Object3DTracker(double screenHeight_, double screenWidth_,
+                                 std::shared_ptr<DeviceInfo> device)
+    : screenHeight(screenHeight_), screenWidth(screenWidth_), device_(std::move(device)) {}
+
+void Object3DTracker::setScene(std::shared_ptr<SceneGraph> scene) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  scene_ = std::move(scene);
+}
+
+std::shared_ptr<SceneGraph> Object3DTracker::scene() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return scene_;
+}
+
+void Object3DTracker::setDeviceOrientationReading(std::function<int(phoneOrientation)> reading) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  deviceReading_ = std::move(reading);
+}
+
+Rect Object3DTracker::convertViewCoordToNormalizedImage(const Rect& r, phoneOrientation o,
+                                                        double screenHeight, double screenWidth,
+                                                        int imageWidth, int imageHeight) {
+  const double s = std::min(screenHeight, screenWidth);
+  const double offset = std::abs(screenHeight - screenWidth) / 2;
+  const bool portrait = o == phoneOrientation::portrait;
+  // Back to the detector's square (0..1), in the captured image's axes.
+  const double x = (r.x - (portrait ? 0 : offset)) / s, y = (r.y - (portrait ? offset : 0)) / s;
+  const double w = r.width / s, h = r.height / s;
+  // The square was the centre crop of the captured image.
+  if (imageWidth <= 0 || imageHeight <= 0) return {x, y, w, h};
+  const double side = std::min(imageWidth, imageHeight);
+  const double ox = (imageWidth - side) / 2, oy = (imageHeight - side) / 2;
+  return {(x * side + ox) / imageWidth, (y * side + oy) / imageHeight, w * side / imageWidth,
+          h * side / imageHeight};
+}
+
+HitPoints Object3DTracker::getHitpointsForPrediction(const Prediction& prediction,
+                                                     const ArFrame& frame) {
+  HitPoints hits;
+  const supportedOrientations supported =
+      device_ ? applicationSupportedOrientations(*device_) : supportedOrientations::portrait;
+  const phoneOrientation phone = orientationFromRoll(frame.camera.eulerAngles.z);
+  int reading;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    reading = deviceReading_ ? deviceReading_(phone) : static_cast<int>(phone);
+  }
+  const phoneOrientation effective = correctOrientationConversion(phone, supported, reading);
+  const Rect screen = prediction.finalPrediction().convertToOrientation(screenHeight, screenWidth,
+                                                                        phone, supported, reading);
+  const Rect r =
+      convertViewCoordToNormalizedImage(screen, effective, screenHeight, screenWidth,
+                                        frame.capturedImage.width, frame.capturedImage.height);
+  if (!frame.hitTest) return hits;
+  const double stepX = (r.maxX() - r.minX()) / kGridSteps,
+               stepY = (r.maxY() - r.minY()) / kGridSteps;
+  const Vector3 cameraPosition(frame.camera.transform.translation());
+  for (int i = 1; i <= kGridSteps; ++i) {
+    for (int j = 1; j <= kGridSteps; ++j) {
+      const Float2 point{static_cast<float>(r.minX() + i * stepX),
+                         static_cast<float>(r.minY() + j * stepY)};
+      const std::vector<HitTestResult> results = frame.hitTest(point, HitTestType::kFeaturePoint);
+      if (results.empty()) continue;
+      const Vector3 p(results.front().worldTransform.translation());
+      if (p.dist(cameraPosition) < kMinHitDistance) continue;  // too close to be the object
+      hits.points.push_back(p);
+    }
+  }
+  return hits;
+}
+
+TrackedObject* Object3DTracker::findClosestObject(
+    const BoundingBox3D& box, const std::vector<TrackedObject*>& candidates) const {
+  TrackedObject* best = nullptr;
+  float bestDistance = 0;
+  for (TrackedObject* o : candidates) {
+    const float d = o->state.position.dist(box.center());
+    if (!best || d < bestDistance) best = o, bestDistance = d;
+  }
+  return best;
+}
+
+TrackedObject* Object3DTracker::findStaticObjectCandidate(const BoundingBox3D& newBound,
+                                                          const std::string& name) {
+  // Every same-class object the box overlaps and whose centre is near enough; the nearest wins
+  // (the first created among equals).
+  std::vector<TrackedObject*> candidates;
+  for (const auto& o : trackedObjects_) {
+    if (o->objectClass != name || !overlaps3D(newBound, o->state.boundingBox)) continue;
+    if (o->state.position.dist(newBound.center()) > kMaxMatchDistance) continue;
+    candidates.push_back(o.get());
+  }
+  return findClosestObject(newBound, candidates);
+}
+
+std::vector<DetectedObject> Object3DTracker::convert2DBBoxTo3D(
+    const std::vector<Prediction>& predictions, const std::vector<std::string>& classNames,
+    const ArFrame& frame) {
+  const std::shared_ptr<SceneGraph> sceneNow = scene();
+  for (const auto& o : trackedObjects_) {
+    if (o->state.confidence < TrackedObject::kConfident && o->isVisible) o->hide(sceneNow.get());
+  }
+  std::vector<DetectedObject> result;
+  for (const Prediction& p : predictions) {
+    if (p.detectedClass < 0 || static_cast<size_t>(p.detectedClass) >= classNames.size()) continue;
+    HitPoints hits = getHitpointsForPrediction(p, frame);
+    const BoundingBox3D box = hits.getBoundingRectangle(p.score);
+    priorHittests_.push_back(std::move(hits));
+    if (priorHittests_.size() > kHitTestHistoryLimit) priorHittests_.pop_front();
+    // No usable hit: the box has no position to track.
+    if (box.isEmpty()) continue;
+    const std::string& name = classNames[static_cast<size_t>(p.detectedClass)];
+    TrackedObject* object = findStaticObjectCandidate(box, name);
+    if (object) {
+      object->push(box);
+    } else {
+      // People move: their motion verdict is fixed to moving, so weak reads always count and the
+      // history stays short. Ids count up from 0 per tracker.
+      std::optional<bool> override;
+      if (name == "person") override = true;
+      trackedObjects_.push_back(std::make_unique<TrackedObject>(nextId_++, box, name, override));
+      object = trackedObjects_.back().get();
+    }
+    if (sceneNow && draw3DBoundingBoxes_) object->show(*sceneNow);
+    if (object->state.confidence > TrackedObject::kShown) {
+      result.push_back(object->toDetectedObjectForCustomer());
+    }
+  }
+  semanticNetwork_.update(sceneNow.get(), trackedObjects_);
+  return result;
+}
+
+}  // namespace omra
