@@ -136,7 +136,9 @@ std::optional<std::string> LinuxDeviceInfo::identifierForVendor() const {
     // Written aside and linked into place, so that two processes starting together agree on one
     // identifier: link() fails when the file already exists, and then the winner's is read.
     const std::string candidate = randomUuidV4();
-    const std::string temp = *path + ".tmp." + std::to_string(::getpid());
+    // Unique per attempt: a shared temporary name would let one writer rewrite another's file
+    // after it was linked into place.
+    const std::string temp = *path + ".tmp." + randomUuidV4();
     {
       std::ofstream out(temp, std::ios::binary | std::ios::trunc);
       if (!out || !(out << candidate << '\n') || !out.flush()) {

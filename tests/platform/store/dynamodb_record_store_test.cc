@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <fstream>
 #include <future>
 #include <thread>
 
@@ -172,17 +173,20 @@ TEST(DynamoDbRecordStoreTest, AwsJavaScriptSdkReadsTheAttributeTypesWeMean) {
     ASSERT_FALSE(error.has_value()) << error->message;
   }
 
+  const std::string errPath = ::testing::TempDir() + "omra_sdk_read.err";
   const std::string command = "NODE_PATH='" + testing::peersDir() + "/node_modules' node '" +
                               OMRA_SOURCE_DIR +
                               "/tests/platform/store/read_items_with_aws_sdk.cjs' '" +
-                              server->endpoint() + "' " + s + " 2>&1";
+                              server->endpoint() + "' " + s + " 2>'" + errPath + "'";
   FILE* pipe = popen(command.c_str(), "r");
   ASSERT_NE(pipe, nullptr);
   std::string out;
   char buf[4096];
   size_t n;
   while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
-  ASSERT_EQ(pclose(pipe), 0) << out;
+  std::ifstream errFile(errPath);
+  const std::string err((std::istreambuf_iterator<char>(errFile)), {});
+  ASSERT_EQ(pclose(pipe), 0) << out << err;
   const Json read = Json::parse(out, nullptr, false);
   ASSERT_FALSE(read.is_discarded()) << out;
 

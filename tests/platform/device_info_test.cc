@@ -1,0 +1,163 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <thread>
+
+#include "src/platform/linux_device_info.h"
+#include "src/platform/md5.h"
+
+namespace omra {
+namespace {
+
+namespace fs = std::filesystem;
+
+class DeviceInfoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() /
+           ("omra-device-" + std::to_string(::getpid()) + "-" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override {
+    fs::permissions(dir_, fs::perms::owner_all);
+    fs::remove_all(dir_);
+  }
+  Config withBundle(std::string id) {
+    Config c;
+    c.bundleIdentifier = std::move(id);
+    return c;
+  }
+  fs::path dir_;
+};
+
+TEST_F(DeviceInfoTest, VendorIdIsCreatedOnceAndKeptPerBundle) {
+  LinuxDeviceInfo first(withBundle("com.example.a"), dir_.string());
+  auto id = first.identifierForVendor();
+  ASSERT_TRUE(id.has_value());
+  EXPECT_TRUE(isUuidText(*id));
+  EXPECT_EQ(*id, [&] {
+    std::string upper = *id;
+    for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return upper;
+  }());
+  EXPECT_EQ((*id)[14], '4');  // version 4
+  EXPECT_TRUE(fs::exists(dir_ / "omrakit" / "com.example.a" / "vendor-id"));
+
+  // Another process start (another object) reads the same identifier back.
+  EXPECT_EQ(LinuxDeviceInfo(withBundle("com.example.a"), dir_.string()).identifierForVendor(), id);
+  // Another host application gets its own.
+  auto other = LinuxDeviceInfo(withBundle("com.example.b"), dir_.string()).identifierForVendor();
+  ASSERT_TRUE(other.has_value());
+  EXPECT_NE(*other, *id);
+}
+
+TEST_F(DeviceInfoTest, ConcurrentFirstUseAgreesOnOneId) {
+  std::vector<std::optional<std::string>> ids(6);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < ids.size(); ++i) {
+    threads.emplace_back([&, i] {
+      ids[i] = LinuxDeviceInfo(withBundle("com.example.race"), dir_.string()).identifierForVendor();
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (const auto& id : ids) {
+    ASSERT_TRUE(id.has_value());
+    EXPECT_EQ(*id, *ids[0]);
+  }
+}
+
+TEST_F(DeviceInfoTest, DamagedFileIsReplaced) {
+  fs::create_directories(dir_ / "omrakit" / "com.example.a");
+  std::ofstream(dir_ / "omrakit" / "com.example.a" / "vendor-id") << "not a uuid";
+  auto id = LinuxDeviceInfo(withBundle("com.example.a"), dir_.string()).identifierForVendor();
+  ASSERT_TRUE(id.has_value());
+  EXPECT_TRUE(isUuidText(*id));
+  EXPECT_EQ(LinuxDeviceInfo(withBundle("com.example.a"), dir_.string()).identifierForVendor(), id);
+}
+
+TEST_F(DeviceInfoTest, NoVendorIdWhenItCannotBeKept) {
+  EXPECT_FALSE(LinuxDeviceInfo(Config{}, dir_.string()).identifierForVendor().has_value());
+  EXPECT_FALSE(LinuxDeviceInfo(withBundle(".."), dir_.string()).identifierForVendor().has_value());
+  EXPECT_FALSE(LinuxDeviceInfo(withBundle("a/b"), dir_.string()).identifierForVendor().has_value());
+  if (::geteuid() != 0) {  // root writes anywhere
+    fs::permissions(dir_, fs::perms::owner_read | fs::perms::owner_exec);
+    EXPECT_FALSE(LinuxDeviceInfo(withBundle("com.example.ro"), dir_.string())
+                     .identifierForVendor()
+                     .has_value());
+  }
+}
+
+TEST_F(DeviceInfoTest, UsesXdgDataHome) {
+  const char* old = std::getenv("XDG_DATA_HOME");
+  std::string saved = old ? old : "";
+  ::setenv("XDG_DATA_HOME", dir_.c_str(), 1);
+  LinuxDeviceInfo info(withBundle("com.example.xdg"));
+  EXPECT_EQ(info.vendorIdPath(), (dir_ / "omrakit" / "com.example.xdg" / "vendor-id").string());
+  EXPECT_TRUE(info.identifierForVendor().has_value());
+  if (old) {
+    ::setenv("XDG_DATA_HOME", saved.c_str(), 1);
+  } else {
+    ::unsetenv("XDG_DATA_HOME");
+  }
+}
+
+TEST_F(DeviceInfoTest, FactsFromConfigAndSystem) {
+  Config c = withBundle("com.example.a");
+  c.supportedOrientations = std::vector<std::string>{"UIInterfaceOrientationPortrait"};
+  LinuxDeviceInfo info(c, dir_.string());
+  EXPECT_EQ(info.bundleIdentifier(), "com.example.a");
+  EXPECT_EQ(info.supportedInterfaceOrientations(), c.supportedOrientations);
+  EXPECT_FALSE(LinuxDeviceInfo(Config{}, dir_.string()).bundleIdentifier().has_value());
+  utsname u{};
+  ASSERT_EQ(uname(&u), 0);
+  EXPECT_EQ(info.machineName(), u.machine);
+  EXPECT_FALSE(info.systemVersion().empty());
+}
+
+TEST(OsReleaseTest, VersionId) {
+  EXPECT_EQ(osReleaseVersionId("NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n"), "12");
+  EXPECT_EQ(osReleaseVersionId("VERSION_ID=22.04\n"), "22.04");
+  EXPECT_EQ(osReleaseVersionId("VERSION_ID='3.19.1'"), "3.19.1");
+  EXPECT_EQ(osReleaseVersionId("ID=debian\nVERSION_CODENAME=trixie\n"), "");
+  EXPECT_EQ(osReleaseVersionId("MY_VERSION_ID=9\n"), "");
+}
+
+TEST(UuidTest, RandomV4Form) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 100; ++i) {
+    std::string u = randomUuidV4();
+    ASSERT_TRUE(isUuidText(u)) << u;
+    EXPECT_EQ(u[14], '4');
+    EXPECT_NE(std::string("89AB").find(u[19]), std::string::npos) << u;
+    seen.insert(u);
+  }
+  EXPECT_EQ(seen.size(), 100u);
+  EXPECT_FALSE(isUuidText("0000000-0000-4000-8000-0000000000000"));
+  EXPECT_FALSE(isUuidText("G0000000-0000-4000-8000-000000000000"));
+}
+
+TEST(Md5Test, KnownVectors) {
+  // RFC 1321, appendix A.5.
+  const std::vector<std::pair<std::string, std::string>> vectors = {
+      {"", "d41d8cd98f00b204e9800998ecf8427e"},
+      {"a", "0cc175b9c0f1b6a831c399e269772661"},
+      {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+      {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+      {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
+      {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+       "57edf4a22be3c955ac49da2e2107b67a"},
+      {std::string("a\0b", 3), "70350f6027bce3713f6b76473084309b"},
+  };
+  for (const auto& [text, hex] : vectors) EXPECT_EQ(md5Hex(text), hex) << text;
+}
+
+}  // namespace
+}  // namespace omra
