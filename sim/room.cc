@@ -283,9 +283,9 @@ class Builder {
                               t.size.z / 2});
   }
 
+  // Exactly on the surface: the kit's hit tests then land where the objects are.
   void addPoint(const Vec3& p, const Vec3& n, int objectId, int surfaceId) {
-    Vec3 jitter = n * uniform(-0.003, 0.003);
-    room_.points.push_back({0, p + jitter, n, objectId, surfaceId});
+    room_.points.push_back({0, p, n, objectId, surfaceId});
   }
 
   // Points on the faces of an object's box that can be seen: sides and top (not the bottom; not
