@@ -116,4 +116,11 @@ void DynaliteServer::stop() {
 
 DynaliteServer::~DynaliteServer() { stop(); }
 
+DynaliteServer* sharedDynalite(std::string* why) {
+  static std::string failure;
+  static std::unique_ptr<DynaliteServer> server = DynaliteServer::start(&failure);
+  if (!server) *why = failure;
+  return server.get();
+}
+
 }  // namespace omra::testing

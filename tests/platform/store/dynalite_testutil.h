@@ -26,6 +26,10 @@ class DynaliteServer {
   std::string endpoint_;
 };
 
+// One server for the whole test process (started on first use, stopped at exit); null with *why
+// set as for start(). Tests sharing it use their own session identifiers.
+DynaliteServer* sharedDynalite(std::string* why);
+
 // A free TCP port on 127.0.0.1 (bound, read back, released).
 int freeLoopbackPort();
 

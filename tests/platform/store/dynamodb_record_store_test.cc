@@ -147,7 +147,7 @@ TEST(DynamoDbRecordStoreTest, SignsWithSigV4AndNamesTheOperation) {
 
 TEST(DynamoDbRecordStoreTest, AwsJavaScriptSdkReadsTheAttributeTypesWeMean) {
   std::string why;
-  auto server = testing::DynaliteServer::start(&why);
+  auto* server = testing::sharedDynalite(&why);
   if (!server) GTEST_SKIP() << why;
   DynamoDbRecordStore::Options o;
   o.endpoint = server->endpoint();

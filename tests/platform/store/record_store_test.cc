@@ -53,7 +53,7 @@ struct MemoryKind {
   std::shared_ptr<RecordStore> store = std::make_shared<MemoryRecordStore>();
   bool ready(std::string*) { return true; }
   // The in-memory store cannot fail underneath.
-  bool breakIt() { return false; }
+  std::shared_ptr<RecordStore> broken() { return nullptr; }
 };
 
 struct SqliteKind {
@@ -64,31 +64,38 @@ struct SqliteKind {
     return store != nullptr;
   }
   // Another process drops a table under the store.
-  bool breakIt() {
+  std::shared_ptr<RecordStore> broken() {
     sqlite3* db = nullptr;
     sqlite3_open(path.c_str(), &db);
     sqlite3_busy_timeout(db, 5000);
     const int rc = sqlite3_exec(db, "DROP TABLE \"MapData-CameraPath\"", nullptr, nullptr, nullptr);
     sqlite3_close(db);
-    return rc == SQLITE_OK;
+    return rc == SQLITE_OK ? store : nullptr;
   }
 };
 
 struct DynamoKind {
-  std::unique_ptr<testing::DynaliteServer> server;
   std::shared_ptr<RecordStore> store;
-  bool ready(std::string* why) {
-    server = testing::DynaliteServer::start(why);
-    if (!server) return false;
+  static std::shared_ptr<RecordStore> storeAt(const std::string& endpoint) {
     DynamoDbRecordStore::Options o;
-    o.endpoint = server->endpoint();
+    o.endpoint = endpoint;
     o.backoffBase = std::chrono::milliseconds(5);
-    store = std::make_shared<DynamoDbRecordStore>(o, nullptr);
-    return true;
+    return std::make_shared<DynamoDbRecordStore>(o, nullptr);
   }
-  bool breakIt() {
+  bool ready(std::string* why) {
+    auto* server = testing::sharedDynalite(why);
+    if (server != nullptr) store = storeAt(server->endpoint());
+    return server != nullptr;
+  }
+  // A store whose server was stopped after its tables were made.
+  std::shared_ptr<RecordStore> broken() {
+    std::string why;
+    auto server = testing::DynaliteServer::start(&why);
+    if (!server) return nullptr;
+    auto s = storeAt(server->endpoint());
+    if (ensureRecordTables(*s)) return nullptr;
     server->stop();
-    return true;
+    return s;
   }
 };
 
@@ -180,16 +187,17 @@ TYPED_TEST(RecordStoreTest, QueryFollowsNumericRangeOrderOverPages) {
   for (int64_t f = 23 * 20; f >= 0; f -= 20) frames.push_back(f);
   frames.push_back(1000000000000);
   for (int64_t f : frames) {
-    ASSERT_FALSE(this->store_->put(table, CameraPathModel("S", f, {{"0", "x"}}).toItem()));
+    ASSERT_FALSE(this->store_->put(table, CameraPathModel("query-S", f, {{"0", "x"}}).toItem()));
   }
-  ASSERT_FALSE(this->store_->put(table, CameraPathModel("T", 5, {}).toItem()));
+  ASSERT_FALSE(this->store_->put(table, CameraPathModel("query-T", 5, {}).toItem()));
 
   std::vector<int64_t> seen;
   std::optional<Item> start;
   int pages = 0;
   do {
     std::optional<StoreError> error;
-    QueryPage page = this->store_->query(table, AttributeValue::string("S"), start, 10, &error);
+    QueryPage page =
+        this->store_->query(table, AttributeValue::string("query-S"), start, 10, &error);
     ASSERT_FALSE(error.has_value()) << error->message;
     ASSERT_LE(page.items.size(), 10u);
     for (const Item& item : page.items)
@@ -202,7 +210,7 @@ TYPED_TEST(RecordStoreTest, QueryFollowsNumericRangeOrderOverPages) {
   EXPECT_GE(pages, 3);
 
   std::optional<StoreError> error;
-  EXPECT_EQ(queryAll(*this->store_, table, AttributeValue::string("S"), &error).size(),
+  EXPECT_EQ(queryAll(*this->store_, table, AttributeValue::string("query-S"), &error).size(),
             frames.size());
   EXPECT_TRUE(this->store_->query(table, AttributeValue::string("none"), {}, 10).items.empty());
 }
@@ -250,9 +258,10 @@ TYPED_TEST(RecordStoreTest, RefusesOversizeAndMalformedItems) {
 }
 
 TYPED_TEST(RecordStoreTest, FailureUnderneathIsPrintedNotFatal) {
-  if (!this->kind_.breakIt()) GTEST_SKIP() << "this store cannot fail underneath";
+  auto store = this->kind_.broken();
+  if (!store) GTEST_SKIP() << "this store cannot fail underneath";
   auto log = std::make_shared<PrintLog>();
-  RecordWriter writer(this->store_, log);
+  RecordWriter writer(store, log);
   std::promise<bool> done;
   writer.save(CameraPathModel("S", 40, {{"40", "1.0,"}}), [&](bool ok) { done.set_value(ok); });
   EXPECT_FALSE(done.get_future().get());
