@@ -1,0 +1,196 @@
+#include <gtest/gtest.h>
+
+#include "omrakit/settings.h"
+#include "src/mapping/persistence.h"
+#include "tests/mapping/mapping_testutil.h"
+
+namespace omra {
+namespace {
+
+const char* kPlacements = R"({"placements":[
+  {"placement":{"x":1,"y":1,"z":1,"ori":0.5},"asset":{"id":"lamp"}},
+  {"placement":{"x":1,"y":0,"z":0,"ori":0},"asset":{"id":"desk"}}]})";
+
+// A localization session with two stored placements, driven answer by answer.
+struct Relocalization {
+  explicit Relocalization(SessionMode mode = SessionMode::localization) : h(mode) {
+    h.findAssetsReply = Json::parse(kPlacements);
+    h.open(mode == SessionMode::mapping
+               ? Json::parse(R"({"uuid":"MAP-1"})")
+               : Json::parse(R"({"session_uuid":"LOC-1","map_uuid":"MAP-1"})"));
+    h.setReadyNow();
+    persistence = Persistence::create(h.state, nullptr, {h.store, h.logger, h.dispatcher, {}});
+  }
+  ~Relocalization() { persistence.reset(); }
+  size_t metric(const std::string& name) const {
+    size_t n = 0;
+    for (const std::string& m : h.metricNames()) n += m == name;
+    return n;
+  }
+  size_t seededRequests() const {
+    size_t n = 0;
+    for (const SeenRequest& r : h.http->requestsTo("/initial_transforms")) {
+      n += r.body["is_seeded"] == true;
+    }
+    return n;
+  }
+  MappingHarness h;
+  std::shared_ptr<Persistence> persistence;
+};
+
+TEST(Relocalization, ImageMatcherAcceptsOnlyStrictImprovements) {
+  Relocalization r;
+  for (float v : {0.2f, 0.2f, 0.3f, 0.1f}) {
+    r.persistence->transformRetrieved("full_image_matcher", "0,0,0,0", v);
+  }
+  EXPECT_EQ(r.h.assetsFound().size(), 2u);
+  EXPECT_EQ(r.persistence->bestImageMatcherMatchValue(), 0.3f);
+  // The time to the first accepted result, with and without the developer key.
+  EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.FullImageMatcher"), 2u);
+  EXPECT_EQ(r.seededRequests(), 2u);  // each accepted result seeds the SU localizer
+  EXPECT_TRUE(r.h.logger->contains("Received image matcher result full_image_matcher: 0.2"));
+}
+
+TEST(Relocalization, SceneUnderstandingNeedsAtLeast055AndImprovements) {
+  Relocalization r;
+  for (float v : {0.5f, 0.6f, 0.58f, 0.7f, 0.55f}) {
+    r.persistence->transformRetrieved("su_localizer", "0,0,0,0", v);
+  }
+  EXPECT_EQ(r.h.assetsFound().size(), 2u);
+  EXPECT_EQ(r.persistence->bestSULocalizerMatchValue(), 0.7f);
+  EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.SU"), 2u);
+  // The seeded localizer shares the family's best value.
+  r.persistence->transformRetrieved("su_localizer_seeded", "0,0,0,0", 0.65f);
+  EXPECT_EQ(r.h.assetsFound().size(), 2u);
+  r.persistence->transformRetrieved("su_localizer_seeded", "0,0,0,0", 0.8f);
+  EXPECT_EQ(r.h.assetsFound().size(), 3u);
+  EXPECT_EQ(r.seededRequests(), 0u);
+}
+
+TEST(Relocalization, SceneUnderstandingTakesPrecedenceOverImageMatcher) {
+  Relocalization r;
+  r.persistence->transformRetrieved("su_localizer", "0,0,0,0", 0.6f);
+  r.persistence->transformRetrieved("full_image_matcher", "5,0,0,0", 0.9f);
+  EXPECT_EQ(r.h.assetsFound().size(), 1u);  // the image matcher no longer moves assets
+  EXPECT_EQ(r.persistence->bestImageMatcherMatchValue(), 0.9f);
+  EXPECT_EQ(r.seededRequests(), 1u);
+}
+
+TEST(Relocalization, AssetsAreMovedIntoTheSessionFrame) {
+  Relocalization r;
+  r.persistence->transformRetrieved("su_localizer", "1,0,2,0", 0.6f);
+  ASSERT_EQ(r.h.assetsFound().size(), 1u);
+  std::vector<MapAsset> assets = r.h.assetsFound()[0];
+  ASSERT_EQ(assets.size(), 2u);
+  EXPECT_EQ(assets[0].assetID, "lamp");
+  EXPECT_EQ(assets[0].position, Vector3(2, 1, 3));
+  EXPECT_FLOAT_EQ(assets[0].orientation, 0.5f);
+  EXPECT_EQ(assets[0].confidence, 0.5f);
+  EXPECT_EQ(assets[0].matrix, "");
+  EXPECT_TRUE(r.h.logger->contains("Relocalized asset new position (2.0, 1.0, 3.0) - dist: "));
+
+  std::vector<MapAsset> turned = r.persistence->convertAssetsToLocalFrame("0,0,0,1.5707964");
+  ASSERT_EQ(turned.size(), 2u);
+  EXPECT_EQ(turned[1].assetID, "desk");
+  EXPECT_NEAR(turned[1].position.x, 0, 1e-6);
+  EXPECT_NEAR(turned[1].position.z, -1, 1e-6);
+  EXPECT_NEAR(turned[1].orientation, 1.5708f, 1e-4);
+}
+
+TEST(Relocalization, MalformedInputIsDroppedNotFatal) {
+  Relocalization r;
+  // A transform with fewer than four numbers: the whole answer is dropped.
+  r.persistence->transformRetrieved("su_localizer", "1,2,3", 0.9f);
+  EXPECT_TRUE(r.h.assetsFound().empty());
+  EXPECT_FALSE(r.persistence->bestSULocalizerMatchValue());
+  EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.SU"), 0u);
+
+  // Placements with missing or mistyped fields are skipped; the others are returned.
+  Relocalization bad;
+  bad.h.findAssetsReply = Json::parse(R"({"placements":[
+      {"placement":{"x":1,"y":1,"z":1},"asset":{"id":"no-ori"}},
+      {"placement":{"x":"1","y":1,"z":1,"ori":0},"asset":{"id":"text-x"}},
+      {"placement":{"x":1,"y":1,"z":1,"ori":0},"asset":{}},
+      7,
+      {"placement":{"x":0,"y":0,"z":0,"ori":0},"asset":{"id":"ok"}}]})");
+  bool fetched = false;
+  bad.h.dataManager->retrieveAssets([&](const Json&) { fetched = true; });
+  bad.h.pumpUntil([&] { return fetched; });
+  std::vector<MapAsset> assets = bad.persistence->convertAssetsToLocalFrame("0,0,0,0");
+  ASSERT_EQ(assets.size(), 1u);
+  EXPECT_EQ(assets[0].assetID, "ok");
+
+  bad.h.findAssetsReply = Json::parse(R"({"placements":{"not":"an array"}})");
+  fetched = false;
+  bad.h.dataManager->retrieveAssets([&](const Json&) { fetched = true; });
+  bad.h.pumpUntil([&] { return fetched; });
+  EXPECT_TRUE(bad.persistence->convertAssetsToLocalFrame("0,0,0,0").empty());
+}
+
+TEST(Relocalization, PollingEveryIntervalUntilRestart) {
+  Relocalization r;
+  OmraSettings::RETRIEVE_ASSETS_INTERVAL = 1;
+  const auto start = std::chrono::steady_clock::now();
+  r.persistence->queryAssets(r.h.state->restartCount());
+  auto polls = [&] { return r.h.http->requestsTo("/get_best_transform").size(); };
+  ASSERT_TRUE(r.h.pumpUntil([&] { return polls() >= 3; }));
+  const double elapsed =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(polls(), 3u);  // one request per localizer
+  EXPECT_GE(elapsed, 0.95);
+  r.h.state->incrementRestartCount();
+  r.h.pumpFor(std::chrono::milliseconds(1200));
+  EXPECT_EQ(polls(), 3u);
+  // A loop started with a stale count never polls.
+  r.persistence->queryAssets(0);
+  r.h.pumpFor(std::chrono::milliseconds(50));
+  EXPECT_EQ(polls(), 3u);
+}
+
+TEST(StorePlacement, MappingSendsAndReportsTheBackEndsAnswer) {
+  Relocalization r(SessionMode::mapping);
+  std::vector<bool> results;
+  r.h.otherReplies = [](const SeenRequest& req) -> std::optional<Json> {
+    if (req.url.find("/place_asset_on_map") == std::string::npos) return Json::object();
+    if (req.body["placements"].empty()) return Json::parse(R"({"errorMessage":"none"})");
+    return Json::parse(R"({"placement_id":"P-1"})");
+  };
+  EXPECT_TRUE(r.persistence->storePlacement({MapAsset("lamp", {1, 2, 3}, 0.25f)},
+                                            [&](bool ok) { results.push_back(ok); }));
+  EXPECT_TRUE(r.persistence->storePlacement({}, [&](bool ok) { results.push_back(ok); }));
+  r.h.pumpUntil([&] { return results.size() == 2; });
+  EXPECT_EQ(results, (std::vector<bool>{true, false}));
+  auto sent = r.h.http->requestsTo("/place_asset_on_map");
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[0].body["map_uuid"], "MAP-1");
+  EXPECT_EQ(sent[0].body["placements"][0]["asset_id"], "lamp");
+  EXPECT_EQ(sent[0].body["placements"][0]["y"], 2.0);
+  EXPECT_EQ(r.metric("OmraKit.AssetSaved"), 4u);
+}
+
+TEST(StorePlacement, RefusalsLogAndNeverCallBack) {
+  // Localization: refused until assets were localized, which this version never records.
+  Relocalization localization;
+  localization.persistence->transformRetrieved("su_localizer", "0,0,0,0", 0.9f);
+  bool called = false;
+  EXPECT_FALSE(localization.persistence->storePlacement({MapAsset("a", {}, 0)},
+                                                        [&](bool) { called = true; }));
+  EXPECT_TRUE(localization.h.logger->contains(
+      "Cannot store new assets in localization mode until previous assets have been localized"));
+  EXPECT_EQ(localization.metric("OmraKit.AssetSaved"), 2u);  // posted before any check
+
+  // Mapping before the map exists.
+  MappingHarness h(SessionMode::mapping);
+  auto persistence = Persistence::create(h.state, nullptr, {h.store, h.logger, h.dispatcher, {}});
+  EXPECT_FALSE(persistence->storePlacement({MapAsset("a", {}, 0)}, [&](bool) { called = true; }));
+  EXPECT_TRUE(h.logger->contains(
+      "OmraSession has not yet been fully initialized. Wait for statusCallback with .initialized "
+      "before storing any assets. (mode - 0)"));
+  h.pumpFor(std::chrono::milliseconds(20));
+  EXPECT_FALSE(called);
+  EXPECT_TRUE(h.http->requestsTo("/place_asset_on_map").empty());
+  persistence.reset();
+}
+
+}  // namespace
+}  // namespace omra
