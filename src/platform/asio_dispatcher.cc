@@ -62,14 +62,13 @@ class StrandQueue : public SerialQueue {
 
   void asyncAfter(std::chrono::nanoseconds delay, Task task) override {
     auto timer = std::make_shared<asio::steady_timer>(strand_, delay);
-    uint64_t id;
-    {
-      std::lock_guard<std::mutex> lock(d_.mutex);
-      if (d_.shuttingDown) return;  // the dispatcher is going away: delayed work is dropped
-      id = d_.nextTimerId++;
-      d_.timers.emplace(id, std::make_pair(timer, strand_));
-    }
     AsioDispatcher::Impl* d = &d_;
+    // Registered and armed under the lock, so that the destructor's cancel() (which reads the
+    // registry under the same lock) never overlaps async_wait() on this timer.
+    std::lock_guard<std::mutex> lock(d_.mutex);
+    if (d_.shuttingDown) return;  // the dispatcher is going away: delayed work is dropped
+    const uint64_t id = d_.nextTimerId++;
+    d_.timers.emplace(id, std::make_pair(timer, strand_));
     timer->async_wait(
         asio::bind_executor(strand_, [d, id, task = std::move(task)](const std::error_code& ec) {
           {

@@ -22,10 +22,9 @@ bool ConditionSemaphore::waitFor(std::chrono::nanoseconds timeout) {
 }
 
 void ConditionSemaphore::signal() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++count_;
-  }
+  // Notified under the lock: a waiter may destroy the semaphore as soon as its wait returns.
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++count_;
   cv_.notify_one();
 }
 

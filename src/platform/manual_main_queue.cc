@@ -7,10 +7,8 @@ namespace omra {
 ManualMainQueue::ManualMainQueue() : owner_(std::this_thread::get_id()) {}
 
 void ManualMainQueue::post(Task task) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    tasks_.push_back(std::move(task));
-  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  tasks_.push_back(std::move(task));
   cv_.notify_all();
 }
 
