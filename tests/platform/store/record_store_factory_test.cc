@@ -1,0 +1,82 @@
+#include "src/platform/store/record_store_factory.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "src/platform/store/base64.h"
+#include "src/platform/store/dynamodb_record_store.h"
+#include "src/platform/store/item_checks.h"
+#include "src/platform/store/memory_record_store.h"
+#include "src/platform/store/sqlite_record_store.h"
+
+namespace omra {
+namespace {
+
+TEST(RecordStoreFactoryTest, BuildsTheConfiguredStore) {
+  const auto db = std::filesystem::path(::testing::TempDir()) /
+                  ("omra-factory-" + std::to_string(::getpid()) + ".db");
+  std::string error;
+  AwsSettings aws;
+  aws.region = "eu-central-1";
+  EXPECT_TRUE(
+      std::dynamic_pointer_cast<MemoryRecordStore>(makeRecordStore("memory", aws, nullptr)));
+  EXPECT_TRUE(std::dynamic_pointer_cast<SqliteRecordStore>(
+      makeRecordStore("sqlite:" + db.string(), aws, nullptr, &error)))
+      << error;
+  auto local = std::dynamic_pointer_cast<DynamoDbRecordStore>(
+      makeRecordStore("dynamodb:http://127.0.0.1:4567/", aws, nullptr));
+  ASSERT_TRUE(local);
+  EXPECT_EQ(local->endpoint(), "http://127.0.0.1:4567");
+  auto cloud =
+      std::dynamic_pointer_cast<DynamoDbRecordStore>(makeRecordStore("dynamodb", aws, nullptr));
+  ASSERT_TRUE(cloud);
+  EXPECT_EQ(cloud->endpoint(), "https://dynamodb.eu-central-1.amazonaws.com");
+  for (const char* bad : {"", "sqlite:", "postgres:x", "Memory"}) {
+    error.clear();
+    EXPECT_EQ(makeRecordStore(bad, aws, nullptr, &error), nullptr) << bad;
+    EXPECT_FALSE(error.empty()) << bad;
+  }
+  std::filesystem::remove(db);
+}
+
+TEST(ItemChecksTest, NumberTextsAsDynamoDbAcceptsThem) {
+  for (const char* ok : {"0", "-1", "+2", "3.25", ".5", "5.", "1e-05", "1E+10", "-0.00001",
+                         "12345678901234567890123456789012345678"}) {
+    EXPECT_TRUE(isValidNumberText(ok)) << ok;
+  }
+  for (const char* bad : {"", "-", "NaN", "Infinity", "-Infinity", "1e", "1e1234", "0x10", "1,5",
+                          " 1", "1 ", "123456789012345678901234567890123456789"}) {
+    EXPECT_FALSE(isValidNumberText(bad)) << bad;
+  }
+}
+
+TEST(ItemChecksTest, SizeCountsNamesAndValuesAsDynamoDbDoes) {
+  EXPECT_EQ(itemSizeBytes({{"SessionId", AttributeValue::string("abc")}}), 9u + 3u);
+  EXPECT_EQ(itemSizeBytes({{"B", AttributeValue::bytes(std::string(10, '\0'))}}), 1u + 10u);
+  // Numbers: one byte per two significant digits, plus one.
+  EXPECT_EQ(itemSizeBytes({{"N", AttributeValue::numberText("12345")}}), 1u + 4u);
+  EXPECT_EQ(itemSizeBytes({{"N", AttributeValue::numberText("0.000120")}}), 1u + 3u);
+  // Maps: 3 bytes, plus per entry its key, value and one byte.
+  EXPECT_EQ(itemSizeBytes({{"M", AttributeValue::stringMap({{"20", "abc"}})}}),
+            1u + 3u + 1u + 2u + 3u);
+}
+
+TEST(Base64Test, RoundTripsAndRejectsMalformedText) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"", ""},
+      {"f", "Zg=="},
+      {"fo", "Zm8="},
+      {"foo", "Zm9v"},
+      {std::string("\0\xff\x10", 3), "AP8Q"}};
+  for (const auto& [plain, text] : cases) {
+    EXPECT_EQ(base64Encode(plain), text);
+    EXPECT_EQ(base64Decode(text), plain);
+  }
+  for (const char* bad : {"Zg=", "Z===", "Zg==Zg==", "Zm9v!A==", "=Zg="}) {
+    EXPECT_FALSE(base64Decode(bad).has_value()) << bad;
+  }
+}
+
+}  // namespace
+}  // namespace omra

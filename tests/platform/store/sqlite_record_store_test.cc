@@ -1,0 +1,92 @@
+// What only the SQLite store promises: one file shared by two users (a kit and a back end), items
+// kept across reopening, and a clear error for a file it cannot open.
+#include "src/platform/store/sqlite_record_store.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include "src/cloud/camera_path_model.h"
+#include "src/cloud/record_tables.h"
+
+namespace omra {
+namespace {
+
+std::string freshPath(const std::string& name) {
+  const auto dir = std::filesystem::path(::testing::TempDir()) /
+                   ("omra-sqlite-" + std::to_string(::getpid()) + "-" + name);
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  return (dir / "records.db").string();
+}
+
+TEST(SqliteRecordStoreTest, TwoStoresShareOneFileWhileBothWrite) {
+  const std::string path = freshPath("shared");
+  std::string error;
+  auto kit = SqliteRecordStore::open(path, &error);
+  ASSERT_TRUE(kit) << error;
+  auto server = SqliteRecordStore::open(path, &error);
+  ASSERT_TRUE(server) << error;
+  // Tables made through one are known to the other, which opened before they existed.
+  ASSERT_FALSE(ensureRecordTables(*kit).has_value());
+
+  constexpr int kEach = 300;
+  std::atomic<int> failures{0};
+  auto writeFrom = [&](SqliteRecordStore& store, const std::string& session) {
+    for (int i = 0; i < kEach; ++i) {
+      store.save(CameraPathModel::kTableName, CameraPathModel(session, i, {{"0", "x"}}).toItem(),
+                 [&](std::optional<StoreError> e) { failures += e.has_value(); });
+    }
+    store.waitForSaves();
+  };
+  std::thread a(writeFrom, std::ref(*kit), "kit");
+  std::thread b(writeFrom, std::ref(*server), "server");
+  a.join();
+  b.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(queryAll(*server, CameraPathModel::kTableName, AttributeValue::string("kit")).size(),
+            size_t{kEach});
+  EXPECT_EQ(queryAll(*kit, CameraPathModel::kTableName, AttributeValue::string("server")).size(),
+            size_t{kEach});
+}
+
+TEST(SqliteRecordStoreTest, ItemsSurviveReopeningAndPendingSavesAreWrittenOnClose) {
+  const std::string path = freshPath("reopen");
+  std::string error;
+  {
+    auto store = SqliteRecordStore::open(path, &error);
+    ASSERT_TRUE(store) << error;
+    ASSERT_FALSE(ensureRecordTables(*store).has_value());
+    for (int i = 0; i < 50; ++i) {
+      store->save(CameraPathModel::kTableName, CameraPathModel("S", i * 20, {}).toItem(), {});
+    }
+  }  // destroyed with saves still queued
+  auto store = SqliteRecordStore::open(path, &error);
+  ASSERT_TRUE(store) << error;
+  EXPECT_EQ(queryAll(*store, CameraPathModel::kTableName, AttributeValue::string("S")).size(), 50u);
+  // Re-creating with the same keys is fine; with other keys it is refused.
+  EXPECT_FALSE(store->createTable(CameraPathModel::schema()).has_value());
+  TableSchema other = CameraPathModel::schema();
+  other.rangeKey = "Timestamp";
+  EXPECT_TRUE(store->createTable(other).has_value());
+}
+
+TEST(SqliteRecordStoreTest, UnopenableFileIsAnErrorNotACrash) {
+  std::string error;
+  const std::string dir = freshPath("dir");  // a path inside a folder that is a file
+  std::ofstream(dir) << "not a folder";
+  EXPECT_EQ(SqliteRecordStore::open(dir + "/inner.db", &error), nullptr);
+  EXPECT_NE(error.find("cannot open the record database"), std::string::npos) << error;
+
+  // A file that is not a database.
+  const std::string junk = freshPath("junk");
+  std::ofstream(junk) << std::string(4096, 'j');
+  EXPECT_EQ(SqliteRecordStore::open(junk, &error), nullptr);
+  EXPECT_FALSE(error.empty());
+}
+
+}  // namespace
+}  // namespace omra
