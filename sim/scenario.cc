@@ -40,10 +40,14 @@ YawTransform Scenario::localizationFromMapping() const {
   return *truthBetween(*mapping, *localization);
 }
 
+Room makeScenarioRoom(const ScenarioOptions& options) {
+  return generateRoom(derive(options.seed, 0), options.room);
+}
+
 Scenario makeScenario(const ScenarioOptions& options) {
   Scenario s;
   s.seed = options.seed;
-  auto room = std::make_shared<Room>(generateRoom(derive(options.seed, 0), options.room));
+  auto room = std::make_shared<Room>(makeScenarioRoom(options));
   s.room = room;
   s.mapping = std::make_shared<const Recording>(
       simulateSession(*room, options.seed, mappingSessionOptions(options)));

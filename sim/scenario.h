@@ -33,6 +33,8 @@ struct Scenario {
 };
 
 Scenario makeScenario(const ScenarioOptions& options);
+// The room of the scenario alone (what makeScenario furnishes).
+Room makeScenarioRoom(const ScenarioOptions& options);
 // The session options makeScenario uses for each session.
 SessionOptions mappingSessionOptions(const ScenarioOptions& options);
 SessionOptions localizationSessionOptions(const ScenarioOptions& options);
