@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "omrakit/geometry.h"
@@ -66,5 +67,8 @@ struct ArPlaneAnchor : ArAnchor {
   Float3 extent;
   std::optional<std::vector<Float3>> boundaryVertices;  // anchor frame; AR platform 11.3 or later
 };
+
+// An anchor of either kind, as the AR session's anchor events hand over mixed lists.
+using AnyArAnchor = std::variant<ArAnchor, ArPlaneAnchor>;
 
 }  // namespace omra
