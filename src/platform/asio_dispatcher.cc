@@ -91,6 +91,10 @@ AsioDispatcher::AsioDispatcher(int poolThreads)
     : impl_(std::make_unique<Impl>(std::clamp(poolThreads, 1, 8))) {}
 
 AsioDispatcher::~AsioDispatcher() {
+  // Joining the pool from one of its own threads would wait forever.
+  if (impl_->pool.get_executor().running_in_this_thread()) {
+    fatalError("AsioDispatcher destroyed from one of its own queues");
+  }
   std::vector<std::pair<std::shared_ptr<asio::steady_timer>, PoolStrand>> timers;
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);

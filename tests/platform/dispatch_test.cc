@@ -77,6 +77,19 @@ TEST(AsioDispatcherDeathTest, SyncFromTheQueueItselfIsFatal) {
       "com.omra.self");
 }
 
+TEST(AsioDispatcherDeathTest, DestructionFromItsOwnThreadsIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        auto d = std::make_shared<AsioDispatcher>(1);
+        auto q = d->makeSerialQueue("q");
+        std::promise<void> never;
+        q->async([d = std::move(d)]() mutable { d.reset(); });
+        never.get_future().wait_for(5s);
+      },
+      "destroyed from one of its own queues");
+}
+
 TEST(AsioDispatcherTest, AsyncAfterWaitsAndKeepsQueueOrder) {
   AsioDispatcher d;
   auto q = d.makeSerialQueue("q");

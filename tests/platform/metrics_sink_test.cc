@@ -12,7 +12,6 @@
 #include "src/platform/json_lines_metrics_sink.h"
 #include "src/platform/manual_main_queue.h"
 #include "src/platform/memory_logger.h"
-#include "src/platform/memory_metrics_sink.h"
 #include "src/platform/metric_format.h"
 #include "src/platform/metrics_sink_factory.h"
 #include "tests/platform/loopback_server_testutil.h"
@@ -259,16 +258,6 @@ TEST(MetricsSinkFactoryTest, ChoosesBySetting) {
   cw = makeMetricsSink(c, dispatcher, logger);
   EXPECT_EQ(static_cast<CloudWatchMetricsSink*>(cw.get())->endpoint(),
             "https://monitoring.ap-south-1.amazonaws.com/");
-}
-
-TEST(MemoryMetricsSinkTest, KeepsRequestsInOrder) {
-  MemoryMetricsSink sink;
-  sink.putMetricData("OmraKit", {});
-  sink.putMetricData("OmraKit", {datum("a", 1, "Count"), datum("b", 2, "Seconds")});
-  ASSERT_EQ(sink.requests().size(), 2u);
-  EXPECT_TRUE(sink.requests()[0].data.empty());
-  ASSERT_EQ(sink.data().size(), 2u);
-  EXPECT_EQ(sink.data()[1].metricName, "b");
 }
 
 }  // namespace

@@ -26,9 +26,13 @@ DetectorResult ScriptedDetectorModel::outputs(Tensor scores, Tensor boxes, Tenso
 
 DetectorResult ScriptedDetectorModel::run(const PixelBuffer& image, ImageOrientation orientation,
                                           CropAndScale crop) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  orientations_.push_back(orientation);
-  crops_.push_back(crop);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    orientations_.push_back(orientation);
+    crops_.push_back(crop);
+  }
+  // The script runs outside mutex_, so that the counters stay readable while it blocks.
+  std::lock_guard<std::mutex> lock(scriptMutex_);
   if (!script_) return {{}, "no script"};
   return script_(image, orientation, crop);
 }

@@ -1,5 +1,6 @@
 // A detector model that returns what a script gives it: for tests and the simulator. Owned by the
-// caller; run() is thread-safe (the producer runs under a mutex, one call at a time).
+// caller; run() is thread-safe (the script runs under its own mutex, one call at a time; the
+// counters can be read while it runs).
 #pragma once
 
 #include <functional>
@@ -32,8 +33,9 @@ class ScriptedDetectorModel : public DetectorModel {
   std::vector<CropAndScale> crops() const;
 
  private:
+  std::mutex scriptMutex_;
+  DetectorScript script_;  // guarded by scriptMutex_
   mutable std::mutex mutex_;
-  DetectorScript script_;                       // guarded by mutex_
   std::vector<ImageOrientation> orientations_;  // guarded by mutex_
   std::vector<CropAndScale> crops_;             // guarded by mutex_
 };
