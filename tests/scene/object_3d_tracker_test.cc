@@ -1,0 +1,220 @@
+#include "src/scene/object_3d_tracker.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+
+#include "src/scene/memory_scene_graph.h"
+#include "src/scene/ssd_anchors.h"
+#include "src/scene/ssd_post_processor.h"
+
+namespace omra {
+namespace {
+
+const std::vector<std::string>& names() {
+  static const std::vector<std::string> n = *SSDPostProcessor(1917, 90, 0.01).classNames;
+  return n;
+}
+constexpr int kChair = 62, kTv = 72, kPerson = 1;
+
+Prediction predictionOf(int cls, double score) {
+  return {700, score, OrientedBoundingBox::fromAnchor(SSDAnchors::ssdAnchors()[700]), {}, cls};
+}
+
+// A frame whose hit tests land on the eight corners of a cube (centre, half size), three times
+// each; the last of every 25 queries finds nothing.
+ArFrame cubeFrame(Vector3 centre, float half) {
+  ArFrame f;
+  auto n = std::make_shared<int>(0);
+  f.hitTest = [n, centre, half](Float2, HitTestType) -> std::vector<HitTestResult> {
+    const int i = (*n)++ % 25;
+    if (i == 24) return {};
+    HitTestResult r;
+    r.worldTransform.columns[3] = {centre.x + (i & 1 ? half : -half),
+                                   centre.y + (i & 2 ? half : -half),
+                                   centre.z + (i & 4 ? half : -half), 1};
+    return {r};
+  };
+  return f;
+}
+
+TEST(Object3DTrackerTest, ConfidenceRampsWithReadsAndGatesReporting) {
+  Object3DTracker t(800, 600);
+  const Vector3 c{0, 0, -2};
+  const double want[] = {0.4, 0.56, 0.64, 0.72, 0.8, 0.8};
+  for (int i = 0; i < 6; ++i) {
+    const auto out = t.convert2DBBoxTo3D({predictionOf(kChair, 0.8)}, names(), cubeFrame(c, 0.1f));
+    ASSERT_EQ(t.trackedObjects().size(), 1u);
+    EXPECT_NEAR(t.trackedObjects()[0]->state.confidence, want[i], 1e-9) << i;
+    // Strictly above 0.4 only: the first sighting is not reported.
+    EXPECT_EQ(out.size(), i == 0 ? 0u : 1u) << i;
+  }
+  const auto out = t.convert2DBBoxTo3D({predictionOf(kChair, 0.8), predictionOf(kChair, 0.8)},
+                                       names(), cubeFrame(c, 0.1f));
+  ASSERT_EQ(out.size(), 2u);  // one entry per prediction, same object
+  EXPECT_EQ(out[0].id(), out[1].id());
+  EXPECT_EQ(out[0].name(), "chair");
+  EXPECT_NEAR(out[0].center().z, -2, 1e-5);
+  EXPECT_NEAR(out[0].width(), 0.2, 1e-5);
+}
+
+TEST(Object3DTrackerTest, AssociationByClassOverlapAndDistance) {
+  struct Case {
+    const char* what;
+    int secondClass;
+    Vector3 secondCentre;
+    size_t objects;
+  };
+  // Boxes of 1 m: centres 0.39 or 0.41 m apart still overlap.
+  for (const Case& k : std::vector<Case>{{"same place", kChair, {0, 0, -2}, 1},
+                                         {"other class", kTv, {0, 0, -2}, 2},
+                                         {"0.39 m away", kChair, {0.39f, 0, -2}, 1},
+                                         {"0.41 m away", kChair, {0.41f, 0, -2}, 2},
+                                         {"no overlap", kChair, {0, 0, -3.2f}, 2}}) {
+    Object3DTracker t(800, 600);
+    t.convert2DBBoxTo3D({predictionOf(kChair, 0.9)}, names(), cubeFrame({0, 0, -2}, 0.5f));
+    t.convert2DBBoxTo3D({predictionOf(k.secondClass, 0.9)}, names(),
+                        cubeFrame(k.secondCentre, 0.5f));
+    EXPECT_EQ(t.trackedObjects().size(), k.objects) << k.what;
+    EXPECT_EQ(t.trackedObjects()[0]->id, 0) << k.what;
+    if (k.objects == 2) {
+      EXPECT_EQ(t.trackedObjects()[1]->id, 1) << k.what;
+    }
+  }
+}
+
+TEST(Object3DTrackerTest, HitsTooCloseToTheCameraAreIgnored) {
+  for (const auto& [distance, tracked] :
+       std::vector<std::pair<float, bool>>{{0.29f, false}, {0.31f, true}}) {
+    Object3DTracker t(800, 600);
+    ArFrame f;
+    f.camera.transform.columns[3] = {1, 1, 1, 1};
+    f.hitTest = [d = distance](Float2, HitTestType) {
+      HitTestResult r;
+      r.worldTransform.columns[3] = {1, 1, 1 - d, 1};
+      return std::vector<HitTestResult>{r};
+    };
+    t.convert2DBBoxTo3D({predictionOf(kChair, 0.9)}, names(), f);
+    ASSERT_EQ(t.priorHittests().size(), 1u);
+    EXPECT_EQ(t.priorHittests().back().points.size(), tracked ? 25u : 0u) << distance;
+    EXPECT_EQ(t.trackedObjects().size(), tracked ? 1u : 0u) << distance;
+  }
+}
+
+BoundingBox3D boxAt(float x, double confidence) {
+  return {x - 0.1f, x + 0.1f, -0.1f, 0.1f, -2.1f, -1.9f, 0, confidence};
+}
+
+TEST(TrackedObjectTest, StillObjectIgnoresWeakReadsAndKeeps41) {
+  TrackedObject o(3, boxAt(0, 0.9), "chair", std::nullopt);
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(o.push(boxAt(0, 0.9)));
+  EXPECT_GT(o.state.confidence, 0.75);
+  EXPECT_FALSE(o.push(boxAt(0, 0.7)));  // weak read on a settled still object
+  EXPECT_EQ(o.reads.size(), 5u);
+  EXPECT_TRUE(o.push(boxAt(0, 0.75)));  // not below 0.75
+  for (int i = 0; i < 60; ++i) o.push(boxAt(0, 0.9));
+  EXPECT_EQ(o.reads.size(), 41u);
+  EXPECT_FALSE(o.state.isMoving);
+}
+
+TEST(TrackedObjectTest, MovingObjectKeepsTwentyAndTakesWeakReads) {
+  TrackedObject o(0, boxAt(0, 0.9), "chair", std::nullopt);
+  for (int i = 1; i < 30; ++i) o.push(boxAt(0.2f * i, 0.9));  // 0.2 m per read: moving
+  EXPECT_TRUE(o.state.isMoving);
+  EXPECT_NEAR(o.state.velocity, 0.15f, 1e-4);  // three steps of 0.2 over 4
+  EXPECT_EQ(o.reads.size(), 20u);
+  EXPECT_TRUE(o.push(boxAt(6.0f, 0.1)));
+  EXPECT_EQ(o.reads.size(), 20u);
+  // A person is always moving, from the first read.
+  TrackedObject p(1, boxAt(0, 0.9), "person", true);
+  EXPECT_TRUE(p.state.isMoving);
+  for (int i = 0; i < 5; ++i) p.push(boxAt(0, 0.9));
+  EXPECT_TRUE(p.push(boxAt(0, 0.1)));
+}
+
+TEST(TrackedObjectTest, StateIsTheMedianOfReads) {
+  TrackedObject o(0, boxAt(0, 0.5), "cup", std::nullopt);
+  o.push(boxAt(0.1f, 0.7));
+  o.push(boxAt(5.0f, 0.9));  // an outlier read moves the median little
+  EXPECT_NEAR(o.state.position.x, 0.1f, 1e-6);
+  EXPECT_NEAR(o.state.confidence, 0.7 * 0.8, 1e-9);
+  EXPECT_NEAR(o.state.boundingBox.maxX - o.state.boundingBox.minX, 0.2f, 1e-6);
+  const DetectedObject d = o.toDetectedObjectForCustomer();
+  EXPECT_EQ(d.name(), "cup");
+  EXPECT_FLOAT_EQ(d.confidence(), static_cast<float>(0.56));
+  EXPECT_NE(d.print().find("cup, 0.56"), std::string::npos) << d.print();
+}
+
+TEST(HitPointsTest, BoxAroundPointsWithHeadingAndRounding) {
+  HitPoints empty;
+  const BoundingBox3D e = empty.getBoundingRectangle(0.6);
+  EXPECT_TRUE(e.isEmpty());
+  EXPECT_EQ(e.confidence, 0.6);
+
+  HitPoints one;
+  one.points = {{1, 2, 3}};
+  const BoundingBox3D b = one.getBoundingRectangle(0.5);
+  EXPECT_NEAR(b.maxX - b.minX, HitPoints::kMinSpan, 1e-6);
+  EXPECT_NEAR(b.center().y, 2, 1e-6);
+
+  // Points along a line at 30 degrees in x-z, plus one far outlier.
+  HitPoints line;
+  const float th = 0.5235988f;
+  for (int i = -5; i <= 5; ++i)
+    line.points.push_back({0.1f * i * std::cos(th), 0.f, 0.1f * i * std::sin(th)});
+  line.points.push_back({5, 5, 5});
+  const BoundingBox3D l = line.getBoundingRectangle(0.9);
+  EXPECT_EQ(line.filteredPoints.size(), 11u);
+  EXPECT_NEAR(l.theta, th, 1e-4);
+  EXPECT_NEAR(l.maxX - l.minX, 1.0f, 0.011f);  // the length along the heading
+  const auto corners = l.getCubeVertices(false);
+  // Turned corners reach the ends of the line.
+  EXPECT_NEAR(corners[1].x, 0.5f * std::cos(th) + 0.025f * std::sin(th), 0.01f);
+}
+
+TEST(SemanticNetworkTest, LinksConfidentNearbyVisibleObjects) {
+  auto scene = std::make_shared<MemorySceneGraph>();
+  std::vector<std::unique_ptr<TrackedObject>> objs;
+  for (int i = 0; i < 3; ++i) {
+    objs.push_back(std::make_unique<TrackedObject>(i + 10, boxAt(0.9f * i, 0.9), "cup", false));
+    for (int r = 0; r < 5; ++r) objs.back()->push(boxAt(0.9f * i, 0.9));
+    objs.back()->show(*scene);
+  }
+  SemanticNetwork net;
+  net.update(scene.get(), objs);
+  // 0.9 m apart: 10-11 and 11-12 linked, 10-12 (1.8 m) not.
+  ASSERT_EQ(net.visualEdges.size(), 2u);
+  ASSERT_TRUE(net.visualEdges.count("10|11"));
+  const auto edge = scene->node(net.visualEdges["10|11"]);
+  ASSERT_TRUE(edge);
+  EXPECT_EQ(edge->color, Color::purple());
+  EXPECT_FLOAT_EQ(edge->radius, 0.001f);
+  // Hiding one object removes its edge from the scene and the map.
+  const SceneNodeId gone = net.visualEdges["11|12"];
+  objs[2]->hide(scene.get());
+  net.update(scene.get(), objs);
+  EXPECT_EQ(net.visualEdges.size(), 1u);
+  EXPECT_FALSE(scene->node(gone));
+}
+
+TEST(SceneDrawingTest, ShowDrawsByConfidence) {
+  MemorySceneGraph scene;
+  TrackedObject o(0, boxAt(0, 0.9), "tv", std::nullopt);  // 0.45: plain box
+  o.show(scene);
+  EXPECT_EQ(o.visualNodes.size(), 12u);
+  EXPECT_TRUE(o.isVisible);
+  for (int r = 0; r < 4; ++r) o.push(boxAt(0, 0.9));  // 0.9: labelled
+  o.show(scene);
+  ASSERT_EQ(o.visualNodes.size(), 13u);
+  EXPECT_EQ(scene.attachedNodes().size(), 13u);  // the old drawing is gone
+  const auto label = scene.node(o.visualNodes.back());
+  ASSERT_TRUE(label);
+  EXPECT_EQ(label->text, "tv (0.90)");
+  EXPECT_EQ(label->font, "Arial");
+  o.hide(&scene);
+  EXPECT_TRUE(scene.attachedNodes().empty());
+}
+
+}  // namespace
+}  // namespace omra

@@ -1,0 +1,264 @@
+#include "src/scene/scene_understanding.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <future>
+#include <thread>
+
+#include "src/platform/asio_dispatcher.h"
+#include "src/platform/memory_logger.h"
+#include "src/platform/vision/scripted_detector_model.h"
+#include "src/scene/ssd_anchors.h"
+
+namespace omra {
+namespace {
+
+constexpr int kN = SSDAnchors::kNumAnchors;
+
+// Detector outputs with one chair (anchor 700, score 0.9) and a 2x2x2 activation.
+DetectorResult chairOutputs() {
+  std::vector<float> scores(91 * kN, 0.f);
+  scores[62 * kN + 700] = 0.9f;
+  return ScriptedDetectorModel::outputs(Tensor::fromFloats({91, kN}, scores),
+                                        Tensor::fromFloats({4, kN}, std::vector<float>(4 * kN)),
+                                        Tensor::fromFloats({2, 2, 2}, {1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+ArFrame frameAt(float x, float roll = 0) {
+  ArFrame f;
+  f.camera.transform.columns[3] = {x, 0, 0, 1};
+  f.camera.eulerAngles = {0, 0, roll};
+  f.capturedImage.width = 8;
+  f.capturedImage.height = 6;
+  f.capturedImage.bytesPerRow = 32;
+  f.capturedImage.data = std::make_shared<std::vector<uint8_t>>(32 * 6);
+  f.hitTest = [](Float2 p, HitTestType) {
+    HitTestResult r;
+    r.worldTransform.columns[3] = {p.x, p.y, -2, 1};
+    return std::vector<HitTestResult>{r};
+  };
+  return f;
+}
+
+bool waitFor(const std::function<bool()>& pred) {
+  for (int i = 0; i < 2000; ++i) {
+    if (pred()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return pred();
+}
+
+class SceneUnderstandingTest : public ::testing::Test {
+ protected:
+  void SetUp() override { dispatcher_ = std::make_shared<AsioDispatcher>(2); }
+  void TearDown() override {
+    pipeline_.reset();
+    dispatcher_.reset();
+  }
+  void make(DetectorScript script) {
+    model_ = std::make_shared<ScriptedDetectorModel>(std::move(script));
+    pipeline_ = std::make_unique<SceneUnderstanding>(
+        800, 600,
+        [this](const std::vector<DetectedObject>& objects, std::shared_ptr<const Activation> a) {
+          std::lock_guard<std::mutex> lock(mutex_);
+          results_.push_back(objects);
+          activations_.push_back(std::move(a));
+        },
+        model_, dispatcher_);
+  }
+  size_t results() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return results_.size();
+  }
+  // Offers a frame and waits until the pipeline is idle again.
+  void offer(const ArFrame& f) {
+    pipeline_->processImage(f, counter_);
+    ASSERT_TRUE(waitFor([&] { return !pipeline_->updateInProgress(); }));
+  }
+
+  std::shared_ptr<AsioDispatcher> dispatcher_;
+  std::shared_ptr<ScriptedDetectorModel> model_;
+  std::unique_ptr<SceneUnderstanding> pipeline_;
+  int64_t counter_ = 0;
+  std::mutex mutex_;
+  std::vector<std::vector<DetectedObject>> results_;
+  std::vector<std::shared_ptr<const Activation>> activations_;
+};
+
+TEST_F(SceneUnderstandingTest, FirstFourFramesAndStillFramesNeverDetect) {
+  make([](const PixelBuffer&, ImageOrientation, CropAndScale) { return chairOutputs(); });
+  for (int i = 0; i < 4; ++i) offer(frameAt(0.1f * i));
+  EXPECT_EQ(counter_, 0);
+  offer(frameAt(0.4f));
+  EXPECT_EQ(counter_, 1);
+  ASSERT_TRUE(waitFor([&] { return results() == 1; }));
+  EXPECT_EQ(model_->crops(), std::vector<CropAndScale>{CropAndScale::kCenterCrop});
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ASSERT_EQ(activations_[0]->predictions.size(), 1u);
+    EXPECT_EQ(activations_[0]->getFullVector(), (std::vector<double>{1, 2, 3, 4, 5, 6, 7, 8}));
+  }
+  // A camera that stops: once the window holds only the still pose, nothing more is detected.
+  for (int i = 0; i < 10; ++i) offer(frameAt(0.5f));
+  EXPECT_LE(counter_, 4);
+  const int64_t settled = counter_;
+  for (int i = 0; i < 10; ++i) offer(frameAt(0.5f));
+  EXPECT_EQ(counter_, settled);
+}
+
+TEST_F(SceneUnderstandingTest, RotationAloneCountsAsMoving) {
+  make([](const PixelBuffer&, ImageOrientation, CropAndScale) { return chairOutputs(); });
+  // 0.0015 rad per frame: the mean over the window is 3 * 0.0015 / 4 > 0.001.
+  for (int i = 0; i < 5; ++i) {
+    ArFrame f = frameAt(0);
+    f.camera.eulerAngles.x = 0.0015f * i;
+    offer(f);
+  }
+  EXPECT_EQ(counter_, 1);
+  EXPECT_GT(pipeline_->motionAnalyzer().rotVel, 0.001f);
+  // 0.0013 rad per frame averages below the threshold.
+  make([](const PixelBuffer&, ImageOrientation, CropAndScale) { return chairOutputs(); });
+  counter_ = 0;
+  for (int i = 0; i < 8; ++i) {
+    ArFrame f = frameAt(0);
+    f.camera.eulerAngles.x = 0.0013f * i;
+    offer(f);
+  }
+  EXPECT_EQ(counter_, 0);
+}
+
+TEST_F(SceneUnderstandingTest, BusyFramesAreDroppedUntilTheHandOverReturns) {
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  // Never leave the model blocked, even when an assertion ends the test early.
+  std::shared_ptr<void> unblock(nullptr, [&](void*) {
+    if (released.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+      release.set_value();
+  });
+  make([released](const PixelBuffer&, ImageOrientation, CropAndScale) {
+    released.wait();
+    return chairOutputs();
+  });
+  for (int i = 0; i < 4; ++i) offer(frameAt(0.1f * i));
+  pipeline_->processImage(frameAt(0.4f), counter_);
+  ASSERT_TRUE(waitFor([&] { return model_->calls() == 1; }));
+  EXPECT_TRUE(pipeline_->updateInProgress());
+  pipeline_->processImage(frameAt(0.5f), counter_);  // busy: dropped
+  EXPECT_EQ(counter_, 1);
+  unblock.reset();
+  ASSERT_TRUE(waitFor([&] { return results() == 1; }));
+  offer(frameAt(0.6f));
+  EXPECT_EQ(counter_, 2);
+  ASSERT_TRUE(waitFor([&] { return results() == 2; }));
+  EXPECT_EQ(model_->calls(), 2);
+}
+
+TEST_F(SceneUnderstandingTest, RollChoosesTheRequestOrientation) {
+  make([](const PixelBuffer&, ImageOrientation, CropAndScale) { return chairOutputs(); });
+  for (int i = 0; i < 4; ++i) offer(frameAt(0.1f * i));
+  const float rolls[] = {0.f, -1.5707963f, 3.0f};
+  for (int i = 0; i < 3; ++i) {
+    offer(frameAt(0.5f + 0.1f * i, rolls[i]));
+    ASSERT_TRUE(waitFor([&] { return results() == static_cast<size_t>(i + 1); }));
+  }
+  EXPECT_EQ(model_->orientations(),
+            (std::vector<ImageOrientation>{ImageOrientation::kUp, ImageOrientation::kRight,
+                                           ImageOrientation::kDown}));
+}
+
+TEST(OrientationFromRollTest, AsymmetricBoundsAreKept) {
+  struct Case {
+    float roll;
+    phoneOrientation want;
+  };
+  for (const Case& c : std::vector<Case>{{1.5707963f, phoneOrientation::landscapeLeft},
+                                         {-0.78539813f, phoneOrientation::portrait},
+                                         {-0.785f, phoneOrientation::landscapeLeft},
+                                         {-2.3561945f, phoneOrientation::portrait},
+                                         {-2.357f, phoneOrientation::landscapeRight},
+                                         {1.5708f, phoneOrientation::landscapeRight},
+                                         {0.f, phoneOrientation::landscapeLeft},
+                                         {-1.5707963f, phoneOrientation::portrait}}) {
+    EXPECT_EQ(orientationFromRoll(c.roll), c.want) << c.roll;
+  }
+}
+
+class ObjectDetection2DTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<AsioDispatcher> dispatcher_ = std::make_shared<AsioDispatcher>(2);
+  std::shared_ptr<MemoryLogger> logger_ = std::make_shared<MemoryLogger>();
+};
+
+TEST_F(ObjectDetection2DTest, UnexpectedResultsCallNobodyAndKeepTheSemaphore) {
+  DetectorResult three = chairOutputs();
+  three.outputs.pop_back();
+  auto model = ScriptedDetectorModel::returning(three);
+  ObjectDetection2D d(800, 600, model, *dispatcher_, logger_);
+  int calls = 0;
+  auto count = [&](const std::vector<Prediction>&, std::shared_ptr<const Activation>) { ++calls; };
+  d.classifyImage(frameAt(0).capturedImage, count, phoneOrientation::portrait);
+  EXPECT_EQ(calls, 0);
+  EXPECT_EQ(model->orientations(), std::vector<ImageOrientation>{ImageOrientation::kRight});
+  // The semaphore stays taken: the next call waits until the detector is closed.
+  std::atomic<bool> returned{false};
+  std::thread second([&] {
+    d.classifyImage(frameAt(0).capturedImage, count, phoneOrientation::portrait);
+    returned = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(returned);
+  d.close();
+  second.join();
+  EXPECT_EQ(model->calls(), 1);
+  EXPECT_EQ(calls, 0);
+}
+
+TEST_F(ObjectDetection2DTest, WrongSizedOutputsAreNeverRead) {
+  for (const auto& [boxes, scores] : std::vector<std::pair<int64_t, int64_t>>{
+           {4 * kN - 1, 91 * kN}, {4 * kN, 90 * kN}, {0, 91 * kN}}) {
+    DetectorResult r = chairOutputs();
+    r.outputs[2].tensor = Tensor::fromFloats({boxes}, std::vector<float>(boxes));
+    r.outputs[1].tensor = Tensor::fromFloats({scores}, std::vector<float>(scores, 0.5f));
+    ObjectDetection2D d(800, 600, ScriptedDetectorModel::returning(r), *dispatcher_, logger_);
+    bool called = false;
+    d.classifyImage(
+        frameAt(0).capturedImage,
+        [&](const std::vector<Prediction>&, std::shared_ptr<const Activation>) { called = true; },
+        phoneOrientation::landscapeLeft);
+    EXPECT_FALSE(called) << boxes << " " << scores;
+  }
+}
+
+TEST_F(ObjectDetection2DTest, FailedRunsReleaseTheSemaphoreAndResultsHideOverlays) {
+  int run = 0;
+  auto model = std::make_shared<ScriptedDetectorModel>(
+      [&run](const PixelBuffer&, ImageOrientation, CropAndScale) -> DetectorResult {
+        return ++run == 1 ? DetectorResult{{}, "model failed"} : chairOutputs();
+      });
+  ObjectDetection2D d(800, 600, model, *dispatcher_, logger_);
+  d.setBoundingBoxes(std::vector<BoundingBox2D>(100));
+  std::vector<Prediction> got;
+  auto keep = [&](const std::vector<Prediction>& p, std::shared_ptr<const Activation>) { got = p; };
+  d.classifyImage(frameAt(0).capturedImage, keep, phoneOrientation::landscapeRight);
+  ASSERT_FALSE(logger_->lines().empty());
+  d.classifyImage(frameAt(0).capturedImage, keep, phoneOrientation::landscapeRight);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(d.classNames()[static_cast<size_t>(got[0].detectedClass)], "chair");
+  EXPECT_EQ(model->orientations().back(), ImageOrientation::kDown);
+  ASSERT_TRUE(waitFor([&] { return d.boundingBoxes()[99].shapeHidden; }));
+  EXPECT_TRUE(d.boundingBoxes()[0].textHidden);
+}
+
+TEST(ActivationTest, FullVectorWalksTheFirstThreeDimensions) {
+  Tensor t = Tensor::fromFloats({2, 3, 2}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11});
+  // A transposed view (2, 2, 3) reads through its strides.
+  Tensor view({2, 2, 3}, {6, 1, 2}, TensorDataType::kFloat32, t.storage());
+  EXPECT_EQ(Activation({}, view).getFullVector(),
+            (std::vector<double>{0, 2, 4, 1, 3, 5, 6, 8, 10, 7, 9, 11}));
+  EXPECT_DEATH(Activation({}, Tensor::fromFloats({4}, {1, 2, 3, 4})).getFullVector(),
+               "three dimensions");
+}
+
+}  // namespace
+}  // namespace omra
