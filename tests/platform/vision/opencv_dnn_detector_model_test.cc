@@ -65,10 +65,11 @@ struct Layout {
 
 TEST_F(OpenCvDnnDetectorModelTest, OrientationAndCentreCropReachTheModel) {
   const PixelBuffer img = testing::halfRedHalfBlue(400, 300);
-  for (const Layout& l : std::vector<Layout>{{ImageOrientation::kUp, true, false, false, false},
-                                             {ImageOrientation::kDown, false, true, false, false},
-                                             {ImageOrientation::kRight, false, false, true, false},
-                                             {ImageOrientation::kLeft, false, false, false, true}}) {
+  for (const Layout& l :
+       std::vector<Layout>{{ImageOrientation::kUp, true, false, false, false},
+                           {ImageOrientation::kDown, false, true, false, false},
+                           {ImageOrientation::kRight, false, false, true, false},
+                           {ImageOrientation::kLeft, false, false, false, true}}) {
     const DetectorResult r = model_->run(img, l.orientation, CropAndScale::kCenterCrop);
     ASSERT_TRUE(r.ok()) << r.error;
     const MultiArray<float> act(r.outputs[3].tensor);
