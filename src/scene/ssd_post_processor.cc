@@ -1,7 +1,10 @@
 #include "src/scene/ssd_post_processor.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <functional>
+#include <limits>
 #include <sstream>
 
 #include "src/foundation/fatal.h"
@@ -38,16 +41,6 @@ std::vector<std::string> split(const std::string& text, char sep) {
   std::istringstream in(text);
   while (std::getline(in, part, sep)) parts.push_back(part);
   return parts;
-}
-
-struct Candidate {
-  double score;
-  int index;
-};
-
-// Max-heap order: higher score first, then lower anchor index (the order a stable sort gives).
-bool heapBefore(const Candidate& a, const Candidate& b) {
-  return a.score < b.score || (a.score == b.score && a.index > b.index);
 }
 
 }  // namespace
@@ -145,6 +138,20 @@ std::vector<Prediction> SSDPostProcessor::process(const Tensor& boxes, const Ten
   OMRA_CHECK(acceptsOutputs(boxes, scores),
              "SSDPostProcessor: detector outputs have the wrong size");
   OMRA_CHECK(numClasses >= 1, "SSDPostProcessor: nothing to suppress over");
+  // The fast path reads float32 scores as their bit patterns, which order like the values for
+  // non-negative numbers; anything else takes the plain route, which gives the same output.
+  if (!(scores.isContiguous() && scores.dataType() == TensorDataType::kFloat32) ||
+      !(threshold >= 0) || threshold > std::numeric_limits<float>::max()) {
+    return nonMaximumSupression(pruneLowScoring(boxes, scores));
+  }
+  // The largest float not above the threshold: a float score passes (as a double, strictly above
+  // the threshold) exactly when its bits are above these.
+  float tf = static_cast<float>(threshold);
+  if (static_cast<double>(tf) > threshold) tf = std::nextafter(tf, -1.0f);
+  const int32_t tbits = std::bit_cast<int32_t>(tf);
+  constexpr int32_t kInfBits = 0x7f800000;  // above: not a number, which never passes
+
+  const float* sv = static_cast<const float*>(scores.data());
   const FlatValues e(boxes);
   const auto& anchors = SSDAnchors::ssdAnchors();
   const size_t n = static_cast<size_t>(numAnchors);
@@ -161,37 +168,80 @@ std::vector<Prediction> SSDPostProcessor::process(const Tensor& boxes, const Ten
     return rects[b];
   };
 
-  std::vector<Prediction> out;
-  std::vector<Candidate> heap;
-  heap.reserve(n);
-  int kept[kMaxBoxesPerClass];
-  double keptScores[kMaxBoxesPerClass];
-
-  auto scanClass = [&](auto values, int c) {
-    heap.clear();
-    const auto* row = values + static_cast<size_t>(c) * n;
-    for (size_t b = 0; b < n; ++b) {
-      const double score = row[b];
-      if (threshold < score) heap.push_back({score, static_cast<int>(b)});
-    }
+  // Candidate key: score bits above, inverted anchor index below, so that the largest key is the
+  // highest score and, among equal scores, the lowest anchor (the order a stable sort gives).
+  auto keyOf = [](int32_t bits, size_t b) {
+    return (static_cast<uint64_t>(bits) << 32) | (0xFFFFFFFFu - b);
   };
-  const bool isFloat = scores.isContiguous() && scores.dataType() == TensorDataType::kFloat32;
-  const FlatValues s(scores);
+  // A class rarely needs more than a few dozen candidates to keep its ten boxes: the scan keeps
+  // only the best kTop (a small min-heap) and the rest is gathered only when those run out.
+  constexpr size_t kTop = 32;
+  constexpr size_t kChunk = 16;
+  auto chunkMax = [](const float* p) {
+    int32_t m = std::numeric_limits<int32_t>::min();
+    for (size_t k = 0; k < kChunk; ++k) m = std::max(m, std::bit_cast<int32_t>(p[k]));
+    return m;
+  };
+  std::vector<uint64_t> top, rest;
+  top.reserve(kTop);
+  std::vector<Prediction> out;
+  int kept[kMaxBoxesPerClass];
+  float keptScores[kMaxBoxesPerClass];
 
   for (int c = 1; c <= numClasses; ++c) {
-    if (isFloat) {
-      scanClass(s.f, c);
-    } else {
-      scanClass(s.d, c);
+    const float* row = sv + static_cast<size_t>(c) * n;
+    top.clear();
+    size_t candidates = 0;
+    for (size_t b0 = 0; b0 < n; b0 += kChunk) {
+      const size_t end = std::min(b0 + kChunk, n);
+      // Most chunks hold nothing above the threshold: one vectorisable test skips them.
+      if (end - b0 == kChunk && chunkMax(row + b0) <= tbits) continue;
+      for (size_t b = b0; b < end; ++b) {
+        const int32_t bits = std::bit_cast<int32_t>(row[b]);
+        if (bits <= tbits || bits > kInfBits) continue;
+        ++candidates;
+        const uint64_t key = keyOf(bits, b);
+        if (top.size() < kTop) {
+          top.push_back(key);
+          std::push_heap(top.begin(), top.end(), std::greater<>());
+        } else if (key > top.front()) {
+          std::pop_heap(top.begin(), top.end(), std::greater<>());
+          top.back() = key;
+          std::push_heap(top.begin(), top.end(), std::greater<>());
+        }
+      }
     }
-    if (heap.empty()) continue;
-    std::make_heap(heap.begin(), heap.end(), heapBefore);
+    if (top.empty()) continue;
+    std::sort(top.begin(), top.end(), std::greater<>());
+    const uint64_t lowestTop = top.back();
     int numKept = 0;
-    while (!heap.empty() && numKept < kMaxBoxesPerClass) {
-      std::pop_heap(heap.begin(), heap.end(), heapBefore);
-      const Candidate cand = heap.back();
-      heap.pop_back();
-      const Rect& r = rectOf(static_cast<size_t>(cand.index));
+    size_t next = 0;
+    bool gathered = false;
+    while (numKept < kMaxBoxesPerClass) {
+      uint64_t key;
+      if (next < top.size()) {
+        key = top[next++];
+      } else {
+        if (!gathered) {
+          gathered = true;
+          rest.clear();
+          if (candidates > top.size()) {
+            for (size_t b = 0; b < n; ++b) {
+              const int32_t bits = std::bit_cast<int32_t>(row[b]);
+              if (bits > tbits && bits <= kInfBits && keyOf(bits, b) < lowestTop) {
+                rest.push_back(keyOf(bits, b));
+              }
+            }
+            std::make_heap(rest.begin(), rest.end());
+          }
+        }
+        if (rest.empty()) break;
+        std::pop_heap(rest.begin(), rest.end());
+        key = rest.back();
+        rest.pop_back();
+      }
+      const int index = static_cast<int>(0xFFFFFFFFu - static_cast<uint32_t>(key));
+      const Rect& r = rectOf(static_cast<size_t>(index));
       bool keep = true;
       for (int k = 0; k < numKept; ++k) {
         if (IOU(r, rects[static_cast<size_t>(kept[k])]) > kIouThreshold) {
@@ -200,8 +250,8 @@ std::vector<Prediction> SSDPostProcessor::process(const Tensor& boxes, const Ten
         }
       }
       if (keep) {
-        kept[numKept] = cand.index;
-        keptScores[numKept] = cand.score;
+        kept[numKept] = index;
+        keptScores[numKept] = std::bit_cast<float>(static_cast<int32_t>(key >> 32));
         ++numKept;
       }
     }

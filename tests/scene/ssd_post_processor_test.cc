@@ -177,6 +177,25 @@ TEST(SSDPostProcessorTest, ClassesAreIndependentAndCappedAtTen) {
   EXPECT_EQ(p.process(o.boxTensor(), o.scoreTensor()), out);
 }
 
+TEST(SSDPostProcessorTest, ManySuppressedLeadersStillYieldTheNextBest) {
+  // Sixty anchors all decode to one box with the highest scores; behind them, well separated
+  // boxes. One of the sixty survives and the next nine separate boxes fill the class.
+  SSDPostProcessor p(kN, kClasses, 0.01);
+  Outputs o;
+  const auto& rows = SSDAnchors::ssdAnchors();
+  const OrientedBoundingBox same{0.4, 0.4, 0.6, 0.6, 300, 300};
+  for (int i = 0; i < 60; ++i) {
+    const int a = 1083 + i;  // the 10x10 map
+    o.set(5, a, 0.9f - 0.001f * i, encodeBox(OrientedBoundingBox::fromAnchor(rows[a]), same));
+  }
+  for (int i = 0; i < 12; ++i) o.set(5, ((i / 4) * 2 * 19 + (i % 4) * 2) * 3, 0.5f - 0.01f * i);
+  const auto out = twoStep(p, o);
+  ASSERT_EQ(out.size(), 10u);
+  EXPECT_EQ(out[0].index, 1083);
+  EXPECT_EQ(out[1].index, 0);
+  EXPECT_EQ(p.process(o.boxTensor(), o.scoreTensor()), out);
+}
+
 TEST(SSDPostProcessorTest, FusedPathMatchesTheTwoStepApiOnRandomTensors) {
   SSDPostProcessor p(kN, kClasses, 0.01);
   std::mt19937 rng(7);
