@@ -128,7 +128,6 @@ struct CurlHttpClient::Worker {
     set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     set(CURLOPT_FOLLOWLOCATION, 1L);
     set(CURLOPT_MAXREDIRS, 10L);
-    set(CURLOPT_ACCEPT_ENCODING, "");
     if (t.request.method == HttpMethod::kPost) {
       set(CURLOPT_POST, 1L);
       set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t.request.body.size()));

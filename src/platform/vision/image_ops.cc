@@ -53,64 +53,77 @@ bool writePng(const std::string& path, const PixelBuffer& image) {
   }
 }
 
+namespace {
+
+// Turns an image upright for its EXIF orientation tag.
+cv::Mat upright(const cv::Mat& in, ImageOrientation orientation) {
+  cv::Mat up;
+  switch (orientation) {
+    case ImageOrientation::kUpMirrored:
+      cv::flip(in, up, 1);
+      break;
+    case ImageOrientation::kDown:
+      cv::rotate(in, up, cv::ROTATE_180);
+      break;
+    case ImageOrientation::kDownMirrored:
+      cv::flip(in, up, 0);
+      break;
+    case ImageOrientation::kLeftMirrored:
+      cv::transpose(in, up);
+      break;
+    case ImageOrientation::kRight:
+      cv::rotate(in, up, cv::ROTATE_90_CLOCKWISE);
+      break;
+    case ImageOrientation::kRightMirrored:
+      cv::flip(in, up, -1);
+      cv::transpose(up, up);
+      break;
+    case ImageOrientation::kLeft:
+      cv::rotate(in, up, cv::ROTATE_90_COUNTERCLOCKWISE);
+      break;
+    default:
+      up = in;
+  }
+  return up;
+}
+
+}  // namespace
+
 std::vector<uint8_t> modelInputRgb(const PixelBuffer& image, ImageOrientation orientation,
                                    CropAndScale crop, int size) {
-  if (image.empty() || size <= 0 ||
+  if (image.empty() || size <= 0 || image.bytesPerRow < static_cast<size_t>(image.width) * 4 ||
       image.data->size() < image.bytesPerRow * static_cast<size_t>(image.height)) {
     return {};
   }
   const cv::Mat bgra(image.height, image.width, CV_8UC4, const_cast<uint8_t*>(image.row(0)),
                      image.bytesPerRow);
-  cv::Mat rgb;
-  cv::cvtColor(bgra, rgb, cv::COLOR_BGRA2RGB);
-  // EXIF tag -> the turn that makes the image upright.
-  cv::Mat up;
-  switch (orientation) {
-    case ImageOrientation::kUp:
-      up = rgb;
-      break;
-    case ImageOrientation::kUpMirrored:
-      cv::flip(rgb, up, 1);
-      break;
-    case ImageOrientation::kDown:
-      cv::rotate(rgb, up, cv::ROTATE_180);
-      break;
-    case ImageOrientation::kDownMirrored:
-      cv::flip(rgb, up, 0);
-      break;
-    case ImageOrientation::kLeftMirrored:
-      cv::transpose(rgb, up);
-      break;
-    case ImageOrientation::kRight:
-      cv::rotate(rgb, up, cv::ROTATE_90_CLOCKWISE);
-      break;
-    case ImageOrientation::kRightMirrored:
-      cv::flip(rgb, up, -1);
-      cv::transpose(up, up);
-      break;
-    case ImageOrientation::kLeft:
-      cv::rotate(rgb, up, cv::ROTATE_90_COUNTERCLOCKWISE);
-      break;
-    default:
-      up = rgb;
-  }
-  cv::Mat fitted;
-  const int w = up.cols, h = up.rows;
+  // Crop and scale first, on the captured image, then turn the small result: quarter and half
+  // turns and mirrors keep the centre square and commute with scaling to a square or a fit.
+  const int w = image.width, h = image.height;
+  cv::Mat small;
   if (crop == CropAndScale::kCenterCrop) {
     const int s = std::min(w, h);
-    cv::resize(up(cv::Rect((w - s) / 2, (h - s) / 2, s, s)), fitted, cv::Size(size, size), 0, 0,
+    cv::resize(bgra(cv::Rect((w - s) / 2, (h - s) / 2, s, s)), small, cv::Size(size, size), 0, 0,
                cv::INTER_LINEAR);
   } else if (crop == CropAndScale::kScaleFit) {
-    // Whole image inside the square, centred, black bars.
     const double f = static_cast<double>(size) / std::max(w, h);
-    const int sw = std::max(1, static_cast<int>(w * f)), sh = std::max(1, static_cast<int>(h * f));
-    fitted = cv::Mat::zeros(size, size, CV_8UC3);
-    cv::resize(up, fitted(cv::Rect((size - sw) / 2, (size - sh) / 2, sw, sh)), cv::Size(sw, sh));
+    cv::resize(bgra, small,
+               cv::Size(std::max(1, static_cast<int>(w * f)), std::max(1, static_cast<int>(h * f))),
+               0, 0, cv::INTER_LINEAR);
   } else {
-    cv::resize(up, fitted, cv::Size(size, size), 0, 0, cv::INTER_LINEAR);
+    cv::resize(bgra, small, cv::Size(size, size), 0, 0, cv::INTER_LINEAR);
   }
-  if (!fitted.isContinuous()) fitted = fitted.clone();
-  return std::vector<uint8_t>(fitted.data, fitted.data + fitted.total() * 3);
+  cv::Mat rgb;
+  cv::cvtColor(small, rgb, cv::COLOR_BGRA2RGB);
+  cv::Mat up = upright(rgb, orientation);
+  if (up.cols != size || up.rows != size) {
+    // Fit: the whole image inside the square, centred, black bars.
+    cv::Mat square = cv::Mat::zeros(size, size, CV_8UC3);
+    up.copyTo(square(cv::Rect((size - up.cols) / 2, (size - up.rows) / 2, up.cols, up.rows)));
+    up = square;
+  }
+  if (!up.isContinuous()) up = up.clone();
+  return std::vector<uint8_t>(up.data, up.data + up.total() * 3);
 }
 
 }  // namespace omra
