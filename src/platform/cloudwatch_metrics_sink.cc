@@ -39,7 +39,8 @@ std::string CloudWatchMetricsSink::requestBody(const std::string& nameSpace,
     body += m + "MetricName=" + formEncode(d.metricName);
     body += m + "Value=" + formEncode(shortestDouble(d.value));
     if (!d.unit.empty()) body += m + "Unit=" + formEncode(d.unit);
-    body += m + "Timestamp=" + formEncode(iso8601Millis(d.timestamp));
+    // Without one, CloudWatch stamps the datum on arrival.
+    if (d.timestamp > 0) body += m + "Timestamp=" + formEncode(iso8601Millis(d.timestamp));
     for (size_t k = 0; k < d.dimensions.size(); ++k) {
       const std::string dim = m + "Dimensions.member." + std::to_string(k + 1) + ".";
       body += dim + "Name=" + formEncode(d.dimensions[k].first);

@@ -1,6 +1,7 @@
 #include "src/platform/json_lines_metrics_sink.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 
@@ -33,7 +34,12 @@ std::string JsonLinesMetricsSink::line(const std::string& nameSpace, const Metri
   // JSON has no NaN or infinity; such a value is written as null.
   j["value"] = std::isfinite(datum.value) ? Json(datum.value) : Json(nullptr);
   j["unit"] = datum.unit;
-  j["timestamp"] = iso8601Millis(datum.timestamp);
+  double when = datum.timestamp;
+  if (when <= 0) {
+    when =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  }
+  j["timestamp"] = iso8601Millis(when);
   Json dims = Json::object();
   for (const auto& [name, value] : datum.dimensions) dims[name] = value;
   j["dimensions"] = std::move(dims);

@@ -59,6 +59,12 @@ TEST(CloudWatchBodyTest, QueryProtocolMembers) {
             "&MetricData.member.2.MetricName=OmraKit.AssetSaved"
             "&MetricData.member.2.Value=1.5&MetricData.member.2.Unit=Seconds"
             "&MetricData.member.2.Timestamp=2026-11-22T00%3A00%3A00.250Z");
+  MetricDatum unstamped = datum("OmraKit.AssetSaved", 1, "Count");
+  unstamped.timestamp = 0;
+  EXPECT_EQ(CloudWatchMetricsSink::requestBody("OmraKit", {unstamped}).find("Timestamp"),
+            std::string::npos);
+  Json line = Json::parse(JsonLinesMetricsSink::line("OmraKit", unstamped));
+  EXPECT_GT(line["timestamp"].get<std::string>(), "2026-");  // stamped now, not 1970
   EXPECT_EQ(CloudWatchMetricsSink::requestBody("OmraKit", {}),
             "Action=PutMetricData&Version=2010-08-01&Namespace=OmraKit");
 }

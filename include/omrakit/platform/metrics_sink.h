@@ -12,8 +12,8 @@ struct MetricDatum {
   std::string metricName;
   std::vector<std::pair<std::string, std::string>> dimensions;  // name, value
   double value = 0;
-  std::string unit;       // CloudWatch unit name, e.g. "Seconds", "Count"
-  double timestamp = 0;   // seconds since 1970-01-01
+  std::string unit;      // CloudWatch unit name, e.g. "Seconds", "Count"
+  double timestamp = 0;  // seconds since 1970-01-01; 0: when the sink sends it
 };
 
 class MetricsSink {
