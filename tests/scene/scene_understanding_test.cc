@@ -147,7 +147,7 @@ TEST_F(SceneUnderstandingTest, BusyFramesAreDroppedUntilTheHandOverReturns) {
   pipeline_->processImage(frameAt(0.5f), counter_);  // busy: dropped
   EXPECT_EQ(counter_, 1);
   unblock.reset();
-  ASSERT_TRUE(waitFor([&] { return results() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return results() == 1 && !pipeline_->updateInProgress(); }));
   offer(frameAt(0.6f));
   EXPECT_EQ(counter_, 2);
   ASSERT_TRUE(waitFor([&] { return results() == 2; }));

@@ -39,3 +39,14 @@ PixelBuffer halfRedHalfBlue(int width, int height) {
 }
 
 }  // namespace omra::testing
+
+// OpenCV's network runs on TBB threads and its image codecs load GDAL; neither library is built
+// for ThreadSanitizer, so what it sees inside them is not ours to judge.
+extern "C" const char* __tsan_default_suppressions() {
+  return "race:libopencv_dnn.so\n"
+         "race:libopencv_core.so\n"
+         "race:libtbb.so\n"
+         "deadlock:libgdal.so\n"
+         "called_from_lib:libgdal.so\n"
+         "called_from_lib:libtbb.so\n";
+}
