@@ -1,6 +1,7 @@
 #include "server/server.h"
 
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <cstdio>
@@ -69,9 +70,17 @@ bool Server::start(std::string* error) {
 
   const int threads = options_.httpThreads > 0 ? options_.httpThreads : 1;
   s.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
+  s.set_tcp_nodelay(true);  // answers go out in two writes: no waiting for delayed ACKs
   s.set_keep_alive_max_count(1000);
   s.set_keep_alive_timeout(options_.keepAliveSeconds);
   s.set_payload_max_length(options_.maxBodyBytes);
+  // The library listens with a backlog of 5, which drops connections when many clients arrive at
+  // once: remember the listening socket to widen its backlog after binding.
+  auto listenSocket = std::make_shared<std::atomic<int>>(-1);
+  s.set_socket_options([listenSocket](socket_t sock) {
+    httplib::default_socket_options(sock);
+    listenSocket->store(sock);
+  });
   s.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
     requestStart = std::chrono::steady_clock::now();
     return httplib::Server::HandlerResponse::Unhandled;
@@ -137,7 +146,10 @@ bool Server::start(std::string* error) {
     return fail("Cannot bind " + options_.host + ":" + std::to_string(options_.port));
   }
   port_ = bound;
+  if (listenSocket->load() >= 0) ::listen(listenSocket->load(), SOMAXCONN);
   listener_ = std::thread([&s] { s.listen_after_bind(); });
+  // stop() only reaches a listener that runs: wait for it, so that an early stop is not lost.
+  while (!s.is_running()) std::this_thread::sleep_for(std::chrono::microseconds(200));
   log("listening on " + baseUrl());
   return true;
 }
