@@ -421,11 +421,14 @@ std::vector<MapAsset> Persistence::convertAssetsToLocalFrame(const std::string& 
 
 void Persistence::queryAssets(int64_t initialRestartCount) {
   if (sessionState_->restartCount() != initialRestartCount) return;
-  auto self = shared_from_this();
+  // Held weakly: the facade owns the Persistence and disposes it when it is dropped, so the loop
+  // would end at its next turn anyway; this way it does not delay the flush on destruction.
+  std::weak_ptr<Persistence> weak = weak_from_this();
   const auto interval = std::chrono::seconds(OmraSettings::RETRIEVE_ASSETS_INTERVAL.load());
-  reloadAssetQueue_->asyncAfter(interval, [self, initialRestartCount] {
+  reloadAssetQueue_->asyncAfter(interval, [weak, initialRestartCount] {
+    std::shared_ptr<Persistence> self = weak.lock();
     // A turn that finds the session restarted ends the loop at once.
-    if (self->sessionState_->restartCount() != initialRestartCount) return;
+    if (!self || self->sessionState_->restartCount() != initialRestartCount) return;
     if (std::shared_ptr<DataManager> manager = self->sessionState_->dataManager()) {
       manager->getLatestTransform();
     }

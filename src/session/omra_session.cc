@@ -65,15 +65,16 @@ class OmraSession::Impl {
   std::atomic<bool> disposed{false};
   const bool arSessionConfigChecked = false;  // reserved; nothing sets it
 
+  // The loop holds the state weakly, so that a dropped session is not kept alive by its meter.
   static void scheduleMeasureFPS(std::shared_ptr<Dispatcher> dispatcher,
                                  std::shared_ptr<SerialQueue> timerQueue,
-                                 std::shared_ptr<SessionState> state,
+                                 std::weak_ptr<SessionState> state,
                                  std::shared_ptr<FrameCounters> counters);
 };
 
 void OmraSession::Impl::scheduleMeasureFPS(std::shared_ptr<Dispatcher> dispatcher,
                                            std::shared_ptr<SerialQueue> timerQueue,
-                                           std::shared_ptr<SessionState> state,
+                                           std::weak_ptr<SessionState> state,
                                            std::shared_ptr<FrameCounters> counters) {
   SerialQueue& queue = *timerQueue;
   queue.asyncAfter(std::chrono::seconds(1), [dispatcher, timerQueue, state, counters] {
@@ -82,7 +83,10 @@ void OmraSession::Impl::scheduleMeasureFPS(std::shared_ptr<Dispatcher> dispatche
       counters->fpsDataProcess1 = static_cast<float>(counters->fpsDataProcess1Counter.exchange(0));
       counters->fpsDataProcess2 = static_cast<float>(counters->fpsDataProcess2Counter.exchange(0));
       // Against 0, not the count seen at start: once disposed, the meter never resumes.
-      if (state->restartCount() == 0) scheduleMeasureFPS(dispatcher, timerQueue, state, counters);
+      std::shared_ptr<SessionState> live = state.lock();
+      if (live && live->restartCount() == 0) {
+        scheduleMeasureFPS(dispatcher, timerQueue, state, counters);
+      }
     });
   });
 }

@@ -1,0 +1,390 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <stdexcept>
+#include <thread>
+
+#include "omrakit/session.h"
+#include "src/cloud/camera_path_model.h"
+#include "src/cloud/detected_plane_model.h"
+#include "src/cloud/image_features_model.h"
+#include "src/foundation/fatal.h"
+#include "src/platform/fixed_device_info.h"
+#include "src/platform/vision/scripted_detector_model.h"
+#include "tests/session/session_testutil.h"
+
+namespace omra {
+namespace {
+
+using std::chrono::milliseconds;
+
+ArFrame frameAt(float x) {
+  ArFrame frame;
+  frame.camera.transform.columns[3] = {x, 0, 0, 1};
+  return frame;
+}
+
+ArPlaneAnchor plane(const std::string& id, PlaneAlignment alignment) {
+  ArPlaneAnchor a;
+  a.identifier = id;
+  a.alignment = alignment;
+  a.boundaryVertices = std::vector<Float3>{{0, 0, 0}, {1, 0, 0}, {1, 0, 1}};
+  return a;
+}
+
+// One session against the scripted back end. Callbacks record what they receive; the status and
+// asset callbacks also check that they run on the main queue (the test thread, which pumps it).
+struct SessionRun {
+  SessionRun() = default;
+  ~SessionRun() {
+    t.store->open();  // a failed check must not leave a save stuck at the gate
+    session.reset();
+  }
+
+  void start(SessionMode mode, SessionOptions options = {}) {
+    if (!options.endpoints) options.endpoints = backend.hosts();
+    session = std::make_unique<OmraSession>(
+        t.env, mode, "user-1", "map-1", "developer-key", 800, 400,
+        [this](std::vector<MapAsset> assets) {
+          EXPECT_TRUE(t.mainQueue->isCurrent());
+          assetsFound.push_back(std::move(assets));
+        },
+        [this](int64_t count) {
+          std::lock_guard lock(mutex);
+          progress.push_back(count);
+        },
+        [this](MapStatus status) {
+          EXPECT_TRUE(t.mainQueue->isCurrent());
+          statuses.push_back(status);
+        },
+        [this](std::vector<DetectedObject> objects) {
+          std::lock_guard lock(mutex);
+          detected += objects.size();
+        },
+        options);
+  }
+  MapStatus waitForStatus() {
+    EXPECT_TRUE(t.pumpUntil([&] { return !statuses.empty(); }));
+    return statuses.empty() ? MapStatus::reserved9 : statuses.front();
+  }
+  std::vector<int64_t> progressSeen() {
+    std::lock_guard lock(mutex);
+    return progress;
+  }
+  std::vector<std::string> cameraFrames(const std::string& sessionId, int64_t block) {
+    std::vector<std::string> keys;
+    for (const Item& item : t.store->items(CameraPathModel::kTableName, sessionId)) {
+      std::optional<CameraPathModel> m = CameraPathModel::fromItem(item);
+      if (m && m->frameId == block) {
+        for (const auto& entry : *m->transforms) keys.push_back(entry.first);
+      }
+    }
+    std::sort(keys.begin(), keys.end(), [](const std::string& a, const std::string& b) {
+      return std::stoll(a) < std::stoll(b);
+    });
+    return keys;
+  }
+
+  ScriptedBackend backend;
+  TestEnv t;
+  std::unique_ptr<OmraSession> session;
+  std::vector<MapStatus> statuses;
+  std::vector<std::vector<MapAsset>> assetsFound;
+  std::mutex mutex;
+  std::vector<int64_t> progress;
+  size_t detected = 0;
+};
+
+TEST(OmraSession, StatusForEveryCreateAnswer) {
+  struct Case {
+    SessionMode mode;
+    int httpStatus;
+    const char* body;  // nullptr: nothing listens (connection refused)
+    MapStatus status;
+  };
+  const Case cases[] = {
+      {SessionMode::mapping, 200, R"({"uuid":"MAP-7"})", MapStatus::initialized},
+      {SessionMode::localization, 200, R"({"session_uuid":"LOC-7","map_uuid":"MAP-7"})",
+       MapStatus::initialized},
+      {SessionMode::localization, 200, R"({"errorMessage":"Cannot find the map map-1"})",
+       MapStatus::mapNotFound},
+      {SessionMode::localization, 400, R"({"errorMessage":"map_id is missing"})",
+       MapStatus::serverError},
+      {SessionMode::mapping, 200, R"({"errorMessage":"Invalid developer key"})",
+       MapStatus::serverError},
+      {SessionMode::mapping, 200, "{}", MapStatus::networkError},
+      {SessionMode::localization, 200, "{}", MapStatus::networkError},
+      {SessionMode::mapping, 502, "<html>Bad gateway</html>", MapStatus::networkError},
+      {SessionMode::mapping, 0, nullptr, MapStatus::networkError},
+      {SessionMode::localization, 0, nullptr, MapStatus::networkError},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.body ? c.body : "connection refused");
+    SessionRun run;
+    SessionOptions options;
+    if (c.body) {
+      const std::string path =
+          c.mode == SessionMode::mapping ? "/maps/create_map" : "/maps/create_localization_session";
+      const int httpStatus = c.httpStatus;
+      const std::string body = c.body;
+      run.backend.on(path, [httpStatus, body](const ScriptedBackend::Request&) {
+        return ScriptedBackend::Reply{httpStatus, body};
+      });
+    } else {
+      // A port on which nothing listens any more.
+      options.endpoints = ScriptedBackend().hosts();
+    }
+    run.start(c.mode, options);
+    EXPECT_FALSE(run.session->currentSessionUUID());
+    EXPECT_EQ(run.waitForStatus(), c.status);
+    run.t.pumpFor(milliseconds(20));
+    EXPECT_EQ(run.statuses.size(), 1u);
+    const bool opened = c.status == MapStatus::initialized;
+    EXPECT_EQ(run.session->currentSessionUUID().has_value(), opened);
+    if (opened && c.mode == SessionMode::mapping) {
+      EXPECT_EQ(run.session->mappingUUID(), "MAP-7");
+      EXPECT_FALSE(run.session->localizationUUID());
+    }
+    if (opened && c.mode == SessionMode::localization) {
+      EXPECT_EQ(run.session->currentSessionUUID(), "LOC-7");
+      EXPECT_EQ(run.session->mappingUUID(), "MAP-7");
+    }
+    EXPECT_EQ(run.session->isLocalizationMode(), c.mode == SessionMode::localization);
+    EXPECT_EQ(run.session->omraSessionMode(), rawValue(c.mode));
+  }
+}
+
+TEST(OmraSession, CreateRequestCarriesTheHostAndLogsTheStart) {
+  SessionRun run;
+  run.start(SessionMode::mapping);
+  run.waitForStatus();
+  auto creates = run.backend.requests("/maps/create_map");
+  ASSERT_EQ(creates.size(), 1u);
+  EXPECT_EQ(creates[0].body["app_id"], "com.example.host");
+  EXPECT_EQ(creates[0].body["user_id"], "user-1");
+  EXPECT_EQ(creates[0].body["map_id"], "map-1");
+  // The lower-case MD5 of "developer-key".
+  EXPECT_EQ(creates[0].body["developer_key"], "f8617391e01fcf7da61ff5871e8b4fbf");
+  EXPECT_EQ(run.session->appID(), "com.example.host");
+  EXPECT_TRUE(run.t.logger->contains("initializing OmraSession"));
+  EXPECT_TRUE(run.t.logger->contains(
+      "OmraSession created for com.example.host user-1map-1 - mode: mapping"));
+  bool registered = false;
+  for (const MetricDatum& d : run.t.metrics->data()) {
+    registered = registered || d.metricName == "OmraKit.RegisterObjectDetectionCallback";
+  }
+  EXPECT_TRUE(registered);
+}
+
+TEST(OmraSession, FramesDroppedBeforeInitialisationAndWhileBusy) {
+  SessionRun run;
+  run.backend.setDelay(milliseconds(200));  // the map opens after the first frames
+  run.start(SessionMode::mapping);
+  for (int i = 1; i <= 5; ++i) run.session->update(frameAt(0.1f * i));
+  ASSERT_EQ(run.waitForStatus(), MapStatus::initialized);
+  for (int i = 6; i <= 19; ++i) {
+    run.session->update(frameAt(0.1f * i));
+    std::this_thread::sleep_for(milliseconds(5));  // let each frame be recorded
+  }
+  run.t.store->close();
+  run.session->update(frameAt(2.0f));  // frame 20 closes the first block: its save blocks
+  ASSERT_TRUE(run.t.pumpUntil([&] { return run.t.store->waiting() == 1; }));
+  for (int i = 21; i <= 25; ++i) run.session->update(frameAt(0.1f * i));  // busy: dropped
+  run.t.store->open();
+  std::this_thread::sleep_for(milliseconds(50));
+  run.session->update(frameAt(2.6f));  // frame 26 is recorded again
+  std::this_thread::sleep_for(milliseconds(50));
+  run.session->dispose();  // flushes the open block
+
+  std::vector<std::string> first = run.cameraFrames("MAP-1", 0);
+  std::vector<std::string> expected;
+  for (int i = 6; i <= 19; ++i) expected.push_back(std::to_string(i));
+  EXPECT_EQ(first, expected);
+  EXPECT_EQ(run.cameraFrames("MAP-1", 20), (std::vector<std::string>{"20", "26"}));
+}
+
+TEST(OmraSession, ScanProgressAndTriggersByMode) {
+  {
+    SessionRun run;
+    run.start(SessionMode::mapping);
+    run.waitForStatus();
+    run.session->planeDetected(plane("H1", PlaneAlignment::kHorizontal));
+    run.session->planeDetected(plane("V1", PlaneAlignment::kVertical));
+    run.session->sessionDidAdd({ArAnchor{"A1", {}}, plane("V2", PlaneAlignment::kVertical)});
+    EXPECT_EQ(run.progressSeen(), (std::vector<int64_t>{1, 2, 3}));
+    run.t.pumpFor(milliseconds(100));
+    EXPECT_EQ(run.backend.requestCount("/full-image-matcher"), 0u);
+    EXPECT_EQ(run.backend.requestCount("/linear-optimizer/initial_transforms"), 0u);
+  }
+  SessionRun run;
+  run.start(SessionMode::localization);
+  run.waitForStatus();
+  run.session->planeDetected(plane("H1", PlaneAlignment::kHorizontal));  // 1
+  run.session->planeDetected(plane("H2", PlaneAlignment::kHorizontal));  // not counted
+  run.session->planeDetected(plane("V1", PlaneAlignment::kVertical));    // 2
+  run.session->planeDetected(plane("V2", PlaneAlignment::kVertical));    // 3
+  run.session->planeDetected(plane("V3", PlaneAlignment::kVertical));    // not counted
+  ASSERT_TRUE(
+      run.t.pumpUntil([&] { return run.backend.requestCount("/full-image-matcher") == 3; }));
+  EXPECT_EQ(run.backend.requestCount("/linear-optimizer/initial_transforms"), 0u);
+  run.session->sessionDidAdd({plane("V4", PlaneAlignment::kVertical)});  // 4: both triggers
+  ASSERT_TRUE(run.t.pumpUntil([&] {
+    return run.backend.requestCount("/linear-optimizer/initial_transforms") == 1 &&
+           run.backend.requestCount("/full-image-matcher") == 4;
+  }));
+  EXPECT_EQ(run.progressSeen(), (std::vector<int64_t>{1, 2, 3, 4}));
+  auto compute = run.backend.requests("/linear-optimizer/initial_transforms");
+  EXPECT_EQ(
+      compute[0].body.dump(),
+      R"({"mapping_session_id":"MAP-1","localization_session_id":"LOC-1","is_seeded":false})");
+  EXPECT_EQ(run.backend.requests("/full-image-matcher")[0].body.dump(), R"({"uuid":"LOC-1"})");
+
+  // Planes were recorded with the frame numbers the plane events advanced.
+  std::vector<Item> planes = run.t.store->items(DetectedPlaneModel::kTableName, "LOC-1");
+  EXPECT_EQ(planes.size(), 5u);  // the list entry shares frame 5 with V3
+  std::optional<DetectedPlaneModel> first = DetectedPlaneModel::fromItem(planes.front());
+  EXPECT_EQ(first->frameId, 1);
+  EXPECT_EQ(first->vertices, "0.0,0.0,0.0|1.0,0.0,0.0|1.0,0.0,1.0");
+  run.session->planeRemoved(AnyArAnchor(ArAnchor{"not-a-plane", {}}));  // only moves the count
+  run.session->sessionDidRemove({plane("V1", PlaneAlignment::kVertical)});
+  planes = run.t.store->items(DetectedPlaneModel::kTableName, "LOC-1");
+  std::optional<DetectedPlaneModel> removal = DetectedPlaneModel::fromItem(planes.back());
+  EXPECT_EQ(removal->frameId, 6);
+  EXPECT_EQ(removal->isRemoved, true);
+  EXPECT_EQ(removal->planeId, "V1");
+}
+
+TEST(OmraSession, RelocalizationPollingAssetsAndFpsUntilDispose) {
+  SessionRun run;
+  OmraSettings::RETRIEVE_ASSETS_INTERVAL = 1;
+  run.backend.reply("/maps/find_assets_on_the_map",
+                    R"({"placements":[{"placement":{"x":1,"y":1,"z":1,"ori":0.5},)"
+                    R"("asset":{"id":"lamp"}}]})");
+  run.backend.on("/maps/get_best_transform", [](const ScriptedBackend::Request& r) {
+    if (r.query.find("localizer=su_localizer_seeded") != std::string::npos) {
+      return ScriptedBackend::Reply{200, "{}"};
+    }
+    if (r.query.find("localizer=su_localizer") != std::string::npos) {
+      return ScriptedBackend::Reply{
+          200, R"({"MatchValue":"0.8","Localizer":"su_localizer","Transform":"1,0,2,0"})"};
+    }
+    return ScriptedBackend::Reply{
+        200, R"({"MatchValue":"very good","Localizer":"full_image_matcher","Transform":"0"})"};
+  });
+  run.start(SessionMode::localization);
+  for (int i = 0; i < 10; ++i) run.session->update(frameAt(0.01f * i));
+  ASSERT_EQ(run.waitForStatus(), MapStatus::initialized);
+  ASSERT_TRUE(run.t.pumpUntil([&] { return !run.assetsFound.empty(); }));
+  ASSERT_EQ(run.assetsFound[0].size(), 1u);
+  const MapAsset& lamp = run.assetsFound[0][0];
+  EXPECT_EQ(lamp.assetID, "lamp");
+  EXPECT_EQ(lamp.position, Vector3(2, 1, 3));
+  EXPECT_FLOAT_EQ(lamp.orientation, 0.5f);
+  EXPECT_EQ(lamp.confidence, 0.5f);
+  std::set<std::string> queries;
+  for (const auto& r : run.backend.requests("/maps/get_best_transform")) queries.insert(r.query);
+  EXPECT_EQ(queries, (std::set<std::string>{"localizer=full_image_matcher&session_id=LOC-1",
+                                            "localizer=su_localizer&session_id=LOC-1",
+                                            "localizer=su_localizer_seeded&session_id=LOC-1"}));
+  run.t.pumpUntil([&] { return run.t.logger->contains("malformed best-transform"); });
+  EXPECT_TRUE(run.t.logger->contains("Dropped a malformed best-transform answer"));
+
+  // The fps meter measured the first second: ten frames handed in, none recorded (not yet open).
+  ASSERT_TRUE(run.t.pumpUntil([&] { return run.session->fpsInput() > 0; }));
+  EXPECT_EQ(run.session->fpsInput(), 10.0f);
+
+  run.session->dispose();
+  run.session->dispose();  // idempotent
+  const size_t polls = run.backend.requestCount("/maps/get_best_transform");
+  for (int i = 0; i < 5; ++i) run.session->update(frameAt(1.0f + 0.01f * i));
+  run.t.pumpFor(milliseconds(1200));
+  const float settled = run.session->fpsInput();
+  EXPECT_EQ(run.backend.requestCount("/maps/get_best_transform"), polls);
+  run.t.pumpFor(milliseconds(1100));
+  EXPECT_EQ(run.session->fpsInput(), settled);
+  EXPECT_EQ(run.assetsFound.size(), 1u);  // the same answer again is not better
+}
+
+TEST(OmraSession, StorePlacementAndNearbyMaps) {
+  SessionRun run;
+  run.backend.setDelay(milliseconds(150));
+  run.start(SessionMode::mapping);
+  std::vector<bool> stored;
+  const std::vector<MapAsset> assets{MapAsset("chair", {1, 0, -2}, 1.25f)};
+  EXPECT_FALSE(run.session->storePlacement(assets, [&](bool ok) { stored.push_back(ok); }));
+  EXPECT_TRUE(run.t.logger->contains("(mode - 0)"));
+  run.waitForStatus();
+  EXPECT_TRUE(run.session->storePlacement(assets, [&](bool ok) {
+    EXPECT_TRUE(run.t.mainQueue->isCurrent());
+    stored.push_back(ok);
+  }));
+  ASSERT_TRUE(run.t.pumpUntil([&] { return !stored.empty(); }));
+  EXPECT_EQ(stored, (std::vector<bool>{true}));
+  Json placement = run.backend.requests("/maps/place_asset_on_map")[0].body;
+  EXPECT_EQ(placement["map_uuid"], "MAP-1");
+  EXPECT_EQ(placement["placements"][0]["asset_id"], "chair");
+  EXPECT_EQ(placement["placements"][0]["orientation"], 1.25);
+
+  run.backend.reply("/maps/list_nearby_maps",
+                    R"([{"user_id":"u","map_id":"m","latitude":1,"longitude":2,"altitude":3,)"
+                    R"("vertical_accuracy":4,"horizontal_accuracy":5}])");
+  std::vector<Map> maps;
+  bool listed = false;
+  EXPECT_TRUE(run.session->listNearbyMaps(std::nullopt, 2, 1, 0.1, 0.1, [&](std::vector<Map> m) {
+    maps = std::move(m);
+    listed = true;
+  }));
+  ASSERT_TRUE(run.t.pumpUntil([&] { return listed; }));
+  ASSERT_EQ(maps.size(), 1u);
+  EXPECT_EQ(maps[0].horizontalAccuracy, 5);
+
+  SessionRun localization;
+  localization.start(SessionMode::localization);
+  localization.waitForStatus();
+  EXPECT_FALSE(localization.session->storePlacement(assets, nullptr));
+  EXPECT_TRUE(localization.t.logger->contains("Cannot store new assets in localization mode"));
+}
+
+TEST(OmraSession, DetectionHandlerRecordsActivations) {
+  SessionRun run;
+  run.t.env.detector = ScriptedDetectorModel::returning(ScriptedDetectorModel::outputs(
+      Tensor({91, 1917}, TensorDataType::kFloat32), Tensor({4, 1917}, TensorDataType::kFloat32),
+      Tensor::fromDoubles({1, 1, 2}, {0.25, 1})));
+  run.start(SessionMode::mapping);
+  ASSERT_EQ(run.waitForStatus(), MapStatus::initialized);
+  PixelBuffer image;
+  image.width = image.height = 8;
+  image.bytesPerRow = 32;
+  image.data = std::make_shared<std::vector<uint8_t>>(256, 128);
+  for (int i = 0; i < 12; ++i) {
+    ArFrame frame = frameAt(0.05f * i);  // moving: the pipeline runs from the fifth frame on
+    frame.capturedImage = image;
+    run.session->update(frame);
+    std::this_thread::sleep_for(milliseconds(10));
+  }
+  ASSERT_TRUE(run.t.pumpUntil(
+      [&] { return !run.t.store->items(ImageFeaturesModel::kTableName, "MAP-1").empty(); }));
+  std::optional<ImageFeaturesModel> features = ImageFeaturesModel::fromItem(
+      run.t.store->items(ImageFeaturesModel::kTableName, "MAP-1").front());
+  EXPECT_GE(*features->frameId, 5);
+  EXPECT_EQ(run.detected, 0u);  // nothing detected: the host is not called
+}
+
+TEST(OmraSession, MissingBundleIdentifierIsFatal) {
+  TestEnv t;
+  FixedDeviceInfo::Values values;
+  values.bundleIdentifier = std::nullopt;
+  t.env.device = std::make_shared<FixedDeviceInfo>(values);
+  setFatalHandler([](std::string_view message) { throw std::runtime_error(std::string(message)); });
+  try {
+    OmraSession session(t.env, SessionMode::mapping, "u", "m", "k", 1, 1, nullptr, nullptr, nullptr,
+                        nullptr);
+    ADD_FAILURE() << "a session without a bundle identifier was created";
+  } catch (const std::runtime_error& e) {
+    EXPECT_NE(std::string(e.what()).find("bundle identifier is missing"), std::string::npos);
+  }
+  setFatalHandler(nullptr);
+}
+
+}  // namespace
+}  // namespace omra
