@@ -8,16 +8,47 @@
 namespace omra::server {
 namespace {
 
-// Four-float SIMD lanes through the compiler's vector extension; loads may be unaligned.
-typedef float V4 __attribute__((vector_size(16)));
+// Eight-float SIMD lanes through the compiler's vector extension; loads may be unaligned.
+typedef float V8 __attribute__((vector_size(32)));
 
-inline V4 load(const float* p) {
-  V4 v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
+// Vectors stay inside one function: passing them by value would tie the ABI to the AVX choice.
+#define OMRA_LOAD8(dst, p) std::memcpy(&(dst), (p), sizeof(V8))
+#define OMRA_SUM8(v) \
+  (((v)[0] + (v)[1]) + ((v)[2] + (v)[3])) + (((v)[4] + (v)[5]) + ((v)[6] + (v)[7]))
+
+// The hot loop, built twice where the compiler can: for AVX2 with FMA and for the baseline, the
+// better one picked at load time.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define OMRA_SIMD_CLONES __attribute__((target_clones("arch=haswell", "default")))
+#else
+#define OMRA_SIMD_CLONES
+#endif
+
+OMRA_SIMD_CLONES
+void bestOfRows(const float* matrix, size_t rows, size_t stride, const float* const v[4],
+                std::pair<int, float> out[4]) {
+  for (int q = 0; q < 4; ++q) out[q] = {-1, -2.0f};
+  for (size_t r = 0; r < rows; ++r) {
+    const float* row = matrix + r * stride;
+    V8 a0{}, a1{}, a2{}, a3{};
+    for (size_t k = 0; k < stride; k += 8) {
+      V8 m, x0, x1, x2, x3;
+      OMRA_LOAD8(m, row + k);
+      OMRA_LOAD8(x0, v[0] + k);
+      OMRA_LOAD8(x1, v[1] + k);
+      OMRA_LOAD8(x2, v[2] + k);
+      OMRA_LOAD8(x3, v[3] + k);
+      a0 += m * x0;
+      a1 += m * x1;
+      a2 += m * x2;
+      a3 += m * x3;
+    }
+    const float s[4] = {OMRA_SUM8(a0), OMRA_SUM8(a1), OMRA_SUM8(a2), OMRA_SUM8(a3)};
+    for (int q = 0; q < 4; ++q) {
+      if (s[q] > out[q].second) out[q] = {static_cast<int>(r), s[q]};
+    }
+  }
 }
-
-inline float sum(V4 v) { return (v[0] + v[1]) + (v[2] + v[3]); }
 
 struct Match {
   float similarity;
@@ -40,7 +71,7 @@ ImageFeatureIndex::ImageFeatureIndex(const std::vector<PosedFeatures>& frames) {
       dim_ = d;
     }
   }
-  stride_ = (dim_ + 3) / 4 * 4;
+  stride_ = (dim_ + 7) / 8 * 8;
   matrix_.reserve(frames.size() * stride_);
   std::vector<float> row(stride_);
   for (const PosedFeatures& f : frames) {
@@ -69,23 +100,7 @@ std::pair<int, float> ImageFeatureIndex::best(const float* unitVector) const {
 }
 
 void ImageFeatureIndex::best4(const float* const v[4], std::pair<int, float> out[4]) const {
-  for (int q = 0; q < 4; ++q) out[q] = {-1, -2.0f};
-  const size_t rows = size();
-  for (size_t r = 0; r < rows; ++r) {
-    const float* row = matrix_.data() + r * stride_;
-    V4 a0{}, a1{}, a2{}, a3{};
-    for (size_t k = 0; k < stride_; k += 4) {
-      const V4 m = load(row + k);
-      a0 += m * load(v[0] + k);
-      a1 += m * load(v[1] + k);
-      a2 += m * load(v[2] + k);
-      a3 += m * load(v[3] + k);
-    }
-    const float s[4] = {sum(a0), sum(a1), sum(a2), sum(a3)};
-    for (int q = 0; q < 4; ++q) {
-      if (s[q] > out[q].second) out[q] = {static_cast<int>(r), s[q]};
-    }
-  }
+  bestOfRows(matrix_.data(), size(), stride_, v, out);
 }
 
 LocalizerReport ImageMatcher::estimate(const ImageFeatureIndex& map,
