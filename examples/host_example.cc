@@ -14,9 +14,9 @@
 #include <string>
 #include <thread>
 
+#include "omrakit/default_env.h"
 #include "omrakit/session.h"
 #include "src/platform/config_loader.h"
-#include "src/platform/env/default_env.h"
 
 #ifdef OMRA_EXAMPLE_WITH_RECORDINGS
 #include "sim/recording_io.h"
