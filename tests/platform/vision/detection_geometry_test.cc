@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "src/platform/vision/image_ops.h"
+#include "src/scene/model_geometry.h"
 #include "src/scene/object_3d_tracker.h"
 #include "src/scene/object_detection_2d.h"
 
