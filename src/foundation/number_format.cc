@@ -47,9 +47,9 @@ void appendFloatShortest(std::string& out, float value) {
     }
     out += 'e';
     out += exponent < 0 ? '-' : '+';
-    const int magnitude = std::abs(exponent);
-    if (magnitude < 10) out += '0';
-    out += std::to_string(magnitude);
+    const int magnitude = std::abs(exponent);  // at most 45 for a float
+    out += static_cast<char>('0' + magnitude / 10);
+    out += static_cast<char>('0' + magnitude % 10);
     return;
   }
   if (exponent < 0) {
