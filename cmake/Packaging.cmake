@@ -50,5 +50,6 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/omrakitConfigVersion.cmak
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/omrakitConfig.cmake ${PROJECT_BINARY_DIR}/omrakitConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/omrakit)
+file(RELATIVE_PATH OMRA_PC_INCLUDE_FROM_LIBDIR /${CMAKE_INSTALL_LIBDIR}/.. /${CMAKE_INSTALL_INCLUDEDIR})
 configure_file(cmake/omrakit.pc.in ${PROJECT_BINARY_DIR}/omrakit.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/omrakit.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

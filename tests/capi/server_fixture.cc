@@ -5,6 +5,7 @@
 #include <string>
 
 #include "server/server.h"
+#include "src/platform/store/record_store_factory.h"
 
 namespace {
 std::unique_ptr<omra::server::Server> g_server;
@@ -14,6 +15,7 @@ std::string g_url;
 extern "C" const char* omra_test_server_start(void) {
   omra::server::ServerOptions options;
   options.storeSpec = "memory";
+  options.store = omra::makeRecordStore(options.storeSpec, options.aws, nullptr, nullptr);
   options.logRequests = false;
   g_server = std::make_unique<omra::server::Server>(std::move(options));
   if (!g_server->start()) return nullptr;
