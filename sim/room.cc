@@ -7,6 +7,7 @@
 #include <random>
 
 #include "sim/object_classes.h"
+#include "src/foundation/fatal.h"
 
 namespace omra::sim {
 namespace {
@@ -126,6 +127,8 @@ class Builder {
     for (const PlaneSurface& s : room_.surfaces) {
       if (s.kind != SurfaceKind::kTableTop) addSurfacePoints(s);
     }
+    // Sessions build their point identifiers on top of these (see the session simulator).
+    OMRA_CHECK(room_.points.size() < 100'000, "simulated room holds too many feature points");
     for (size_t i = 0; i < room_.points.size(); ++i) room_.points[i].id = i + 1;
     return std::move(room_);
   }

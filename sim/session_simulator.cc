@@ -81,7 +81,7 @@ class Simulator {
     truth.room.walkB = room.walkB;
     truth.room.objects = room.objects;
     rec_.truth = std::move(truth);
-    idSalt_ = 1 + options.seed % 800'000'000ULL;
+    idSalt_ = 1 + options.seed % 900'000ULL;  // identifiers differ between sessions
     for (const PlaneSurface& s : room.surfaces) {
       TrackedPlane p;
       p.surfaceId = s.id;
@@ -145,7 +145,7 @@ class Simulator {
     Vec3 e = eulerFromRotation(sessionRotation);
     f.eulerAngles = e.toFloat3();
     for (const FeaturePoint* fp : seen) {
-      uint64_t id = idSalt_ * 10'000'000ULL + fp->id;
+      uint64_t id = idSalt_ * 100'000ULL + fp->id;  // rooms hold fewer than 100000 points
       f.pointIds.push_back(id);
       if (!rec_.points.count(id)) rec_.points[id] = origin_.apply(fp->position).toFloat3();
     }
