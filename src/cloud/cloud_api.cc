@@ -73,7 +73,10 @@ CloudAPI::CloudAPI(bool useBeta, std::string appID, std::string devKeyHash, Clou
 }
 
 std::optional<Json> CloudAPI::replyJson(const HttpResponse& response) {
-  if (response.json) return response.json;
+  if (response.json) {
+    if (response.json->is_discarded()) return std::nullopt;
+    return response.json;
+  }
   if (!response.transportError.empty() || response.body.empty()) return std::nullopt;
   Json parsed = Json::parse(response.body, nullptr, false);
   if (parsed.is_discarded()) return std::nullopt;
