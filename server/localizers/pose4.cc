@@ -43,11 +43,13 @@ double wrapAngle(double a) {
 double heading(const Vec3& v) { return std::atan2(v[0], v[2]); }
 
 double distance(const Vec3& a, const Vec3& b) {
-  return std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]);
+  const double dx = a[0] - b[0], dy = a[1] - b[1], dz = a[2] - b[2];
+  return std::sqrt(dx * dx + dy * dy + dz * dz);
 }
 
 double horizontalDistance(const Vec3& a, const Vec3& b) {
-  return std::hypot(a[0] - b[0], a[2] - b[2]);
+  const double dx = a[0] - b[0], dz = a[2] - b[2];
+  return std::sqrt(dx * dx + dz * dz);
 }
 
 Mat4 multiply(const Mat4& a, const Mat4& b) {

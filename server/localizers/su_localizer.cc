@@ -4,7 +4,6 @@
 #include <cmath>
 #include <map>
 #include <numeric>
-#include <unordered_map>
 
 namespace omra::server {
 namespace {
@@ -66,22 +65,28 @@ class Problem {
   const Vec3& m(int i) const { return map_[static_cast<size_t>(i)].position; }
   const Vec3& s(int j) const { return session_[static_cast<size_t>(j)].position; }
 
-  // One-to-one pairs of equal label within the inlier distance, nearest first.
-  Score score(const Pose4& pose) const {
+  // One-to-one pairs of equal label within the inlier distance, nearest first. Gives up (inliers
+  // -1) as soon as fewer than mustReach map landmarks can still find a partner.
+  Score score(const Pose4& pose, int mustReach = 0) const {
     const double limit2 = options_.inlierDistance * options_.inlierDistance;
     struct Near {
       double d2;
       int i, j;
     };
     std::vector<Near> near;
-    for (int i = 0; i < static_cast<int>(map_.size()); ++i) {
+    const int nm = static_cast<int>(map_.size());
+    int withPartner = 0;
+    for (int i = 0; i < nm; ++i) {
+      if (withPartner + (nm - i) < mustReach) return Score{-1, 0, {}};
       const Vec3 p = pose.apply(m(i));
+      const size_t before = near.size();
       for (int j : sessionByLabel_[static_cast<size_t>(mapLabel(i))]) {
         const Vec3& q = s(j);
         const double d2 = (p[0] - q[0]) * (p[0] - q[0]) + (p[1] - q[1]) * (p[1] - q[1]) +
                           (p[2] - q[2]) * (p[2] - q[2]);
         if (d2 <= limit2) near.push_back({d2, i, j});
       }
+      if (near.size() > before) ++withPartner;
     }
     std::sort(near.begin(), near.end(), [](const Near& a, const Near& b) {
       return a.d2 != b.d2 ? a.d2 < b.d2 : (a.i != b.i ? a.i < b.i : a.j < b.j);
@@ -200,16 +205,27 @@ LocalizerReport SuLocalizer::estimate(const std::vector<Landmark>& map,
     return (static_cast<uint64_t>(la) << 44) ^ (static_cast<uint64_t>(lb) << 24) ^
            static_cast<uint64_t>(b);
   };
-  std::unordered_map<uint64_t, std::vector<std::pair<int, int>>> sessionPairs;
+  struct SessionPair {
+    uint64_t key;
+    int j1, j2;
+    double separation;
+  };
+  std::vector<SessionPair> sessionPairs;  // sorted by key: one flat array, binary-searched
+  sessionPairs.reserve(static_cast<size_t>(ns) * static_cast<size_t>(ns - 1));
   for (int j1 = 0; j1 < ns; ++j1) {
     for (int j2 = 0; j2 < ns; ++j2) {
       if (j1 == j2) continue;
       const double sep = horizontalDistance(problem.s(j1), problem.s(j2));
       if (sep < o.minSeparation) continue;
       const auto b = static_cast<int64_t>(std::floor(sep / bin));
-      sessionPairs[key(problem.sessionLabel(j1), problem.sessionLabel(j2), b)].emplace_back(j1, j2);
+      sessionPairs.push_back(
+          {key(problem.sessionLabel(j1), problem.sessionLabel(j2), b), j1, j2, sep});
     }
   }
+  std::sort(sessionPairs.begin(), sessionPairs.end(),
+            [](const SessionPair& a, const SessionPair& b) {
+              return a.key != b.key ? a.key < b.key : (a.j1 != b.j1 ? a.j1 < b.j1 : a.j2 < b.j2);
+            });
 
   // Reservoir of hypotheses: all of them when they fit, a seeded uniform sample otherwise.
   Rng rng{o.randomSeed};
@@ -230,11 +246,12 @@ LocalizerReport SuLocalizer::estimate(const std::vector<Landmark>& map,
     const auto lo = static_cast<int64_t>(std::floor((sep - o.separationTolerance) / bin));
     const auto hi = static_cast<int64_t>(std::floor((sep + o.separationTolerance) / bin));
     for (int64_t b = std::max<int64_t>(lo, 0); b <= hi; ++b) {
-      auto it = sessionPairs.find(key(problem.mapLabel(i1), problem.mapLabel(i2), b));
-      if (it == sessionPairs.end()) continue;
-      for (auto [j1, j2] : it->second) {
-        const double sepS = horizontalDistance(problem.s(j1), problem.s(j2));
-        if (std::abs(sepS - sep) > o.separationTolerance) continue;
+      const uint64_t k = key(problem.mapLabel(i1), problem.mapLabel(i2), b);
+      auto it = std::lower_bound(sessionPairs.begin(), sessionPairs.end(), k,
+                                 [](const SessionPair& p, uint64_t v) { return p.key < v; });
+      for (; it != sessionPairs.end() && it->key == k; ++it) {
+        const int j1 = it->j1, j2 = it->j2;
+        if (std::abs(it->separation - sep) > o.separationTolerance) continue;
         if (!candidate(i1, j1) || !candidate(i2, j2)) continue;
         offer({i1, j1, i2, j2});
       }
@@ -257,14 +274,17 @@ LocalizerReport SuLocalizer::estimate(const std::vector<Landmark>& map,
 
   Score best;
   Pose4 bestPose;
+  const int perfect = std::min(nm, ns);
   for (const Hypothesis& h : reservoir) {
     const Pose4 pose = problem.fromHypothesis(h);
-    Score s = problem.score(pose);
-    if (s.betterThan(best) || report.hypotheses == 0) {
+    Score s = problem.score(pose, best.inliers);
+    ++report.hypotheses;
+    if (s.inliers < 0) continue;
+    if (s.betterThan(best) || report.hypotheses == 1) {
       best = std::move(s);
       bestPose = pose;
+      if (best.inliers == perfect) break;  // nothing can have more; refinement follows
     }
-    ++report.hypotheses;
   }
   // Refine over the inliers until the set stops growing (a few rounds at most).
   for (int round = 0; round < 3 && best.inliers >= 2; ++round) {

@@ -37,8 +37,8 @@ struct SuLocalizerOptions {
   // Seeded mode: candidate pairs must lie this close under the seed transform.
   double seedRadius = 1.0;
   // Work bounds for large scenes; beyond them hypotheses are sampled with the seed below.
-  int maxHypotheses = 4000;
-  int64_t maxMapPairs = 200000;
+  int maxHypotheses = 2000;
+  int64_t maxMapPairs = 50000;
   uint64_t randomSeed = 0x5eed;
 };
 

@@ -170,7 +170,8 @@ TEST(SuLocalizer, SampledRunsAreDeterministicPerSeed) {
   const LocalizerReport a = SuLocalizer(o).estimate(map, session);
   const LocalizerReport b = SuLocalizer(o).estimate(map, session);
   EXPECT_EQ(a.transform.toText(), b.transform.toText());
-  EXPECT_EQ(a.hypotheses, 200);
+  EXPECT_LE(a.hypotheses, 200);
+  EXPECT_EQ(a.hypotheses, b.hypotheses);
   ASSERT_TRUE(a.found);
   expectPoseNear(a.transform, truth, 0.04, 1.5 * kDeg);
   o.randomSeed = 99;

@@ -80,7 +80,7 @@ class ProtocolTest : public ::testing::Test {
         [&](auto cb) { api_->initiateMappingSession("com.example.app", user, map, where, cb); });
   }
   std::shared_ptr<DataManager> dataManager(SessionMode mode, const std::string& map) {
-    DataManager::Deps deps{api_, logger_, dispatcher_, nullptr};
+    DataManager::Deps deps{api_, logger_, dispatcher_.get(), nullptr};
     return DataManager::create(deps, mode, {"com.example.app", "ana", map});
   }
 
