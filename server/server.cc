@@ -149,7 +149,16 @@ bool Server::start(std::string* error) {
   if (listenSocket->load() >= 0) ::listen(listenSocket->load(), SOMAXCONN);
   listener_ = std::thread([&s] { s.listen_after_bind(); });
   // stop() only reaches a listener that runs: wait for it, so that an early stop is not lost.
-  while (!s.is_running()) std::this_thread::sleep_for(std::chrono::microseconds(200));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!s.is_running() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  if (!s.is_running()) {
+    s.stop();
+    listener_.join();
+    jobs_->stop();
+    return fail("The listener did not start on " + baseUrl());
+  }
   log("listening on " + baseUrl());
   return true;
 }
