@@ -149,6 +149,8 @@ int main(int argc, char** argv) {
       });
   if (!opened.waitFor(15s) || !initialized) {
     std::fprintf(stderr, "the session did not open\n");
+    session.reset();
+    std::this_thread::sleep_for(200ms);  // let the kit's last replies land before the Env goes
     return 1;
   }
 
@@ -206,6 +208,6 @@ int main(int argc, char** argv) {
   // 5. End the session before the environment goes.
   session->dispose();
   session.reset();
-  std::this_thread::sleep_for(200ms);
+  std::this_thread::sleep_for(200ms);  // let the kit's last replies land before the Env goes
   return 0;
 }

@@ -44,7 +44,9 @@ class DataManager : public std::enable_shared_from_this<DataManager> {
   struct Deps {
     std::shared_ptr<CloudAPI> cloudAPI;  // also gives the endpoints and the HTTP client
     std::shared_ptr<Logger> logger;
-    std::shared_ptr<Dispatcher> dispatcher;
+    // Not owned: the host keeps the Env's dispatcher alive longer than its sessions, and a kit
+    // object released on one of the dispatcher's threads must not be the one to destroy it.
+    Dispatcher* dispatcher = nullptr;
     std::shared_ptr<LocationSource> location;  // null: no location
   };
 

@@ -251,6 +251,9 @@ void Persistence::uploadImageActivation(const Activation& activation) {
 
 void Persistence::flush() {
   deps_.logger->print("Flushing all data..");
+  // Frames are queued only once the session has an identifier; without one there is nothing to
+  // write (and a record without its key would only fail).
+  if (!sessionState_->currentSessionIdentifier()) return;
   std::lock_guard lock(queuesMutex_);
   cameraPathModelQueue_->save();
   arFeatureModelQueue_->save();

@@ -38,7 +38,7 @@ class Persistence : public std::enable_shared_from_this<Persistence> {
   struct Deps {
     std::shared_ptr<RecordStore> records;
     std::shared_ptr<Logger> logger;
-    std::shared_ptr<Dispatcher> dispatcher;
+    Dispatcher* dispatcher = nullptr;  // not owned (see DataManager::Deps)
     ArPlatformVersion platformVersion;
   };
   using StoreCallback = std::function<void(bool)>;

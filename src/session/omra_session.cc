@@ -66,13 +66,12 @@ class OmraSession::Impl {
   const bool arSessionConfigChecked = false;  // reserved; nothing sets it
 
   // The loop holds the state weakly, so that a dropped session is not kept alive by its meter.
-  static void scheduleMeasureFPS(std::shared_ptr<Dispatcher> dispatcher,
-                                 std::shared_ptr<SerialQueue> timerQueue,
+  static void scheduleMeasureFPS(Dispatcher* dispatcher, std::shared_ptr<SerialQueue> timerQueue,
                                  std::weak_ptr<SessionState> state,
                                  std::shared_ptr<FrameCounters> counters);
 };
 
-void OmraSession::Impl::scheduleMeasureFPS(std::shared_ptr<Dispatcher> dispatcher,
+void OmraSession::Impl::scheduleMeasureFPS(Dispatcher* dispatcher,
                                            std::shared_ptr<SerialQueue> timerQueue,
                                            std::weak_ptr<SessionState> state,
                                            std::shared_ptr<FrameCounters> counters) {
@@ -119,7 +118,8 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
   s.userID = std::move(userID);
   s.mapID = std::move(mapID);
 
-  std::shared_ptr<Dispatcher> dispatcher = s.env.dispatcher;
+  // Not owned: closures that outlive the session must not keep the dispatcher (see Env).
+  Dispatcher* dispatcher = s.env.dispatcher.get();
   StatusCallback mapStatusCallback = [dispatcher,
                                       host = std::move(statusCallback)](MapStatus status) {
     dispatcher->mainQueue().post([host, status] {
@@ -135,13 +135,13 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
   s.sessionState =
       std::make_shared<SessionState>(mapMode, s.developerKeyHash, s.cloudApi, initializationTime,
                                      mapStatusCallback, std::move(assetsFoundCallback));
-  s.persistenceManager = Persistence::create(
-      s.sessionState, std::move(progressCallback),
-      {s.env.records, s.env.logger, s.env.dispatcher, s.options.platformVersion});
+  s.persistenceManager =
+      Persistence::create(s.sessionState, std::move(progressCallback),
+                          {s.env.records, s.env.logger, dispatcher, s.options.platformVersion});
   addChecked(gSessionsCreated, "session count overflow");
 
   // Start the data manager.
-  s.dataManager = DataManager::create({s.cloudApi, s.env.logger, s.env.dispatcher, s.env.location},
+  s.dataManager = DataManager::create({s.cloudApi, s.env.logger, dispatcher, s.env.location},
                                       mapMode, {s.appID, s.userID, s.mapID}, initializationTime);
   std::weak_ptr<Persistence> weakPersistence = s.persistenceManager;
   s.dataManager->setTransformRetrievedHandler([weakPersistence](const std::string& algorithm,
@@ -179,7 +179,7 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
   if (mapMode != SessionMode::mapping) {
     s.persistenceManager->queryAssets(s.sessionState->restartCount());
   }
-  Impl::scheduleMeasureFPS(s.env.dispatcher, s.updateInProgressCheckSyncQueue, s.sessionState,
+  Impl::scheduleMeasureFPS(dispatcher, s.updateInProgressCheckSyncQueue, s.sessionState,
                            s.counters);
   // User and map identifiers stand side by side in this line on purpose.
   s.env.logger->systemLog(LogLevel::kInfo, "OmraSession created for " + s.appID + " " + s.userID +

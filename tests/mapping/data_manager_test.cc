@@ -146,7 +146,7 @@ TEST(DataManager, DataDirectoryCarriesTheCreationTime) {
   t.tm_sec = 2;
   t.tm_isdst = -1;
   auto when = std::chrono::system_clock::from_time_t(std::mktime(&t));
-  auto manager = DataManager::create({h.cloudApi, h.logger, h.dispatcher, nullptr},
+  auto manager = DataManager::create({h.cloudApi, h.logger, h.dispatcher.get(), nullptr},
                                      SessionMode::mapping, {"a", "u", "m"}, when);
   EXPECT_EQ(manager->dataDirectory(), "omra/240131_154502");
 }

@@ -77,7 +77,7 @@ MappingHarness::MappingHarness(SessionMode m)
         std::lock_guard lock(mutex_);
         assetsFound_.push_back(std::move(assets));
       });
-  dataManager = DataManager::create({cloudApi, logger, dispatcher, nullptr}, mode,
+  dataManager = DataManager::create({cloudApi, logger, dispatcher.get(), nullptr}, mode,
                                     {"com.example.host", "user-1", "map-1"});
   state->setDataManager(dataManager);
 }

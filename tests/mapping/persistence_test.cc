@@ -26,7 +26,7 @@ struct Recorder {
                  : Json::parse(R"({"session_uuid":"LOC-1","map_uuid":"MAP-1"})"));
     }
     persistence = Persistence::create(h.state, [this](int64_t count) { progress.push_back(count); },
-                                      {h.store, h.logger, h.dispatcher, version});
+                                      {h.store, h.logger, h.dispatcher.get(), version});
   }
   ~Recorder() { persistence.reset(); }
 

@@ -19,7 +19,8 @@ struct Relocalization {
                ? Json::parse(R"({"uuid":"MAP-1"})")
                : Json::parse(R"({"session_uuid":"LOC-1","map_uuid":"MAP-1"})"));
     h.setReadyNow();
-    persistence = Persistence::create(h.state, nullptr, {h.store, h.logger, h.dispatcher, {}});
+    persistence =
+        Persistence::create(h.state, nullptr, {h.store, h.logger, h.dispatcher.get(), {}});
   }
   ~Relocalization() { persistence.reset(); }
   size_t metric(const std::string& name) const {
@@ -181,7 +182,8 @@ TEST(StorePlacement, RefusalsLogAndNeverCallBack) {
 
   // Mapping before the map exists.
   MappingHarness h(SessionMode::mapping);
-  auto persistence = Persistence::create(h.state, nullptr, {h.store, h.logger, h.dispatcher, {}});
+  auto persistence =
+      Persistence::create(h.state, nullptr, {h.store, h.logger, h.dispatcher.get(), {}});
   EXPECT_FALSE(persistence->storePlacement({MapAsset("a", {}, 0)}, [&](bool) { called = true; }));
   EXPECT_TRUE(h.logger->contains(
       "OmraSession has not yet been fully initialized. Wait for statusCallback with .initialized "

@@ -10,6 +10,7 @@
 #include "src/cloud/image_features_model.h"
 #include "src/foundation/fatal.h"
 #include "src/platform/fixed_device_info.h"
+#include "src/platform/fixed_location_source.h"
 #include "src/platform/vision/scripted_detector_model.h"
 #include "tests/session/session_testutil.h"
 
@@ -150,16 +151,33 @@ TEST(OmraSession, StatusForEveryCreateAnswer) {
       EXPECT_EQ(run.session->mappingUUID(), "MAP-7");
     }
     EXPECT_EQ(run.session->isLocalizationMode(), c.mode == SessionMode::localization);
+    if (c.body) {  // no location source: no coordinates
+      const auto creates = run.backend.requests(c.mode == SessionMode::mapping
+                                                    ? "/maps/create_map"
+                                                    : "/maps/create_localization_session");
+      ASSERT_EQ(creates.size(), 1u);
+      EXPECT_FALSE(creates[0].body.contains("long"));
+    }
     EXPECT_EQ(run.session->omraSessionMode(), rawValue(c.mode));
   }
 }
 
 TEST(OmraSession, CreateRequestCarriesTheHostAndLogsTheStart) {
   SessionRun run;
+  Location here;
+  here.longitude = 2.35;
+  here.latitude = 48.85;
+  here.altitude = 35;
+  here.horizontalAccuracy = 5;
+  here.verticalAccuracy = 3;
+  run.t.env.location = std::make_shared<FixedLocationSource>(here);
   run.start(SessionMode::mapping);
   run.waitForStatus();
   auto creates = run.backend.requests("/maps/create_map");
   ASSERT_EQ(creates.size(), 1u);
+  EXPECT_EQ(creates[0].body["long"], 2.35);
+  EXPECT_EQ(creates[0].body["lat"], 48.85);
+  EXPECT_EQ(creates[0].body["verAccuracy"], 3.0);
   EXPECT_EQ(creates[0].body["app_id"], "com.example.host");
   EXPECT_EQ(creates[0].body["user_id"], "user-1");
   EXPECT_EQ(creates[0].body["map_id"], "map-1");
