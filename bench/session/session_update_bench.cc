@@ -117,8 +117,27 @@ Figures run(std::shared_ptr<DetectorModel> detector) {
 
 }  // namespace
 
+// The floor under update's cost: one empty task handed to a serial queue of the same kind of
+// dispatcher, at the same cadence, with the same thread CPU clock.
+double queueHandOffCpuMedian() {
+  AsioDispatcher dispatcher;
+  std::shared_ptr<SerialQueue> queue = dispatcher.makeSerialQueue("bench.handoff");
+  std::vector<double> cpu;
+  auto next = Clock::now();
+  for (int i = 0; i < 120; ++i) {
+    const double start = threadCpuMicros();
+    queue->async([] {});
+    cpu.push_back(threadCpuMicros() - start);
+    next += std::chrono::microseconds(16667);
+    std::this_thread::sleep_until(next);
+  }
+  std::sort(cpu.begin(), cpu.end());
+  return cpu[cpu.size() / 2];
+}
+
 int main() {
   OmraSettings::BUILD_HEAVY_MAP = true;  // 300 feature points per frame go to the record queue
+  const double handOff = queueHandOffCpuMedian();
   const Figures recording = run(nullptr);
   // A detector that answers with no detections.
   const Figures full = run(ScriptedDetectorModel::returning(ScriptedDetectorModel::outputs(
@@ -133,6 +152,8 @@ int main() {
   std::printf("figure session_update_max %.2f us\n", recording.max);
   std::printf("figure session_update_cpu_median %.2f us\n", recording.cpuMedian);
   std::printf("figure session_update_cpu_p99 %.2f us\n", recording.cpuP99);
+  std::printf("figure queue_handoff_cpu_median %.2f us\n", handOff);
+  std::printf("figure session_update_cpu_vs_handoff %.2f ratio\n", recording.cpuMedian / handOff);
   std::printf("figure session_update_with_scene_median %.2f us\n", full.median);
   std::printf("figure session_update_with_scene_p99 %.2f us\n", full.p99);
   return 0;
