@@ -24,8 +24,28 @@ int runRecord(const RecordOptions& options);
 int runInspect(const std::string& path);
 int runServer(const ServerCommandOptions& options);
 int runCreateTables(const std::string& store);
-// The kit-driving commands; they report plainly that this build cannot run them yet.
-int runDemo();
-int runReplay(const std::string& path);
+struct DemoOptions {
+  uint64_t seed = 1;
+  std::string store;  // empty: a SQLite file in a fresh temporary folder
+  std::string svg;    // empty: omra-demo.svg in that folder
+  bool verbose = false;
+};
+
+struct ReplayOptions {
+  std::string path;
+  std::string server;  // back end base URL; empty: omra-server in process
+  // The record store the kit writes (the back end's localizers read it); empty: the in-process
+  // server's memory store, or with --server the store `omra server` uses by default.
+  std::string store;
+  std::string mode;  // "mapping" or "localization"; empty: the recording's own role
+  std::string mapID = "omra-replay-map";
+  double speed = 0;  // 0: as fast as possible
+  double timeoutSeconds = 10;
+};
+
+// The kit-driving commands: a mapping and a localization session against an embedded back end,
+// and one recording through the kit.
+int runDemo(const DemoOptions& options);
+int runReplay(const ReplayOptions& options);
 
 }  // namespace omra::tools

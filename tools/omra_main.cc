@@ -37,19 +37,39 @@ int main(int argc, char** argv) {
       app.add_subcommand("create-tables", "Create the record and server tables in a store");
   tablesCmd->add_option("--store", tablesStore, "sqlite:PATH, dynamodb:URL or memory")->required();
 
+  omra::tools::DemoOptions demo;
   CLI::App* demoCmd =
       app.add_subcommand("demo", "Mapping and localization sessions against an embedded back end");
-  std::string replayPath;
+  demoCmd->add_option("--seed", demo.seed, "Scene seed");
+  demoCmd->add_option(
+      "--store", demo.store,
+      "sqlite:PATH, dynamodb:URL or memory (default: a fresh temporary SQLite file)");
+  demoCmd->add_option("--svg", demo.svg, "Where to write the top-down picture");
+  demoCmd->add_flag("--verbose", demo.verbose, "Also print the kit's and the server's log lines");
+  omra::tools::ReplayOptions replay;
   CLI::App* replayCmd =
       app.add_subcommand("replay", "Replay a recording through the kit against a back end");
-  replayCmd->add_option("FILE", replayPath, "Recording to replay")->required();
+  replayCmd->add_option("FILE", replay.path, "Recording to replay")->required();
+  replayCmd->add_option("--server", replay.server,
+                        "Back end base URL, e.g. http://127.0.0.1:8080 (default: in process)");
+  replayCmd->add_option("--store", replay.store,
+                        "Record store the back end reads (default: memory in process, "
+                        "sqlite:omra-server.db with --server)");
+  replayCmd
+      ->add_option("--session", replay.mode, "mapping or localization (default: the recording's)")
+      ->check(CLI::IsMember({"mapping", "localization"}));
+  replayCmd->add_option("--map", replay.mapID, "Map identifier");
+  replayCmd->add_option("--speed", replay.speed, "Pace relative to the recording (0: no waiting)")
+      ->check(CLI::Range(0.0, 1000.0));
+  replayCmd->add_option("--timeout", replay.timeoutSeconds, "Seconds to wait for the back end")
+      ->check(CLI::Range(0.5, 600.0));
 
   CLI11_PARSE(app, argc, argv);
   if (*recordCmd) return omra::tools::runRecord(record);
   if (*inspectCmd) return omra::tools::runInspect(inspectPath);
   if (*serverCmd) return omra::tools::runServer(server);
   if (*tablesCmd) return omra::tools::runCreateTables(tablesStore);
-  if (*demoCmd) return omra::tools::runDemo();
-  if (*replayCmd) return omra::tools::runReplay(replayPath);
+  if (*demoCmd) return omra::tools::runDemo(demo);
+  if (*replayCmd) return omra::tools::runReplay(replay);
   return 1;
 }

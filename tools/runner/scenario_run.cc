@@ -1,0 +1,171 @@
+#include "tools/runner/scenario_run.h"
+
+#include <chrono>
+#include <cmath>
+#include <numbers>
+
+#include "server/server.h"
+#include "src/cloud/record_tables.h"
+#include "src/platform/store/record_store_factory.h"
+
+namespace omra::tools {
+namespace {
+
+sim::Vec3 topOf(const sim::SimObject& o) { return o.center + sim::Vec3{0, o.size.y / 2, 0}; }
+
+double horizontalDistance(const sim::Vec3& a, const sim::Vec3& b) {
+  return std::hypot(a.x - b.x, a.z - b.z);
+}
+
+}  // namespace
+
+std::vector<AssetSpot> assetSpots(const sim::Room& room) {
+  std::vector<const sim::SimObject*> chosen;
+  // The table first (a natural place for content), then objects spread as far apart as possible.
+  for (const sim::SimObject& o : room.objects) {
+    if (o.slabOnly) {
+      chosen.push_back(&o);
+      break;
+    }
+  }
+  if (chosen.empty() && !room.objects.empty()) chosen.push_back(&room.objects.front());
+  while (chosen.size() < 3 && chosen.size() < room.objects.size()) {
+    const sim::SimObject* best = nullptr;
+    double bestDistance = -1;
+    for (const sim::SimObject& o : room.objects) {
+      double nearest = 1e9;
+      for (const sim::SimObject* c : chosen) {
+        nearest = std::min(nearest, horizontalDistance(topOf(o), topOf(*c)));
+      }
+      if (nearest > bestDistance) bestDistance = nearest, best = &o;
+    }
+    chosen.push_back(best);
+  }
+  std::vector<AssetSpot> spots;
+  const char* names[] = {"demo-cube", "demo-lamp", "demo-sign"};
+  for (size_t i = 0; i < chosen.size(); ++i) {
+    spots.push_back({names[i], topOf(*chosen[i]), chosen[i]->yaw});
+  }
+  return spots;
+}
+
+double headingErrorDegrees(double a, double b) {
+  double d = std::remainder(a - b, 2 * std::numbers::pi);
+  if (d <= -std::numbers::pi) d += 2 * std::numbers::pi;
+  return d * 180 / std::numbers::pi;
+}
+
+ScenarioReport runScenario(const ScenarioRunOptions& options) {
+  const auto start = std::chrono::steady_clock::now();
+  ScenarioReport report;
+  report.scenario = sim::makeScenario(options.scenario);
+  const sim::Scenario& scenario = report.scenario;
+  auto finish = [&](std::string failure) {
+    report.failure = std::move(failure);
+    report.success = report.failure.empty();
+    report.wallSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return report;
+  };
+
+  std::shared_ptr<RecordStore> store = options.store;
+  if (!store) store = makeRecordStore("memory", {}, nullptr);
+  if (std::optional<StoreError> e = ensureRecordTables(*store)) {
+    return finish("cannot create the record tables: " + e->message);
+  }
+  server::ServerOptions serverOptions;
+  serverOptions.store = store;
+  serverOptions.logRequests = static_cast<bool>(options.serverLog);
+  serverOptions.log = options.serverLog ? options.serverLog : [](std::string_view) {};
+  serverOptions.httpThreads = 8;
+  server::Server server(std::move(serverOptions));
+  std::string error;
+  if (!server.start(&error)) return finish("cannot start omra-server: " + error);
+
+  KitServices services = makeKitServices(store, server.baseUrl());
+  const sim::YawTransform mapFromRoom = scenario.mapping->truth->sessionFromRoom;
+  const sim::YawTransform locFromRoom = scenario.localization->truth->sessionFromRoom;
+  const std::vector<AssetSpot> spots = assetSpots(*scenario.room);
+
+  DriveOptions mapping;
+  mapping.mode = SessionMode::mapping;
+  mapping.mapID = "omra-demo-map-" + std::to_string(scenario.seed);
+  mapping.speed = options.mappingSpeed;
+  mapping.kitLog = options.kitLog;
+  for (const AssetSpot& spot : spots) {
+    sim::Vec3 p = mapFromRoom.apply(spot.position);
+    mapping.placements.emplace_back(
+        spot.id, Vector3(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z)),
+        static_cast<float>(spot.yaw + mapFromRoom.theta));
+  }
+  if (options.progress) {
+    mapping.progress = [&](size_t fed, size_t total, int64_t progress) {
+      options.progress("mapping", fed, total, progress);
+    };
+  }
+  report.mapping = driveSession(services, scenario.mapping, mapping);
+  if (!report.mapping.opened()) {
+    server.stop();
+    return finish("the mapping session did not open: " +
+                  (report.mapping.status ? statusText(*report.mapping.status)
+                                         : std::string("no answer from the back end")));
+  }
+  if (!report.mapping.placementsStored.value_or(false)) {
+    server.stop();
+    return finish("the back end did not store the assets");
+  }
+
+  DriveOptions localization = mapping;
+  localization.mode = SessionMode::localization;
+  localization.placements.clear();
+  localization.speed = options.localizationSpeed;
+  localization.settleScanSeconds = options.settleScanSeconds;
+  localization.waitAfterFeedSeconds = options.waitAfterFeedSeconds;
+  localization.progress = nullptr;
+  if (options.progress) {
+    localization.progress = [&](size_t fed, size_t total, int64_t progress) {
+      options.progress("localization", fed, total, progress);
+    };
+  }
+  report.localization = driveSession(services, scenario.localization, localization);
+  server.stop();
+
+  for (const AssetSpot& spot : spots) {
+    AssetOutcome a;
+    a.id = spot.id;
+    a.room = spot.position;
+    a.expected = locFromRoom.apply(spot.position);
+    a.expectedYaw = spot.yaw + locFromRoom.theta;
+    report.assets.push_back(a);
+  }
+  if (!report.localization.opened()) {
+    return finish("the localization session did not open: " +
+                  (report.localization.status ? statusText(*report.localization.status)
+                                              : std::string("no answer from the back end")));
+  }
+  const std::vector<AssetsArrival>& arrivals = report.localization.arrivals;
+  if (arrivals.empty()) return finish("no assets came back");
+  report.firstAssetsScanSeconds = arrivals.front().scanSeconds;
+  report.firstLocalizer = arrivals.front().localizer;
+  report.localizer = arrivals.back().localizer;
+
+  std::string failure;
+  for (AssetOutcome& a : report.assets) {
+    for (const MapAsset& m : arrivals.back().assets) {
+      if (m.assetID != a.id) continue;
+      a.placed = sim::Vec3{m.position.x, m.position.y, m.position.z};
+      a.placedYaw = m.orientation;
+      a.errorCm = (*a.placed - a.expected).norm() * 100;
+      a.errorDegrees = std::fabs(headingErrorDegrees(a.placedYaw, a.expectedYaw));
+    }
+    if (!a.placed) {
+      failure = a.id + " did not come back";
+    } else if (failure.empty() &&
+               (a.errorCm > options.toleranceCm || a.errorDegrees > options.toleranceDegrees)) {
+      failure = a.id + " came back off by more than the tolerance";
+    }
+  }
+  return finish(failure);
+}
+
+}  // namespace omra::tools

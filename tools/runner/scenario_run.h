@@ -1,0 +1,76 @@
+// One end-to-end run over a simulated scene: omra-server in process over the given store, a mapping
+// session that places three assets on room objects, a localization session from the other origin,
+// and the relocalized assets compared with the truth. Blocks the calling thread; nothing is shared
+// between runs except the store given.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "omrakit/platform/record_store.h"
+#include "sim/scenario.h"
+#include "tools/runner/session_driver.h"
+
+namespace omra::tools {
+
+struct ScenarioRunOptions {
+  sim::ScenarioOptions scenario;
+  // The store the server and the kit share; null: a fresh in-memory store.
+  std::shared_ptr<RecordStore> store;
+  double mappingSpeed = 3;
+  double localizationSpeed = 2;
+  // Scan seconds to keep feeding after the first assets, so a better localizer can still answer.
+  double settleScanSeconds = 3;
+  double waitAfterFeedSeconds = 8;
+  // Success: every asset back within these errors.
+  double toleranceCm = 10;
+  double toleranceDegrees = 5;
+  // ("mapping" or "localization", frames fed, frames total, kit scan progress).
+  std::function<void(std::string_view, size_t, size_t, int64_t)> progress;
+  std::function<void(std::string_view)> kitLog;     // thread-safe; none: kit lines dropped
+  std::function<void(std::string_view)> serverLog;  // thread-safe; none: server lines dropped
+};
+
+// One placed asset: where it was put and where it came back.
+struct AssetOutcome {
+  std::string id;
+  sim::Vec3 room;                   // room frame
+  sim::Vec3 expected;               // truth, localization session frame
+  double expectedYaw = 0;           // radians, localization session frame
+  std::optional<sim::Vec3> placed;  // where the kit put it (localization session frame)
+  double placedYaw = 0;
+  double errorCm = 0;
+  double errorDegrees = 0;
+};
+
+struct ScenarioReport {
+  sim::Scenario scenario;
+  DriveResult mapping;
+  DriveResult localization;
+  std::vector<AssetOutcome> assets;  // compared against the last assets the kit handed over
+  std::string localizer;             // which localizer placed them
+  std::optional<double> firstAssetsScanSeconds;
+  std::string firstLocalizer;
+  bool success = false;
+  std::string failure;  // why not, when !success
+  double wallSeconds = 0;
+};
+
+// Three spots on room objects (their top faces' centres, headings along the objects), room frame.
+struct AssetSpot {
+  std::string id;
+  sim::Vec3 position;
+  double yaw = 0;
+};
+std::vector<AssetSpot> assetSpots(const sim::Room& room);
+
+// Heading difference a - b wrapped to (-180, 180] degrees.
+double headingErrorDegrees(double a, double b);
+
+ScenarioReport runScenario(const ScenarioRunOptions& options);
+
+}  // namespace omra::tools
