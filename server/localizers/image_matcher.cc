@@ -18,7 +18,8 @@ typedef float V8 __attribute__((vector_size(32)));
 
 // The hot loop, built twice where the compiler can: for AVX2 with FMA and for the baseline, the
 // better one picked at load time.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+// Not under the thread sanitizer: its instrumented load-time resolver would run before it starts.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
 #define OMRA_SIMD_CLONES __attribute__((target_clones("arch=haswell", "default")))
 #else
 #define OMRA_SIMD_CLONES
