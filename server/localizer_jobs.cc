@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstdio>
+#include <future>
 
 #include "server/ids.h"
 #include "server/session_records.h"
@@ -23,13 +24,18 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
   JobOutcome out;
   RecordStore& records = store.records();
   if (localizer == kImageMatcher) {
-    auto map = readPosedFeatures(records, mapUuid, &out.error);
-    if (out.error) return out;
+    // The two sessions' records are read side by side: reading and decoding is most of the run.
+    std::optional<StoreError> mapError;
+    auto mapRead = std::async(std::launch::async, [&] {
+      auto frames = readPosedFeatures(records, mapUuid, &mapError);
+      return ImageFeatureIndex(frames);
+    });
     auto session = readPosedFeatures(records, sessionUuid, &out.error);
+    const ImageFeatureIndex index = mapRead.get();
+    if (!out.error) out.error = mapError;
     if (out.error) return out;
-    const ImageFeatureIndex index(map);
     out.report = ImageMatcher(options.imageMatcher).estimate(index, session);
-    out.summary = std::to_string(map.size()) + " map frames, " + std::to_string(session.size()) +
+    out.summary = std::to_string(index.size()) + " map frames, " + std::to_string(session.size()) +
                   " session frames";
   } else {
     std::optional<Pose4> seed;
