@@ -1,5 +1,6 @@
 #include "tools/runner/scenario_run.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <numbers>
@@ -130,39 +131,63 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   report.localization = driveSession(services, scenario.localization, localization);
   server.stop();
 
-  for (const AssetSpot& spot : spots) {
-    AssetOutcome a;
-    a.id = spot.id;
-    a.room = spot.position;
-    a.expected = locFromRoom.apply(spot.position);
-    a.expectedYaw = spot.yaw + locFromRoom.theta;
-    report.assets.push_back(a);
+  // Every callback against the truth; the last one is what the host shows in the end.
+  for (const AssetsArrival& arrival : report.localization.arrivals) {
+    ArrivalOutcome outcome;
+    outcome.localizer = arrival.localizer;
+    outcome.scanSeconds = arrival.scanSeconds;
+    outcome.complete = true;
+    for (const AssetSpot& spot : spots) {
+      AssetOutcome a;
+      a.id = spot.id;
+      a.room = spot.position;
+      a.expected = locFromRoom.apply(spot.position);
+      a.expectedYaw = spot.yaw + locFromRoom.theta;
+      for (const MapAsset& m : arrival.assets) {
+        if (m.assetID != a.id) continue;
+        a.placed = sim::Vec3{m.position.x, m.position.y, m.position.z};
+        a.placedYaw = m.orientation;
+        a.errorCm = (*a.placed - a.expected).norm() * 100;
+        a.errorDegrees = std::fabs(headingErrorDegrees(a.placedYaw, a.expectedYaw));
+        outcome.maxErrorCm = std::max(outcome.maxErrorCm, a.errorCm);
+        outcome.maxErrorDegrees = std::max(outcome.maxErrorDegrees, a.errorDegrees);
+      }
+      if (!a.placed) outcome.complete = false;
+      outcome.assets.push_back(std::move(a));
+    }
+    report.arrivals.push_back(std::move(outcome));
+  }
+  if (!report.arrivals.empty()) {
+    report.assets = report.arrivals.back().assets;
+  } else {
+    for (const AssetSpot& spot : spots) {
+      AssetOutcome a;
+      a.id = spot.id;
+      a.room = spot.position;
+      a.expected = locFromRoom.apply(spot.position);
+      a.expectedYaw = spot.yaw + locFromRoom.theta;
+      report.assets.push_back(std::move(a));
+    }
   }
   if (!report.localization.opened()) {
     return finish("the localization session did not open: " +
                   (report.localization.status ? statusText(*report.localization.status)
                                               : std::string("no answer from the back end")));
   }
-  const std::vector<AssetsArrival>& arrivals = report.localization.arrivals;
-  if (arrivals.empty()) return finish("no assets came back");
-  report.firstAssetsScanSeconds = arrivals.front().scanSeconds;
-  report.firstLocalizer = arrivals.front().localizer;
-  report.localizer = arrivals.back().localizer;
+  if (report.arrivals.empty()) return finish("no assets came back");
+  report.firstAssetsScanSeconds = report.arrivals.front().scanSeconds;
+  report.firstLocalizer = report.arrivals.front().localizer;
+  report.localizer = report.arrivals.back().localizer;
 
   std::string failure;
-  for (AssetOutcome& a : report.assets) {
-    for (const MapAsset& m : arrivals.back().assets) {
-      if (m.assetID != a.id) continue;
-      a.placed = sim::Vec3{m.position.x, m.position.y, m.position.z};
-      a.placedYaw = m.orientation;
-      a.errorCm = (*a.placed - a.expected).norm() * 100;
-      a.errorDegrees = std::fabs(headingErrorDegrees(a.placedYaw, a.expectedYaw));
-    }
+  for (const AssetOutcome& a : report.assets) {
     if (!a.placed) {
       failure = a.id + " did not come back";
-    } else if (failure.empty() &&
-               (a.errorCm > options.toleranceCm || a.errorDegrees > options.toleranceDegrees)) {
+      break;
+    }
+    if (a.errorCm > options.toleranceCm || a.errorDegrees > options.toleranceDegrees) {
       failure = a.id + " came back off by more than the tolerance";
+      break;
     }
   }
   return finish(failure);

@@ -47,12 +47,23 @@ struct AssetOutcome {
   double errorDegrees = 0;
 };
 
+// One assets-found callback, compared with the truth.
+struct ArrivalOutcome {
+  std::string localizer;
+  double scanSeconds = 0;
+  std::vector<AssetOutcome> assets;
+  double maxErrorCm = 0;
+  double maxErrorDegrees = 0;
+  bool complete = false;  // every placed asset came back
+};
+
 struct ScenarioReport {
   sim::Scenario scenario;
   DriveResult mapping;
   DriveResult localization;
-  std::vector<AssetOutcome> assets;  // compared against the last assets the kit handed over
-  std::string localizer;             // which localizer placed them
+  std::vector<ArrivalOutcome> arrivals;  // every callback, in order
+  std::vector<AssetOutcome> assets;      // the last assets the kit handed over
+  std::string localizer;                 // which localizer placed them
   std::optional<double> firstAssetsScanSeconds;
   std::string firstLocalizer;
   bool success = false;
