@@ -82,8 +82,8 @@ class Server {
 // the process exit code.
 int runServerCommand(ServerOptions options);
 
-// Creates every record table and the server's own in the store named by spec (DynamoDB's "create
-// tables" step). Returns 0, or prints the error and returns 1.
+// Creates every record table and the server's own in the store named by storeSpec (DynamoDB's
+// "create tables" step). Returns 0, or prints the error and returns 1.
 int createTablesCommand(const std::string& storeSpec, const AwsSettings& aws = {});
 
 }  // namespace omra::server

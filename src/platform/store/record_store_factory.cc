@@ -6,20 +6,20 @@
 
 namespace omra {
 
-std::shared_ptr<RecordStore> makeRecordStore(const std::string& spec, const AwsSettings& aws,
+std::shared_ptr<RecordStore> makeRecordStore(const std::string& target, const AwsSettings& aws,
                                              std::shared_ptr<Logger> logger, std::string* error) {
-  if (spec == "memory") return std::make_shared<MemoryRecordStore>();
-  if (spec.rfind("sqlite:", 0) == 0) {
-    const std::string path = spec.substr(7);
+  if (target == "memory") return std::make_shared<MemoryRecordStore>();
+  if (target.rfind("sqlite:", 0) == 0) {
+    const std::string path = target.substr(7);
     if (path.empty()) {
       if (error != nullptr) *error = "the record store \"sqlite:\" names no file";
       return nullptr;
     }
     return SqliteRecordStore::open(path, error);
   }
-  if (spec == "dynamodb" || spec.rfind("dynamodb:", 0) == 0) {
+  if (target == "dynamodb" || target.rfind("dynamodb:", 0) == 0) {
     DynamoDbRecordStore::Options options;
-    options.endpoint = spec.size() > 9 ? spec.substr(9) : "";
+    options.endpoint = target.size() > 9 ? target.substr(9) : "";
     options.region = aws.region;
     options.accessKeyId = aws.accessKeyId;
     options.secretAccessKey = aws.secretAccessKey;
@@ -27,7 +27,8 @@ std::shared_ptr<RecordStore> makeRecordStore(const std::string& spec, const AwsS
     return std::make_shared<DynamoDbRecordStore>(std::move(options), std::move(logger));
   }
   if (error != nullptr) {
-    *error = "unknown record store \"" + spec + "\" (expected sqlite:PATH, dynamodb:URL or memory)";
+    *error =
+        "unknown record store \"" + target + "\" (expected sqlite:PATH, dynamodb:URL or memory)";
   }
   return nullptr;
 }

@@ -14,7 +14,7 @@ namespace omra {
 // the region's public endpoint; region and credentials from aws), "memory" (MemoryRecordStore).
 // Null with *error set for an unknown text or a store that cannot be opened. The logger (may be
 // null) gets the remote store's retry notes.
-std::shared_ptr<RecordStore> makeRecordStore(const std::string& spec, const AwsSettings& aws,
+std::shared_ptr<RecordStore> makeRecordStore(const std::string& target, const AwsSettings& aws,
                                              std::shared_ptr<Logger> logger,
                                              std::string* error = nullptr);
 inline std::shared_ptr<RecordStore> makeRecordStore(const Config& config,
