@@ -1,11 +1,32 @@
 #include <cstdio>
+#include <optional>
+#include <string>
 
 #include "tools/commands.h"
 #ifdef OMRA_HAVE_SERVER
 #include "server/server.h"
+#include "src/platform/config_loader.h"
 #endif
 
 namespace omra::tools {
+
+#ifdef OMRA_HAVE_SERVER
+namespace {
+
+// A DynamoDB store needs the region and credentials from the configuration (AWS_* variables or
+// the config file); the other stores ignore them.
+std::optional<AwsSettings> configuredAws() {
+  std::string error;
+  std::optional<Config> config = loadConfig(&error);
+  if (!config) {
+    std::fprintf(stderr, "omra: configuration error: %s\n", error.c_str());
+    return std::nullopt;
+  }
+  return config->aws;
+}
+
+}  // namespace
+#endif
 
 int runServer(const ServerCommandOptions& options) {
 #ifdef OMRA_HAVE_SERVER
@@ -13,6 +34,9 @@ int runServer(const ServerCommandOptions& options) {
   s.host = options.host;
   s.port = options.port;
   s.storeSpec = options.store;
+  std::optional<AwsSettings> aws = configuredAws();
+  if (!aws) return 1;
+  s.aws = *aws;
   return server::runServerCommand(std::move(s));
 #else
   (void)options;
@@ -23,7 +47,9 @@ int runServer(const ServerCommandOptions& options) {
 
 int runCreateTables(const std::string& store) {
 #ifdef OMRA_HAVE_SERVER
-  return server::createTablesCommand(store);
+  std::optional<AwsSettings> aws = configuredAws();
+  if (!aws) return 1;
+  return server::createTablesCommand(store, *aws);
 #else
   (void)store;
   std::fprintf(stderr, "omra create-tables: this build has no omra-server\n");
