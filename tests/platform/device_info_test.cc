@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -107,19 +106,6 @@ TEST_F(DeviceInfoTest, UsesXdgDataHome) {
   } else {
     ::unsetenv("XDG_DATA_HOME");
   }
-}
-
-TEST_F(DeviceInfoTest, FactsFromConfigAndSystem) {
-  Config c = withBundle("com.example.a");
-  c.supportedOrientations = std::vector<std::string>{"UIInterfaceOrientationPortrait"};
-  LinuxDeviceInfo info(c, dir_.string());
-  EXPECT_EQ(info.bundleIdentifier(), "com.example.a");
-  EXPECT_EQ(info.supportedInterfaceOrientations(), c.supportedOrientations);
-  EXPECT_FALSE(LinuxDeviceInfo(Config{}, dir_.string()).bundleIdentifier().has_value());
-  utsname u{};
-  ASSERT_EQ(uname(&u), 0);
-  EXPECT_EQ(info.machineName(), u.machine);
-  EXPECT_FALSE(info.systemVersion().empty());
 }
 
 TEST(OsReleaseTest, VersionId) {
