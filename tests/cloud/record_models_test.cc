@@ -50,8 +50,6 @@ TEST(RecordModelsTest, TablesAndKeys) {
     EXPECT_EQ(schemas[i].rangeKey, std::get<2>(want[i]));
     EXPECT_EQ(schemas[i].rangeType, KeyType::kNumber);
   }
-  EXPECT_EQ(TransformResultModel::rangeKeyAttribute(), "Timestamp");
-  EXPECT_EQ(PointCloudModel::dynamoDBTableName(), "MapData-PointCloud");
 }
 
 TEST(RecordModelsTest, ImageFeaturesAreCompressedPercentFText) {
