@@ -15,47 +15,55 @@ void expectNear(const Vector3& actual, const Vector3& expected) {
   EXPECT_NEAR(actual.z, expected.z, kEps);
 }
 
-TEST(MultiplayerSync, IdenticalFramesGiveIdentity) {
-  const Vector3 a(3, 1, 2), b(1, 1, 2);
-  UnityMultiplayerTransform t = unityMultiplayerSync(a, b, a, b, std::nullopt);
-  EXPECT_FLOAT_EQ(t.rotationRemoteToLocal.w(), 1.0f);
-  EXPECT_FLOAT_EQ(t.rotationRemoteToLocal.y(), 0.0f);
-  expectNear(t.offsetLocalToRemote, {0, 0, 0});
-  EXPECT_NEAR(t.updateError, 0.0f, kEps);
-}
-
-TEST(MultiplayerSync, RemoteTurnedAQuarterAboutUp) {
-  // dRemote = (1,0,0), dLocal = (0,0,-1): c.y = +1, yaw +90 degrees.
-  const Vector3 remoteA(1, 0, 0), remoteB(0, 0, 0);
-  const Vector3 localA(0, 0, -1), localB(0, 0, 0);
-  UnityMultiplayerTransform t =
-      unityMultiplayerSync(localA, localB, remoteA, remoteB, std::nullopt);
-  EXPECT_NEAR(t.rotationRemoteToLocal.y(), std::sin(kPi / 4), kEps);
-  EXPECT_NEAR(t.rotationRemoteToLocal.w(), std::cos(kPi / 4), kEps);
-  expectNear(t.rotationRemoteToLocal.rotate({1, 0, 0}), {0, 0, -1});
-  expectNear(t.offsetLocalToRemote, {0, 0, 0});
-  EXPECT_NEAR(t.updateError, 0.0f, kEps);
-}
-
-TEST(MultiplayerSync, OppositeTurnGivesNegativeYaw) {
-  // The mirror case: the sign must come from the cross product, not from the unsigned angle.
-  UnityMultiplayerTransform t =
-      unityMultiplayerSync({0, 0, 1}, {0, 0, 0}, {1, 0, 0}, {0, 0, 0}, std::nullopt);
-  EXPECT_NEAR(t.rotationRemoteToLocal.y(), -std::sin(kPi / 4), kEps);
-  expectNear(t.rotationRemoteToLocal.rotate({1, 0, 0}), {0, 0, 1});
-}
-
-TEST(MultiplayerSync, TranslationWithRotation) {
-  // Remote is local turned by 90 degrees and shifted by (5, 1, -2).
-  const Quaternion r = Quaternion::euler(0, 90, 0);
-  const Vector3 shift(5, 1, -2);
-  const Vector3 remoteA(1, 0, 2), remoteB(-3, 0, 1);
-  const Vector3 localA = r.rotate(remoteA) + shift;
-  const Vector3 localB = r.rotate(remoteB) + shift;
-  UnityMultiplayerTransform t =
-      unityMultiplayerSync(localA, localB, remoteA, remoteB, std::nullopt);
-  expectNear(t.offsetLocalToRemote, shift);
-  EXPECT_NEAR(t.updateError, 0.0f, 1e-4f);
+TEST(MultiplayerSync, YawOffsetAndErrorFromTwoPointPairs) {
+  const Quaternion quarter = Quaternion::euler(0, 90, 0);
+  const Vector3 shift(5, 1, -2), rA(1, 0, 2), rB(-3, 0, 1);
+  const float nan = std::nanf("");
+  const struct {
+    const char* name;
+    Vector3 localA, localB, remoteA, remoteB;
+    float yawDegrees;
+    bool exact;  // the result maps both remote points onto their local ones
+    Vector3 offset;
+    float error;  // NaN: not checked
+  } cases[] = {
+      {"identical frames", {3, 1, 2}, {1, 1, 2}, {3, 1, 2}, {1, 1, 2}, 0, true, {0, 0, 0}, 0},
+      // dRemote = (1,0,0), dLocal = (0,0,-1): c.y = +1, yaw +90 degrees.
+      {"quarter turn", {0, 0, -1}, {0, 0, 0}, {1, 0, 0}, {0, 0, 0}, 90, true, {0, 0, 0}, 0},
+      // The sign must come from the cross product, not from the unsigned angle.
+      {"opposite turn", {0, 0, 1}, {0, 0, 0}, {1, 0, 0}, {0, 0, 0}, -90, true, {0, 0, 0}, 0},
+      {"turn and shift", quarter.rotate(rA) + shift, quarter.rotate(rB) + shift, rA, rB, 90, true,
+       shift, nan},
+      // Pair B sits 0.4 m higher locally: only y is averaged, x and z come from pair A.
+      {"vertical disagreement",
+       {1, 0, 0},
+       {3, 0.4f, 0},
+       {1, 0, 0},
+       {3, 0, 0},
+       0,
+       false,
+       {0, 0.2f, 0},
+       0.4f},
+      // Parallel but opposite with c.y == 0: the sign is 0 although the angle is 180 degrees.
+      {"opposite directions", {-1, 0, 0}, {0, 0, 0}, {1, 0, 0}, {0, 0, 0}, 0, false, {-2, 0, 0}, 2},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const UnityMultiplayerTransform t =
+        unityMultiplayerSync(c.localA, c.localB, c.remoteA, c.remoteB, std::nullopt);
+    const float half = c.yawDegrees * kPi / 360;
+    EXPECT_NEAR(t.rotationRemoteToLocal.y(), std::sin(half), kEps);
+    EXPECT_NEAR(t.rotationRemoteToLocal.w(), std::cos(half), kEps);
+    expectNear(t.offsetLocalToRemote, c.offset);
+    if (!std::isnan(c.error)) {
+      EXPECT_NEAR(t.updateError, c.error, kEps);
+    }
+    if (c.exact) {
+      expectNear(t.rotationRemoteToLocal.rotate(c.remoteA) + t.offsetLocalToRemote, c.localA);
+      expectNear(t.rotationRemoteToLocal.rotate(c.remoteB) + t.offsetLocalToRemote, c.localB);
+      EXPECT_NEAR(t.updateError, 0.0f, 1e-4f);
+    }
+  }
 }
 
 TEST(MultiplayerSync, VerticalPartOfTheDirectionsIsNotRemoved) {
@@ -110,14 +118,6 @@ TEST(MultiplayerSync, CoincidingPointsGiveNotANumberWithoutFailing) {
   // The angle is not a number; the sign is then 0, so the yaw is NaN * 0 = NaN.
   EXPECT_TRUE(std::isnan(t.rotationRemoteToLocal.w()));
   EXPECT_TRUE(std::isnan(t.offsetLocalToRemote.x));
-}
-
-TEST(MultiplayerSync, OppositeDirectionsGiveZeroYaw) {
-  // Parallel but opposite with c.y == 0: the sign is 0 although the angle is 180 degrees.
-  UnityMultiplayerTransform t =
-      unityMultiplayerSync({-1, 0, 0}, {0, 0, 0}, {1, 0, 0}, {0, 0, 0}, std::nullopt);
-  EXPECT_FLOAT_EQ(t.rotationRemoteToLocal.w(), 1.0f);
-  EXPECT_FLOAT_EQ(t.rotationRemoteToLocal.y(), 0.0f);
 }
 
 }  // namespace
