@@ -5,6 +5,7 @@
 #include <future>
 
 #include "server/ids.h"
+#include "server/plane_records.h"
 #include "server/session_records.h"
 
 namespace omra::server {
@@ -61,6 +62,22 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
                 out.report.inliers, out.report.residual, out.report.matchValue);
   out.summary += line;
   if (!out.report.found) return out;
+  if (options.refineWithPlanes) {
+    // Unreadable planes only cost the refinement, never the result.
+    std::optional<StoreError> planeError;
+    auto mapPlanes = readPlanes(records, mapUuid, &planeError);
+    auto sessionPlanes = readPlanes(records, sessionUuid, &planeError);
+    std::optional<PlaneRefinement> refined;
+    if (!planeError) {
+      refined = PlaneRefiner(options.planes).refine(out.report.transform, mapPlanes, sessionPlanes);
+    }
+    if (refined) {
+      out.report.transform = refined->transform;
+      std::snprintf(line, sizeof line, "; refined on %d wall(s), %d horizontal plane(s)",
+                    refined->walls, refined->horizontal);
+      out.summary += line;
+    }
+  }
   TransformResultModel result;
   result.sessionId = sessionUuid;
   result.timestamp = uniqueSeconds();

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "server/localizers/image_matcher.h"
+#include "server/localizers/plane_refiner.h"
 #include "server/localizers/su_localizer.h"
 #include "server/map_store.h"
 
@@ -20,6 +21,9 @@ bool isLocalizerName(const std::string& name);
 struct LocalizerOptions {
   SuLocalizerOptions su;
   ImageMatcherOptions imageMatcher;
+  // A found transform is sharpened with the planes both sessions detected, when they pair up.
+  bool refineWithPlanes = true;
+  PlaneRefinerOptions planes;
 };
 
 struct JobOutcome {

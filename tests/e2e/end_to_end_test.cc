@@ -1,6 +1,10 @@
 // The whole system on simulated scenes: the kit's sessions against omra-server in process, the
 // relocalized assets compared with the simulator's truth.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -26,6 +30,22 @@ constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;
 #endif
+
+// A loopback URL where nothing listens: a port the system just handed out and took back.
+std::string deadBackEnd() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  int port = 0;
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
+    port = ntohs(addr.sin_port);
+  }
+  if (fd >= 0) close(fd);
+  return "http://127.0.0.1:" + std::to_string(port);
+}
 
 // A short scene; under sanitizers everything runs several times slower, so the sessions are fed at
 // their own pace there and the kit drops the frames it cannot keep up with, as on a slow phone.
@@ -79,9 +99,7 @@ TEST(EndToEnd, MissingBackEndGivesNetworkErrorWithoutHanging) {
   scene.localizationSeconds = 1;
   scene.mappingSeconds = 1;
   sim::Scenario s = sim::makeScenario(scene);
-  // A port that was just free: nothing listens there.
-  KitServices services =
-      makeKitServices(makeRecordStore("memory", {}, nullptr), "http://127.0.0.1:9", 3);
+  KitServices services = makeKitServices(makeRecordStore("memory", {}, nullptr), deadBackEnd(), 3);
   DriveOptions drive;
   drive.speed = 0;
   drive.openTimeoutSeconds = 8;
@@ -139,7 +157,7 @@ TEST(EndToEnd, ReplayStopsAtDamagedRecordings) {
     ReplayOptions replay;
     replay.path = write(c.name + ".jsonl", c.content);
     // Nothing listens here: had the replay started, the error would be a network one.
-    replay.server = "http://127.0.0.1:9";
+    replay.server = deadBackEnd();
     replay.timeoutSeconds = 2;
     ::testing::internal::CaptureStderr();
     const int code = runReplay(replay);

@@ -1,0 +1,51 @@
+// Sharpens a localizer's transform with the planes both sessions detected: wall normals fix the
+// heading, wall offsets the horizontal translation, floors and table tops the height. Object
+// landmarks and matched views are noisy to a few centimetres and degrees; detected planes are much
+// steadier, so once a rough transform pairs them up they settle it. Stateless apart from its
+// options; refine() may run on any thread.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "server/localizers/pose4.h"
+
+namespace omra::server {
+
+// The newest state of one detected plane, in its session's frame.
+struct PlaneObservation {
+  std::string planeId;
+  bool vertical = false;
+  Vec3 origin{};  // a point on the plane
+  Vec3 normal{};  // unit
+};
+
+struct PlaneRefinerOptions {
+  double maxHeadingDegrees = 15;  // a rough transform may be off by this much
+  double maxOffset = 0.8;         // metres along a wall's normal
+  double maxHeightOffset = 0.25;  // metres between horizontal planes
+  double minCrossSine = 0.5;      // walls this far from parallel fix both horizontal directions
+};
+
+struct PlaneRefinement {
+  Pose4 transform;
+  int walls = 0;       // wall pairs used
+  int horizontal = 0;  // horizontal pairs used
+};
+
+class PlaneRefiner {
+ public:
+  explicit PlaneRefiner(PlaneRefinerOptions options = {}) : options_(options) {}
+
+  // The refined transform (map frame -> session frame), or none when no wall pairs up with the
+  // rough one. With walls of one direction only, the translation across them is kept.
+  std::optional<PlaneRefinement> refine(const Pose4& rough,
+                                        const std::vector<PlaneObservation>& map,
+                                        const std::vector<PlaneObservation>& session) const;
+
+ private:
+  PlaneRefinerOptions options_;
+};
+
+}  // namespace omra::server

@@ -1,0 +1,55 @@
+#include "server/plane_records.h"
+
+#include <charconv>
+#include <cmath>
+#include <map>
+
+#include "src/cloud/detected_plane_model.h"
+
+namespace omra::server {
+
+std::optional<PlaneObservation> parsePlaneTransform(const std::string& text) {
+  double v[16];
+  size_t pos = 0;
+  for (int i = 0; i < 16; ++i) {
+    size_t end = text.find(',', pos);
+    if (end == std::string::npos) end = text.size();
+    if ((i < 15) == (end == text.size())) return std::nullopt;
+    auto [ptr, ec] = std::from_chars(text.data() + pos, text.data() + end, v[i]);
+    if (ec != std::errc() || ptr != text.data() + end || !std::isfinite(v[i])) return std::nullopt;
+    pos = end + 1;
+  }
+  PlaneObservation p;
+  p.origin = {v[12], v[13], v[14]};
+  const double len = std::sqrt(v[4] * v[4] + v[5] * v[5] + v[6] * v[6]);
+  if (len < 1e-6) return std::nullopt;
+  p.normal = {v[4] / len, v[5] / len, v[6] / len};
+  return p;
+}
+
+std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& sessionId,
+                                         std::optional<StoreError>* error) {
+  std::map<std::string, std::optional<PlaneObservation>> newest;
+  for (const Item& item :
+       queryAll(store, DetectedPlaneModel::kTableName, AttributeValue::string(sessionId), error)) {
+    std::optional<DetectedPlaneModel> m = DetectedPlaneModel::fromItem(item);
+    if (!m || !m->planeId) continue;
+    if (m->isRemoved.value_or(false)) {
+      newest[*m->planeId] = std::nullopt;
+      continue;
+    }
+    if (!m->transformMatrix || !m->alignment) continue;
+    std::optional<PlaneObservation> p = parsePlaneTransform(*m->transformMatrix);
+    if (!p) continue;
+    p->planeId = *m->planeId;
+    p->vertical = *m->alignment == "vertical";
+    newest[*m->planeId] = std::move(p);
+  }
+  std::vector<PlaneObservation> out;
+  for (auto& [id, p] : newest) {
+    if (p) out.push_back(std::move(*p));
+  }
+  return out;
+}
+
+}  // namespace omra::server

@@ -1,0 +1,123 @@
+// The plane refiner against rooms with known transforms: walls settle the heading and the
+// horizontal translation, floors and table tops the height, and rough transforms too far off are
+// left alone.
+#include "server/localizers/plane_refiner.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "server/plane_records.h"
+
+namespace omra::server {
+namespace {
+
+constexpr double kDeg = std::numbers::pi / 180;
+
+PlaneObservation plane(const char* id, bool vertical, Vec3 origin, Vec3 normal) {
+  return {id, vertical, origin, normal};
+}
+
+// A 6 m x 5 m room (walls facing inwards), its floor and a table top, in the map's frame.
+std::vector<PlaneObservation> mapRoom() {
+  return {plane("W", true, {-3, 1.2, 0.4}, {1, 0, 0}),
+          plane("E", true, {3, 0.8, -1}, {-1, 0, 0}),
+          plane("N", true, {0.5, 1, -2.5}, {0, 0, 1}),
+          plane("S", true, {-1, 1.5, 2.5}, {0, 0, -1}),
+          plane("F", false, {0.2, -1.4, 0.3}, {0, 1, 0}),
+          plane("T", false, {1.5, -0.65, -2}, {0, 1, 0})};
+}
+
+// The same planes as the session sees them: carried by truth, each origin slid along its plane
+// (another session anchors a plane wherever it first saw it).
+std::vector<PlaneObservation> seenBy(const Pose4& truth, const std::vector<PlaneObservation>& map,
+                                     const std::vector<std::string>& ids) {
+  std::vector<PlaneObservation> out;
+  for (const PlaneObservation& m : map) {
+    if (std::find(ids.begin(), ids.end(), m.planeId) == ids.end()) continue;
+    PlaneObservation s = m;
+    Vec3 slide = m.vertical ? Vec3{m.normal[2] * 0.7, 0.3, -m.normal[0] * 0.7} : Vec3{0.4, 0, -0.9};
+    s.origin =
+        truth.apply({m.origin[0] + slide[0], m.origin[1] + slide[1], m.origin[2] + slide[2]});
+    s.normal = Pose4{0, 0, 0, truth.theta}.apply(m.normal);
+    out.push_back(s);
+  }
+  return out;
+}
+
+TEST(PlaneRefiner, WallsAndFloorsSettleARoughTransform) {
+  const Pose4 truth{0.8, 0.12, -1.3, 2.1};
+  const std::vector<PlaneObservation> map = mapRoom();
+  struct Case {
+    const char* name;
+    std::vector<std::string> seen;
+    Pose4 rough;
+  } cases[] = {
+      {"all planes, off a little",
+       {"W", "E", "N", "S", "F", "T"},
+       {truth.tx + 0.1, truth.ty - 0.05, truth.tz + 0.08, truth.theta + 3 * kDeg}},
+      {"two walls at right angles",
+       {"W", "N", "F"},
+       {truth.tx - 0.3, truth.ty + 0.1, truth.tz + 0.25, truth.theta - 8 * kDeg}},
+      {"rough already right", {"E", "S", "F"}, truth},
+  };
+  for (const Case& c : cases) {
+    std::optional<PlaneRefinement> r =
+        PlaneRefiner().refine(c.rough, map, seenBy(truth, map, c.seen));
+    ASSERT_TRUE(r.has_value()) << c.name;
+    EXPECT_NEAR(r->transform.tx, truth.tx, 1e-6) << c.name;
+    EXPECT_NEAR(r->transform.ty, truth.ty, 1e-6) << c.name;
+    EXPECT_NEAR(r->transform.tz, truth.tz, 1e-6) << c.name;
+    EXPECT_NEAR(wrapAngle(r->transform.theta - truth.theta), 0, 1e-9) << c.name;
+    EXPECT_GE(r->walls, 2) << c.name;
+    EXPECT_GE(r->horizontal, 1) << c.name;
+  }
+}
+
+TEST(PlaneRefiner, OneWallFixesHeadingAndItsOwnDirectionOnly) {
+  const Pose4 truth{0.5, 0, 0.5, 0.4};
+  const std::vector<PlaneObservation> map = mapRoom();
+  const Pose4 rough{truth.tx + 0.2, truth.ty, truth.tz + 0.2, truth.theta + 5 * kDeg};
+  std::optional<PlaneRefinement> r = PlaneRefiner().refine(rough, map, seenBy(truth, map, {"W"}));
+  ASSERT_TRUE(r.has_value());
+  EXPECT_EQ(r->walls, 1);
+  EXPECT_NEAR(wrapAngle(r->transform.theta - truth.theta), 0, 1e-9);
+  // Along the wall's normal the translation is right; across it the rough one stays.
+  const Vec3 n = Pose4{0, 0, 0, truth.theta}.apply({1, 0, 0});
+  const Vec3 along{n[2], 0, -n[0]};
+  auto dot = [](const Vec3& a, double x, double z) { return a[0] * x + a[2] * z; };
+  EXPECT_NEAR(dot(n, r->transform.tx, r->transform.tz), dot(n, truth.tx, truth.tz), 1e-6);
+  EXPECT_NEAR(dot(along, r->transform.tx, r->transform.tz), dot(along, rough.tx, rough.tz), 1e-6);
+}
+
+TEST(PlaneRefiner, LeavesTransformsItCannotPairAlone) {
+  const Pose4 truth{0, 0, 0, 1.0};
+  const std::vector<PlaneObservation> map = mapRoom();
+  const auto all = seenBy(truth, map, {"W", "E", "N", "S", "F"});
+  // Too far turned, moved 1.2 m across every wall, or no walls at all.
+  EXPECT_FALSE(PlaneRefiner().refine({0, 0, 0, 1.0 + 30 * kDeg}, map, all).has_value());
+  EXPECT_FALSE(PlaneRefiner().refine({1.658, 0, -0.361, 1.0}, map, all).has_value());
+  EXPECT_FALSE(PlaneRefiner().refine(truth, map, seenBy(truth, map, {"F", "T"})).has_value());
+  EXPECT_FALSE(PlaneRefiner().refine(truth, {}, all).has_value());
+}
+
+TEST(PlaneRecords, TransformTextGivesOriginAndNormal) {
+  // Column by column: x axis, y axis (the normal), z axis, position.
+  std::optional<PlaneObservation> p = parsePlaneTransform("0,0,-1,0,0,2,0,0,1,0,0,0,1.5,-0.25,3,1");
+  ASSERT_TRUE(p.has_value());
+  EXPECT_DOUBLE_EQ(p->origin[0], 1.5);
+  EXPECT_DOUBLE_EQ(p->origin[1], -0.25);
+  EXPECT_DOUBLE_EQ(p->origin[2], 3);
+  EXPECT_DOUBLE_EQ(p->normal[1], 1);  // normalised
+  for (const char* bad :
+       {"", "1,2,3", "0,0,-1,0,0,1,0,0,1,0,0,0,1.5,-0.25,3",
+        "0,0,-1,0,0,1,0,0,1,0,0,0,1.5,-0.25,3,1,7", "0,0,-1,0,0,x,0,0,1,0,0,0,1.5,-0.25,3,1",
+        "1,0,0,0,0,0,0,0,0,0,1,0,0,0,0,1", "0,0,-1,0,0,nan,0,0,1,0,0,0,1,1,1,1"}) {
+    EXPECT_FALSE(parsePlaneTransform(bad).has_value()) << bad;
+  }
+}
+
+}  // namespace
+}  // namespace omra::server
