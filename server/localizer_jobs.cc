@@ -77,6 +77,13 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
                     refined->walls, refined->horizontal);
       out.summary += line;
     }
+    // Where the map could settle the transform fully but this session's planes did not yet, the
+    // result is worth less, so that the kit takes a fully settled one when it comes.
+    if (!planeError && (!refined || !refined->bothWays) &&
+        PlaneRefiner(options.planes).canFix(mapPlanes)) {
+      out.report.matchValue *= 0.5;
+      out.summary += "; not settled by planes, match value halved";
+    }
   }
   TransformResultModel result;
   result.sessionId = sessionUuid;

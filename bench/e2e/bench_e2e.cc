@@ -64,7 +64,7 @@ int main(int argc, char** argv) {
       o.mappingSpeed = 4;
       // The localization session at its own pace, so scan seconds until the first assets are real.
       o.localizationSpeed = 1;
-      o.settleScanSeconds = 3;
+      o.settleScanSeconds = 5;
       o.waitAfterFeedSeconds = 5;
       reports[static_cast<size_t>(i)] = omra::tools::runScenario(o);
       const ScenarioReport& r = reports[static_cast<size_t>(i)];

@@ -38,6 +38,17 @@ std::vector<WallPair> pairWalls(const Pose4& pose, const std::vector<PlaneObserv
 
 }  // namespace
 
+bool PlaneRefiner::canFix(const std::vector<PlaneObservation>& planes) const {
+  for (const PlaneObservation& a : planes) {
+    for (const PlaneObservation& b : planes) {
+      if (!a.vertical || !b.vertical) continue;
+      const double cross = std::fabs(a.normal[0] * b.normal[2] - a.normal[2] * b.normal[0]);
+      if (cross >= options_.minCrossSine) return true;
+    }
+  }
+  return false;
+}
+
 std::optional<PlaneRefinement> PlaneRefiner::refine(
     const Pose4& rough, const std::vector<PlaneObservation>& map,
     const std::vector<PlaneObservation>& session) const {
@@ -87,6 +98,7 @@ std::optional<PlaneRefinement> PlaneRefiner::refine(
   if (det > options_.minCrossSine * options_.minCrossSine * n * n / 4) {
     out.transform.tx = (a11 * b0 - a01 * b1) / det;
     out.transform.tz = (a00 * b1 - a01 * b0) / det;
+    out.bothWays = true;
   } else {
     // One direction only (parallel walls): move the rough translation along it.
     const double phi = 0.5 * std::atan2(2 * a01, a00 - a11);

@@ -30,12 +30,16 @@ struct PlaneRefinerOptions {
 
 struct PlaneRefinement {
   Pose4 transform;
-  int walls = 0;       // wall pairs used
-  int horizontal = 0;  // horizontal pairs used
+  int walls = 0;          // wall pairs used
+  int horizontal = 0;     // horizontal pairs used
+  bool bothWays = false;  // walls of two directions fixed the whole horizontal translation
 };
 
 class PlaneRefiner {
  public:
+  // True when the planes hold walls of two directions, so that refine() can fix a transform fully.
+  bool canFix(const std::vector<PlaneObservation>& planes) const;
+
   explicit PlaneRefiner(PlaneRefinerOptions options = {}) : options_(options) {}
 
   // The refined transform (map frame -> session frame), or none when no wall pairs up with the

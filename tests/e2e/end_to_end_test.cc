@@ -56,7 +56,7 @@ ScenarioRunOptions shortRun(uint64_t seed) {
   o.scenario.localizationSeconds = 10;
   o.mappingSpeed = kSanitized ? 1 : 3;
   o.localizationSpeed = kSanitized ? 1 : 2;
-  o.settleScanSeconds = 4;
+  o.settleScanSeconds = 5;
   o.waitAfterFeedSeconds = kSanitized ? 20 : 8;
   return o;
 }

@@ -72,6 +72,7 @@ TEST(PlaneRefiner, WallsAndFloorsSettleARoughTransform) {
     EXPECT_NEAR(r->transform.tz, truth.tz, 1e-6) << c.name;
     EXPECT_NEAR(wrapAngle(r->transform.theta - truth.theta), 0, 1e-9) << c.name;
     EXPECT_GE(r->walls, 2) << c.name;
+    EXPECT_TRUE(r->bothWays) << c.name;
     EXPECT_GE(r->horizontal, 1) << c.name;
   }
 }
@@ -83,6 +84,9 @@ TEST(PlaneRefiner, OneWallFixesHeadingAndItsOwnDirectionOnly) {
   std::optional<PlaneRefinement> r = PlaneRefiner().refine(rough, map, seenBy(truth, map, {"W"}));
   ASSERT_TRUE(r.has_value());
   EXPECT_EQ(r->walls, 1);
+  EXPECT_FALSE(r->bothWays);
+  EXPECT_TRUE(PlaneRefiner().canFix(map));
+  EXPECT_FALSE(PlaneRefiner().canFix(seenBy(truth, map, {"W", "E", "F"})));
   EXPECT_NEAR(wrapAngle(r->transform.theta - truth.theta), 0, 1e-9);
   // Along the wall's normal the translation is right; across it the rough one stays.
   const Vec3 n = Pose4{0, 0, 0, truth.theta}.apply({1, 0, 0});

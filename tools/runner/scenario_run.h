@@ -24,7 +24,7 @@ struct ScenarioRunOptions {
   double mappingSpeed = 3;
   double localizationSpeed = 2;
   // Scan seconds to keep feeding after the first assets, so a better localizer can still answer.
-  double settleScanSeconds = 3;
+  double settleScanSeconds = 5;
   double waitAfterFeedSeconds = 8;
   // Success: every asset back within these errors.
   double toleranceCm = 10;
