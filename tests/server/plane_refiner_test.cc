@@ -10,6 +10,9 @@
 #include <numbers>
 
 #include "server/plane_records.h"
+#include "src/cloud/detected_plane_model.h"
+#include "src/cloud/record_tables.h"
+#include "src/platform/store/record_store_factory.h"
 
 namespace omra::server {
 namespace {
@@ -121,6 +124,40 @@ TEST(PlaneRecords, TransformTextGivesOriginAndNormal) {
         "1,0,0,0,0,0,0,0,0,0,1,0,0,0,0,1", "0,0,-1,0,0,nan,0,0,1,0,0,0,1,1,1,1"}) {
     EXPECT_FALSE(parsePlaneTransform(bad).has_value()) << bad;
   }
+}
+
+// What the kit wrote over a session: a plane's newest state counts, removed planes and other
+// sessions' planes do not, unreadable transforms are skipped.
+TEST(PlaneRecords, NewestStateOfEachPlaneThatIsStillThere) {
+  std::shared_ptr<RecordStore> store = makeRecordStore("memory", {}, nullptr);
+  ASSERT_FALSE(ensureRecordTables(*store).has_value());
+  auto save = [&](const DetectedPlaneModel& m) {
+    ASSERT_FALSE(store->put(DetectedPlaneModel::kTableName, m.toItem()).has_value());
+  };
+  const std::string wall = "0,0,-1,0,1,0,0,0,0,1,0,0,2,1,0,1";  // normal +x, at x = 2
+  const std::string moved = "0,0,-1,0,1,0,0,0,0,1,0,0,2.5,1,0,1";
+  const std::string floor = "1,0,0,0,0,1,0,0,0,0,1,0,0,-1.4,0,1";
+  save(DetectedPlaneModel("S", 1, "WALL", "vertical", "v", false, wall, false));
+  save(DetectedPlaneModel("S", 5, "WALL", "vertical", "v", false, moved, false));
+  save(DetectedPlaneModel("S", 2, "FLOOR", "horizontal", "v", false, floor, false));
+  save(DetectedPlaneModel("S", 3, "GONE", "vertical", "v", false, wall, false));
+  save(DetectedPlaneModel("S", 4, "GONE", false, true));
+  save(DetectedPlaneModel("S", 6, "BAD", "vertical", "v", false, std::string("-"), false));
+  save(DetectedPlaneModel("OTHER", 1, "ELSEWHERE", "vertical", "v", false, wall, false));
+
+  std::optional<StoreError> error;
+  std::vector<PlaneObservation> planes = readPlanes(*store, "S", &error);
+  ASSERT_FALSE(error.has_value());
+  ASSERT_EQ(planes.size(), 2u);
+  std::sort(planes.begin(), planes.end(),
+            [](const auto& a, const auto& b) { return a.planeId < b.planeId; });
+  EXPECT_EQ(planes[0].planeId, "FLOOR");
+  EXPECT_FALSE(planes[0].vertical);
+  EXPECT_DOUBLE_EQ(planes[0].origin[1], -1.4);
+  EXPECT_EQ(planes[1].planeId, "WALL");
+  EXPECT_TRUE(planes[1].vertical);
+  EXPECT_DOUBLE_EQ(planes[1].origin[0], 2.5);
+  EXPECT_DOUBLE_EQ(planes[1].normal[0], 1);
 }
 
 }  // namespace
