@@ -1,41 +1,15 @@
 #include "server/ids.h"
 
-#include <openssl/rand.h>
-
 #include <atomic>
-#include <cctype>
 #include <chrono>
-#include <cstdio>
-#include <random>
+
+#include "src/platform/linux_device_info.h"
 
 namespace omra::server {
 
-std::string newUuid() {
-  unsigned char b[16];
-  if (RAND_bytes(b, sizeof b) != 1) {
-    // The system generator failed; random_device is the next best unpredictable source.
-    std::random_device rd;
-    for (unsigned char& c : b) c = static_cast<unsigned char>(rd());
-  }
-  b[6] = static_cast<unsigned char>((b[6] & 0x0f) | 0x40);
-  b[8] = static_cast<unsigned char>((b[8] & 0x3f) | 0x80);
-  char out[37];
-  std::snprintf(out, sizeof out,
-                "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", b[0], b[1],
-                b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14],
-                b[15]);
-  return out;
-}
+std::string newUuid() { return randomUuidV4(); }
 
-bool looksLikeUuid(const std::string& t) {
-  if (t.size() != 36) return false;
-  for (size_t i = 0; i < t.size(); ++i) {
-    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-    if (dash != (t[i] == '-')) return false;
-    if (!dash && !std::isxdigit(static_cast<unsigned char>(t[i]))) return false;
-  }
-  return true;
-}
+bool looksLikeUuid(const std::string& text) { return isUuidText(text); }
 
 int64_t uniqueMicros() {
   static std::atomic<int64_t> last{0};
