@@ -28,21 +28,6 @@ namespace {
 using namespace omra;
 using namespace std::chrono_literals;
 
-const char* statusName(MapStatus status) {
-  switch (status) {
-    case MapStatus::initialized:
-      return "initialized";
-    case MapStatus::mapNotFound:
-      return "map not found";
-    case MapStatus::networkError:
-      return "network error";
-    case MapStatus::serverError:
-      return "server error";
-    default:
-      return "other";
-  }
-}
-
 // Waits for a flag set on another thread.
 class Signal {
  public:
@@ -139,7 +124,7 @@ int main(int argc, char** argv) {
         std::printf("scan progress %lld\n", static_cast<long long>(progress));
       },
       [&](MapStatus status) {
-        std::printf("status %s (%lld)\n", statusName(status),
+        std::printf("status %s (%lld)\n", mapStatusDescription(status),
                     static_cast<long long>(rawValue(status)));
         initialized = status == MapStatus::initialized;
         opened.set();

@@ -29,6 +29,23 @@ constexpr std::optional<MapStatus> mapStatusFromRawValue(int64_t rawValue) {
 
 constexpr int64_t rawValue(MapStatus status) { return static_cast<int64_t>(status); }
 
+// A short English description for messages and logs; "reserved" for the values the kit never
+// raises.
+constexpr const char* mapStatusDescription(MapStatus status) {
+  switch (status) {
+    case MapStatus::initialized:
+      return "initialized";
+    case MapStatus::mapNotFound:
+      return "map not found";
+    case MapStatus::networkError:
+      return "network error";
+    case MapStatus::serverError:
+      return "server error";
+    default:
+      return "reserved";
+  }
+}
+
 using StatusCallback = std::function<void(MapStatus)>;
 
 }  // namespace omra

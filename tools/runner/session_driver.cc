@@ -66,20 +66,7 @@ KitServices makeKitServices(std::shared_ptr<RecordStore> records, std::string ba
   return s;
 }
 
-std::string statusText(MapStatus status) {
-  switch (status) {
-    case MapStatus::initialized:
-      return "initialized";
-    case MapStatus::mapNotFound:
-      return "map not found";
-    case MapStatus::networkError:
-      return "network error";
-    case MapStatus::serverError:
-      return "server error";
-    default:
-      return "status " + std::to_string(rawValue(status));
-  }
-}
+std::string statusText(MapStatus status) { return mapStatusDescription(status); }
 
 DriveResult driveSession(const KitServices& services,
                          std::shared_ptr<const sim::Recording> recording,
