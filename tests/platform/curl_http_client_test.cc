@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -121,9 +122,9 @@ TEST_F(CurlHttpClientTest, BodiesThatAreNotJson) {
 TEST_F(CurlHttpClientTest, TransportFailures) {
   // A port that was bound and released: nothing listens there.
   const int deadPort = testing::unusedLoopbackPort();
-  std::atomic<bool> release{false};
-  server_.server().Get("/stall", [&](const httplib::Request&, httplib::Response& res) {
-    for (int i = 0; i < 600 && !release; ++i) std::this_thread::sleep_for(5ms);
+  auto release = std::make_shared<std::atomic<bool>>(false);  // the handler may outlive the body
+  server_.server().Get("/stall", [release](const httplib::Request&, httplib::Response& res) {
+    for (int i = 0; i < 600 && !*release; ++i) std::this_thread::sleep_for(5ms);
     res.set_content("late", "text/plain");
   });
   server_.server().Get("/big", [](const httplib::Request&, httplib::Response& res) {
@@ -148,7 +149,7 @@ TEST_F(CurlHttpClientTest, TransportFailures) {
   EXPECT_FALSE(r.transportError.empty());
   EXPECT_GE(took, 900ms);
   EXPECT_LT(took, 2900ms);  // failed by the idle limit, not by the server's late answer
-  release = true;
+  *release = true;
 
   HttpRequest big;
   big.url = base + "/big";
@@ -201,9 +202,15 @@ TEST_F(CurlHttpClientTest, ManyConcurrentRequestsEachCompleteOnce) {
 }
 
 TEST_F(CurlHttpClientTest, DestructionCancelsRequestsInFlight) {
-  std::atomic<bool> release{false};
-  server_.server().Get("/hang", [&](const httplib::Request&, httplib::Response& res) {
-    while (!release) std::this_thread::sleep_for(5ms);
+  // Shared with the handler, which may outlive this body on a slow machine.
+  struct Gate {
+    std::atomic<bool> entered{false};
+    std::atomic<bool> release{false};
+  };
+  auto gate = std::make_shared<Gate>();
+  server_.server().Get("/hang", [gate](const httplib::Request&, httplib::Response& res) {
+    gate->entered = true;
+    for (int i = 0; i < 2000 && !gate->release; ++i) std::this_thread::sleep_for(5ms);
     res.set_content("{}", "application/json");
   });
   const std::string base = server_.start();
@@ -215,10 +222,13 @@ TEST_F(CurlHttpClientTest, DestructionCancelsRequestsInFlight) {
       ++calls;
       error = r.transportError;
     });
-    std::this_thread::sleep_for(50ms);
+    // Destroy the client only once the server is answering: the request is truly in flight.
+    for (int i = 0; i < 2000 && !gate->entered; ++i) std::this_thread::sleep_for(5ms);
+    ASSERT_TRUE(gate->entered);
   }
-  release = true;
+  gate->release = true;
   ASSERT_TRUE(main_->runUntil([&] { return calls > 0; }, 5s));
+  main_->runUntil([] { return false; }, 20ms);
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(error, "cancelled");
 }
