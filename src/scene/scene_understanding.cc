@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "src/foundation/fatal.h"
+#include "src/platform/paced_serial_queue.h"
 
 namespace omra {
 
@@ -14,7 +15,10 @@ struct SceneUnderstanding::Core {
       : dispatcher(std::move(d)),
         updateInProgressCheckSyncQueue(
             dispatcher->makeSerialQueue("com.omra.objectdetector.updatecheck")),
-        updateQueue(dispatcher->makeSerialQueue("com.omra.objectdetector.updatequeue")),
+        // Frames arrive at a steady pace: the hand-over must not cost the frame thread a wake.
+        updateQueue(std::make_shared<PacedSerialQueue>(
+            dispatcher->makeSerialQueue("com.omra.objectdetector.updatequeue"),
+            PacedSerialQueue::Options{})),
         objectDetection2D(h, w, std::move(model), *dispatcher, std::move(logger)),
         objectTracker3D(h, w, std::move(device)),
         callback(std::move(cb)) {}
@@ -24,7 +28,8 @@ struct SceneUnderstanding::Core {
   const std::shared_ptr<Dispatcher> dispatcher;
   const std::shared_ptr<SerialQueue> updateInProgressCheckSyncQueue;
   const std::shared_ptr<SerialQueue> updateQueue;
-  // Written only on updateInProgressCheckSyncQueue; atomic so that it can be inspected anywhere.
+  // The check queue is kept for its label; the check-and-set itself is one atomic exchange, which
+  // is what the queue guaranteed and costs the frame thread no round trip to another thread.
   std::atomic<bool> updateInProgress{false};
   std::atomic<bool> stopped{false};
   ObjectDetection2D objectDetection2D;
@@ -46,7 +51,7 @@ void SceneUnderstanding::Core::detect(const ArFrame& frame) {
       },
       orientation);
   // The flag covers only the hand-over; the detector's semaphore serialises the model runs.
-  updateInProgressCheckSyncQueue->async([this] { updateInProgress = false; });
+  updateInProgress.store(false, std::memory_order_release);
 }
 
 SceneUnderstanding::SceneUnderstanding(double screenHeight_, double screenWidth_, Callback callback,
@@ -70,14 +75,9 @@ SceneUnderstanding::~SceneUnderstanding() {
 
 void SceneUnderstanding::processImage(const ArFrame& frame, int64_t& counter) {
   if (!motionAnalyzer_.isCameraMoving(frame)) return;
-  bool busy = false;
-  Core* core = core_.get();
-  core->updateInProgressCheckSyncQueue->sync([core, &busy] {
-    busy = core->updateInProgress;
-    if (!busy) core->updateInProgress = true;
-  });
-  if (busy) return;
-  core->updateQueue->async([core = core_, frame] { core->detect(frame); });
+  // A busy frame is dropped, never queued.
+  if (core_->updateInProgress.exchange(true, std::memory_order_acq_rel)) return;
+  core_->updateQueue->async([core = core_, frame] { core->detect(frame); });
   OMRA_CHECK(counter < std::numeric_limits<int64_t>::max(), "Frame counter overflow");
   ++counter;
 }

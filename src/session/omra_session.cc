@@ -10,6 +10,7 @@
 #include "src/mapping/data_manager.h"
 #include "src/mapping/persistence.h"
 #include "src/platform/md5.h"
+#include "src/platform/paced_serial_queue.h"
 #include "src/scene/scene_understanding.h"
 #include "src/session/session_state.h"
 
@@ -104,7 +105,10 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
   s.mode = mapMode;
   s.updateInProgressCheckSyncQueue =
       s.env.dispatcher->makeSerialQueue("com.omra.OmraSession.updatecheck");
-  s.updateQueue = s.env.dispatcher->makeSerialQueue("com.omra.OmraSession.updatequeue");
+  // One task per frame: a paced queue spares the frame thread the cost of waking a worker.
+  s.updateQueue = std::make_shared<PacedSerialQueue>(
+      s.env.dispatcher->makeSerialQueue("com.omra.OmraSession.updatequeue"),
+      PacedSerialQueue::Options{});
   s.env.logger->print("initializing OmraSession");
   const auto initializationTime = std::chrono::system_clock::now();
 
