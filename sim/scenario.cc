@@ -18,6 +18,7 @@ SessionOptions sessionOptions(const ScenarioOptions& o, const char* role, uint64
   s.seconds = seconds;
   s.camera = o.camera;
   s.noise = o.noise;
+  s.planeNoise = o.planeNoise;
   return s;
 }
 

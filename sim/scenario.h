@@ -19,6 +19,7 @@ struct ScenarioOptions {
   RoomOptions room;
   CameraModel camera;
   DetectorNoise noise;
+  PlaneNoise planeNoise;
 };
 
 struct Scenario {

@@ -47,6 +47,7 @@ struct TrackedPlane {
   double pMinA = 0, pMaxA = 0, pMinB = 0, pMaxB = 0;  // extent seen so far
   std::unordered_set<uint64_t> seen;
   Vec3 sum;
+  double offsetError = 0, headingError = 0;  // the estimate's bias (PlaneNoise)
 
   void include(const Vec3& p) {
     double a = (p - origin).dot(u), b = (p - origin).dot(w);
@@ -63,7 +64,11 @@ struct TrackedPlane {
 class Simulator {
  public:
   Simulator(const Room& room, uint64_t sceneSeed, const SessionOptions& options)
-      : room_(room), options_(options), path_(room, options.seed), rng_(mix(options.seed, 77)) {
+      : room_(room),
+        options_(options),
+        path_(room, options.seed),
+        rng_(mix(options.seed, 77)),
+        planeRng_(mix(options.seed, 91)) {
     rec_.header.role = options.role;
     rec_.header.sceneSeed = sceneSeed;
     rec_.header.sessionSeed = options.seed;
@@ -276,6 +281,9 @@ class Simulator {
     p.w = p.u.cross(p.n);
     // On the plane itself, not on the points' jitter.
     p.origin = centroid - p.n * (centroid - surface.center).dot(p.n);
+    std::normal_distribution<double> gauss(0, 1);
+    p.offsetError = options_.planeNoise.offsetSigma * gauss(planeRng_);
+    p.headingError = options_.planeNoise.headingSigmaDegrees * (M_PI / 180) * gauss(planeRng_);
     p.pMinA = p.pMaxA = p.pMinB = p.pMaxB = 0;
     for (const FeaturePoint* fp : hits) {
       if (p.seen.count(fp->id)) p.include(fp->position);
@@ -303,7 +311,10 @@ class Simulator {
           {p.u.x, p.u.y, p.u.z}, {p.n.x, p.n.y, p.n.z}, {p.w.x, p.w.y, p.w.z}};
       for (int c = 0; c < 3; ++c) axes.m[r][c] = col[c][r];
     }
-    a.transform = makeTransform(Mat3::rotY(origin_.theta) * axes, origin_.apply(p.origin));
+    // The estimate, not the surface: turned about the vertical and shifted along its normal.
+    const Vec3 estimatedOrigin = p.origin + p.n * p.offsetError;
+    a.transform = makeTransform(Mat3::rotY(origin_.theta + p.headingError) * axes,
+                                origin_.apply(estimatedOrigin));
     a.alignment = room_.surfaces[static_cast<size_t>(p.surfaceId)].horizontal()
                       ? PlaneAlignment::kHorizontal
                       : PlaneAlignment::kVertical;
@@ -319,6 +330,7 @@ class Simulator {
   SessionOptions options_;
   ScanPath path_;
   std::mt19937_64 rng_;
+  std::mt19937_64 planeRng_;  // its own stream, so plane noise leaves every other draw alone
   YawTransform origin_;
   uint64_t idSalt_ = 1;
   std::vector<TrackedPlane> planes_;

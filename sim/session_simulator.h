@@ -19,6 +19,14 @@ struct DetectorNoise {
   double falsePositiveRate = 0.05;  // chance per frame of one box where there is nothing
 };
 
+// How far the platform's plane estimates are off: each plane keeps one error for its lifetime (a
+// bias, which is harder on a localizer than jitter that averages out). Horizontal planes stay
+// gravity-aligned, as the platform reports them; vertical planes stay vertical.
+struct PlaneNoise {
+  double offsetSigma = 0.01;         // metres, along the normal
+  double headingSigmaDegrees = 0.5;  // rotation about the vertical
+};
+
 struct SessionOptions {
   std::string role = "mapping";
   uint64_t seed = 1;  // the path, the session's origin, noise
@@ -26,6 +34,7 @@ struct SessionOptions {
   double fps = 60;
   CameraModel camera;
   DetectorNoise noise;
+  PlaneNoise planeNoise;
   int maxPointsPerFrame = 600;
   double maxPointDistance = 6.0;  // metres: farther surface points are not tracked
 };
