@@ -36,6 +36,26 @@ std::vector<WallPair> pairWalls(const Pose4& pose, const std::vector<PlaneObserv
   return pairs;
 }
 
+// The heading of a set of walls modulo a quarter turn: the circular mean of four times each
+// wall's heading. None unless every wall lies within maxSpread of it (the room is rectangular).
+std::optional<double> manhattanHeading(const std::vector<PlaneObservation>& planes,
+                                       double maxSpread) {
+  double sinSum = 0, cosSum = 0;
+  std::vector<double> headings;
+  for (const PlaneObservation& p : planes) {
+    if (!p.vertical) continue;
+    headings.push_back(heading(p.normal));
+    sinSum += std::sin(4 * headings.back());
+    cosSum += std::cos(4 * headings.back());
+  }
+  if (headings.empty()) return std::nullopt;
+  const double mean = std::atan2(sinSum, cosSum) / 4;
+  for (double h : headings) {
+    if (std::fabs(wrapAngle(4 * (h - mean))) / 4 > maxSpread) return std::nullopt;
+  }
+  return mean;
+}
+
 }  // namespace
 
 bool PlaneRefiner::canFix(const std::vector<PlaneObservation>& planes) const {
@@ -65,6 +85,19 @@ std::optional<PlaneRefinement> PlaneRefiner::refine(
   PlaneRefinement out;
   out.transform = rough;
   out.transform.theta = std::atan2(sinSum, cosSum);
+  // Each wall's estimate is a little off. When both sessions' walls meet at right angles, every
+  // wall of each session, paired or not, helps to fix the turn: averaged errors shrink.
+  const double spread = options_.manhattanSpreadDegrees * std::numbers::pi / 180;
+  const std::optional<double> mapFrame = manhattanHeading(map, spread);
+  const std::optional<double> sessionFrame = manhattanHeading(session, spread);
+  if (spread > 0 && mapFrame && sessionFrame) {
+    const double quarter = std::numbers::pi / 2;
+    const double turn = *sessionFrame - *mapFrame;
+    // The quarter turns come from the paired walls.
+    const double k = std::round(wrapAngle(out.transform.theta - turn) / quarter);
+    out.transform.theta = wrapAngle(turn + k * quarter);
+    out.manhattan = true;
+  }
   if (std::fabs(wrapAngle(out.transform.theta - rough.theta)) >
       options_.maxHeadingDegrees * std::numbers::pi / 180) {
     return std::nullopt;

@@ -26,13 +26,17 @@ struct PlaneRefinerOptions {
   double maxOffset = 0.8;         // metres along a wall's normal
   double maxHeightOffset = 0.25;  // metres between horizontal planes
   double minCrossSine = 0.5;      // walls this far from parallel fix both horizontal directions
+  // Walls within this of a common right-angled frame are taken for a rectangular room, and all of
+  // them fix the heading together; 0 turns that off.
+  double manhattanSpreadDegrees = 3;
 };
 
 struct PlaneRefinement {
   Pose4 transform;
-  int walls = 0;          // wall pairs used
-  int horizontal = 0;     // horizontal pairs used
-  bool bothWays = false;  // walls of two directions fixed the whole horizontal translation
+  int walls = 0;           // wall pairs used
+  int horizontal = 0;      // horizontal pairs used
+  bool bothWays = false;   // walls of two directions fixed the whole horizontal translation
+  bool manhattan = false;  // the heading came from all walls of a right-angled room
 };
 
 class PlaneRefiner {

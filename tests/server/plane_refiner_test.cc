@@ -99,6 +99,50 @@ TEST(PlaneRefiner, OneWallFixesHeadingAndItsOwnDirectionOnly) {
   EXPECT_NEAR(dot(along, r->transform.tx, r->transform.tz), dot(along, rough.tx, rough.tz), 1e-6);
 }
 
+// Turns each listed plane's normal about the vertical, as a plane estimate's error does.
+void skew(std::vector<PlaneObservation>& planes,
+          const std::vector<std::pair<std::string, double>>& by) {
+  for (PlaneObservation& p : planes) {
+    for (const auto& [id, degrees] : by) {
+      if (p.planeId == id) p.normal = Pose4{0, 0, 0, degrees * kDeg}.apply(p.normal);
+    }
+  }
+}
+
+TEST(PlaneRefiner, AllWallsOfARectangularRoomShareTheHeadingError) {
+  const Pose4 truth{0.8, 0.12, -1.3, 2.1};
+  std::vector<PlaneObservation> map = mapRoom();
+  std::vector<PlaneObservation> session = seenBy(truth, map, {"W", "N", "F"});
+  skew(map, {{"W", 0.6}, {"E", -0.2}, {"N", 0.4}, {"S", -0.4}});  // mean +0.1
+  skew(session, {{"W", -0.5}, {"N", 0.7}});                       // mean +0.1
+  const Pose4 rough{truth.tx, truth.ty, truth.tz, truth.theta + 4 * kDeg};
+  struct Case {
+    const char* name;
+    double spreadDegrees;
+    std::vector<std::pair<std::string, double>> extraSkew;  // on the map
+    bool manhattan;
+    double headingErrorDegrees;  // what the refined heading should be off by
+  } cases[] = {
+      // Means of all four map walls and both session walls: the errors cancel.
+      {"right-angled room", 3, {}, true, 0.0},
+      // The paired walls alone: W is off by -1.1, N by +0.3.
+      {"turned off", 0, {}, false, -0.4},
+      // One map wall 10 degrees off square: not a rectangular room, so the pairs decide.
+      {"not right-angled", 3, {{"E", 10}}, false, -0.4},
+  };
+  for (const Case& c : cases) {
+    std::vector<PlaneObservation> m = map;
+    skew(m, c.extraSkew);
+    PlaneRefinerOptions options;
+    options.manhattanSpreadDegrees = c.spreadDegrees;
+    std::optional<PlaneRefinement> r = PlaneRefiner(options).refine(rough, m, session);
+    ASSERT_TRUE(r.has_value()) << c.name;
+    EXPECT_EQ(r->manhattan, c.manhattan) << c.name;
+    EXPECT_NEAR(wrapAngle(r->transform.theta - truth.theta) / kDeg, c.headingErrorDegrees, 0.01)
+        << c.name;
+  }
+}
+
 TEST(PlaneRefiner, LeavesTransformsItCannotPairAlone) {
   const Pose4 truth{0, 0, 0, 1.0};
   const std::vector<PlaneObservation> map = mapRoom();
