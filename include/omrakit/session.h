@@ -140,6 +140,10 @@ class OmraSession {
   void setFpsDataProcess1(float value);
   void setFpsDataProcess2(float value);
 
+  // True from the moment update() accepts a frame for recording until that frame is recorded;
+  // frames handed in meanwhile are not recorded. Thread-safe.
+  bool updateInProgress() const;
+
   // How many sessions this process has created.
   static int64_t sessionsCreated();
 

@@ -332,6 +332,10 @@ const std::string& OmraSession::userID() const { return impl_->userID; }
 const std::string& OmraSession::appID() const { return impl_->appID; }
 
 float OmraSession::fpsInput() const { return impl_->counters->fpsInput.load(); }
+bool OmraSession::updateInProgress() const {
+  return impl_->counters->updateInProgress.load(std::memory_order_acquire);
+}
+
 float OmraSession::fpsDataProcess1() const { return impl_->counters->fpsDataProcess1.load(); }
 float OmraSession::fpsDataProcess2() const { return impl_->counters->fpsDataProcess2.load(); }
 void OmraSession::setFpsInput(float value) { impl_->counters->fpsInput = value; }

@@ -200,18 +200,20 @@ TEST(OmraSession, FramesDroppedBeforeInitialisationAndWhileBusy) {
   run.start(SessionMode::mapping);
   for (int i = 1; i <= 5; ++i) run.session->update(frameAt(0.1f * i));
   ASSERT_EQ(run.waitForStatus(), MapStatus::initialized);
+  auto recorded = [&] { return run.t.pumpUntil([&] { return !run.session->updateInProgress(); }); };
   for (int i = 6; i <= 19; ++i) {
     run.session->update(frameAt(0.1f * i));
-    std::this_thread::sleep_for(milliseconds(5));  // let each frame be recorded
+    ASSERT_TRUE(recorded()) << i;
   }
   run.t.store->close();
   run.session->update(frameAt(2.0f));  // frame 20 closes the first block: its save blocks
   ASSERT_TRUE(run.t.pumpUntil([&] { return run.t.store->waiting() == 1; }));
   for (int i = 21; i <= 25; ++i) run.session->update(frameAt(0.1f * i));  // busy: dropped
+  EXPECT_TRUE(run.session->updateInProgress());
   run.t.store->open();
-  std::this_thread::sleep_for(milliseconds(50));
+  ASSERT_TRUE(recorded());
   run.session->update(frameAt(2.6f));  // frame 26 is recorded again
-  std::this_thread::sleep_for(milliseconds(50));
+  ASSERT_TRUE(recorded());
   run.session->dispose();  // flushes the open block
 
   std::vector<std::string> first = run.cameraFrames("MAP-1", 0);
