@@ -79,9 +79,17 @@ class ProtocolTest : public ::testing::Test {
     return await<Json>(
         [&](auto cb) { api_->initiateMappingSession("com.example.app", user, map, where, cb); });
   }
-  std::shared_ptr<DataManager> dataManager(SessionMode mode, const std::string& map) {
+  // A data manager whose session on map is opened, expecting `want`.
+  std::shared_ptr<DataManager> opened(SessionMode mode, const std::string& map,
+                                      MapStatus want = MapStatus::initialized) {
     DataManager::Deps deps{api_, logger_, dispatcher_.get(), nullptr};
-    return DataManager::create(deps, mode, {"com.example.app", "ana", map});
+    auto dm = DataManager::create(deps, mode, {"com.example.app", "ana", map});
+    EXPECT_EQ(await<MapStatus>([&](auto cb) {
+                mode == SessionMode::mapping ? dm->setMappingMode(cb) : dm->setLocalizationMode(cb);
+              }),
+              want)
+        << map;
+    return dm;
   }
 
   std::shared_ptr<MemoryRecordStore> store_ = std::make_shared<MemoryRecordStore>();
@@ -121,16 +129,9 @@ TEST_F(ProtocolTest, OpensMapsAndLocalizationSessionsOnBothStages) {
   EXPECT_TRUE(foreign.contains("errorMessage"));
 
   // The data manager reads the answers into its statuses.
-  auto mapping = dataManager(SessionMode::mapping, "hall");
-  EXPECT_EQ(await<MapStatus>([&](auto cb) { mapping->setMappingMode(cb); }),
-            MapStatus::initialized);
-  auto found = dataManager(SessionMode::localization, "hall");
-  EXPECT_EQ(await<MapStatus>([&](auto cb) { found->setLocalizationMode(cb); }),
-            MapStatus::initialized);
-  EXPECT_EQ(found->mapUUID(), mapping->mapUUID());
-  auto lost = dataManager(SessionMode::localization, "cellar");
-  EXPECT_EQ(await<MapStatus>([&](auto cb) { lost->setLocalizationMode(cb); }),
-            MapStatus::mapNotFound);
+  auto mapping = opened(SessionMode::mapping, "hall");
+  EXPECT_EQ(opened(SessionMode::localization, "hall")->mapUUID(), mapping->mapUUID());
+  opened(SessionMode::localization, "cellar", MapStatus::mapNotFound);
 }
 
 TEST_F(ProtocolTest, PlacesAndFindsAssetsInFirstPlacedOrder) {
@@ -158,12 +159,6 @@ TEST_F(ProtocolTest, PlacesAndFindsAssetsInFirstPlacedOrder) {
   const Json none = await<Json>(
       [&](auto cb) { api_->findAssetsOnTheMap("00000000-0000-4000-8000-000000000000", cb); });
   EXPECT_EQ(none, Json::parse(R"({"placements": []})"));
-  // The data manager keeps the map's assets when a localization session opens.
-  createMap("den");
-  auto dm = dataManager(SessionMode::localization, "den");
-  // The newest "den" has no assets; the test only needs the preload to have run.
-  ASSERT_EQ(await<MapStatus>([&](auto cb) { dm->setLocalizationMode(cb); }),
-            MapStatus::initialized);
 }
 
 TEST_F(ProtocolTest, ListsNearbyMapsInsideTheBoxNewestFirst) {
@@ -199,10 +194,9 @@ TEST_F(ProtocolTest, ListsNearbyMapsInsideTheBoxNewestFirst) {
 }
 
 TEST_F(ProtocolTest, BestTransformIgnoresSuppressedResults) {
-  auto dm = dataManager(SessionMode::localization, "office");
   createMap("office");
-  ASSERT_EQ(await<MapStatus>([&](auto cb) { dm->setLocalizationMode(cb); }),
-            MapStatus::initialized);
+  auto dm = opened(SessionMode::localization, "office");
+  ASSERT_TRUE(dm->localizationSessionUUID());
   const std::string session = *dm->localizationSessionUUID();
 
   std::mutex mu;
@@ -258,12 +252,9 @@ TEST_F(ProtocolTest, BestTransformIgnoresSuppressedResults) {
 
 // Records written with the kit's own models, localizers triggered through the data manager.
 TEST_F(ProtocolTest, TriggersRunTheLocalizersAndWriteResults) {
-  auto mapping = dataManager(SessionMode::mapping, "studio");
-  ASSERT_EQ(await<MapStatus>([&](auto cb) { mapping->setMappingMode(cb); }),
-            MapStatus::initialized);
-  auto loc = dataManager(SessionMode::localization, "studio");
-  ASSERT_EQ(await<MapStatus>([&](auto cb) { loc->setLocalizationMode(cb); }),
-            MapStatus::initialized);
+  auto mapping = opened(SessionMode::mapping, "studio");
+  auto loc = opened(SessionMode::localization, "studio");
+  ASSERT_TRUE(mapping->mapUUID() && loc->localizationSessionUUID());
   const std::string mapId = *mapping->mapUUID(), sessionId = *loc->localizationSessionUUID();
   const Pose4 truth{0.8, 0, -1.2, 0.7};
 
@@ -274,9 +265,8 @@ TEST_F(ProtocolTest, TriggersRunTheLocalizersAndWriteResults) {
        {std::pair{mapId, room}, std::pair{sessionId, testing::seenFrom(room, truth, 0.005, 6)}}) {
     for (int k = 0; k < 3; ++k) {
       for (const Landmark& l : landmarks) {
-        SceneUnderstandingModel m(
-            id, ++frame, static_cast<float>(l.position[0]), static_cast<float>(l.position[1]),
-            static_cast<float>(l.position[2]), l.label, 0.9f, l.objectId, id == sessionId);
+        SceneUnderstandingModel m(id, ++frame, l.position[0], l.position[1], l.position[2], l.label,
+                                  0.9f, l.objectId, id == sessionId);
         ASSERT_FALSE(store_->put(SceneUnderstandingModel::kTableName, m.toItem()));
       }
     }
@@ -289,13 +279,10 @@ TEST_F(ProtocolTest, TriggersRunTheLocalizersAndWriteResults) {
     std::map<int64_t, std::map<std::string, std::string>> blocks;
     for (size_t i = 0; i < frames.size(); ++i) {
       const int64_t f = static_cast<int64_t>(i) * 10;
+      const auto& p = frames[i].cameraPose;
       Matrix4x4 m;
-      for (int c = 0; c < 4; ++c) {
-        const auto& p = frames[i].cameraPose;
-        m.columns[static_cast<size_t>(c)] = {static_cast<float>(p[static_cast<size_t>(c)]),
-                                             static_cast<float>(p[static_cast<size_t>(4 + c)]),
-                                             static_cast<float>(p[static_cast<size_t>(8 + c)]),
-                                             static_cast<float>(p[static_cast<size_t>(12 + c)])};
+      for (size_t c = 0; c < 4; ++c) {
+        m.columns[c] = {float(p[c]), float(p[4 + c]), float(p[8 + c]), float(p[12 + c])};
       }
       blocks[f / 20 * 20][std::to_string(f)] = CameraPathModelQueue::poseText(m);
       std::vector<double> v(frames[i].features.begin(), frames[i].features.end());

@@ -69,10 +69,9 @@ TEST(SimulateSession, KnownTransformBetweenSessions) {
   YawTransform locFromRoom = s.localization->truth->sessionFromRoom;
   YawTransform locFromMap = s.localizationFromMapping();
   for (const SimObject& o : s.room->objects) {
-    Vec3 inMap = mapFromRoom.apply(o.center), inLoc = locFromRoom.apply(o.center);
-    Vec3 carried = locFromMap.apply(inMap);
-    EXPECT_NEAR((carried - inLoc).norm(), 0, 1e-9);
-    EXPECT_NEAR((locFromMap.inverse().apply(inLoc) - inMap).norm(), 0, 1e-9);
+    EXPECT_NEAR(
+        (locFromMap.apply(mapFromRoom.apply(o.center)) - locFromRoom.apply(o.center)).norm(), 0,
+        1e-9);
   }
   // The first frame of each session, back in the room frame, is where the scan path put it.
   ScanPath mapPath(*s.room, mappingSessionOptions(testing::shortScenarioOptions(7)).seed);
@@ -118,10 +117,7 @@ TEST(SimulateSession, VisibleFeaturePointsAreInViewAndUnoccluded) {
       Vec3 p = Vec3::from(s.mapping->points.at(id));
       auto img = cam.project(toCamera * (p - positionOf(*f)));
       ASSERT_TRUE(img.has_value());
-      EXPECT_GE(img->first, 0);
-      EXPECT_LE(img->first, 1);
-      EXPECT_GE(img->second, 0);
-      EXPECT_LE(img->second, 1);
+      EXPECT_TRUE(img->first >= 0 && img->first <= 1 && img->second >= 0 && img->second <= 1);
       // Nothing between the camera and the point but, at most, the point's own object.
       Vec3 pRoom = roomFromMap.apply(p);
       RayHit hit = s.room->castRay(camRoom, (pRoom - camRoom).normalized());
@@ -155,10 +151,8 @@ TEST(SimulateSession, DetectionsFrameTheirObjects) {
       auto [x, y] = cam.imageToModel(img->first, img->second);
       double slackX = 0.1 * (d.xMax - d.xMin) + 0.01, slackY = 0.1 * (d.yMax - d.yMin) + 0.01;
       if (x > 0 && x < 1 && y > 0 && y < 1) {
-        EXPECT_GT(x, d.xMin - slackX);
-        EXPECT_LT(x, d.xMax + slackX);
-        EXPECT_GT(y, d.yMin - slackY);
-        EXPECT_LT(y, d.yMax + slackY);
+        EXPECT_TRUE(x > d.xMin - slackX && x < d.xMax + slackX) << x;
+        EXPECT_TRUE(y > d.yMin - slackY && y < d.yMax + slackY) << y;
       }
       seenObjects.insert(d.objectId);
       ++boxes;
@@ -179,6 +173,7 @@ TEST(SimulateSession, HitTestReturnsSurfacePointsNearestFirst) {
   ArFrame frame = player.arFrame(*f, false);
   ASSERT_TRUE(frame.hitTest);
   Mat3 toCamera = rotationOf(f->worldFromCamera).transposed();
+  const Vec3 camRoom = roomFromMap.apply(positionOf(*f));
   int tested = 0;
   for (size_t k = 0; k < f->pointIds.size(); k += 7) {
     Vec3 p = Vec3::from(s.mapping->points.at(f->pointIds[k]));
@@ -192,7 +187,6 @@ TEST(SimulateSession, HitTestReturnsSurfacePointsNearestFirst) {
     for (size_t i = 1; i < hits.size(); ++i) EXPECT_LE(hits[i - 1].distance, hits[i].distance);
     for (const HitTestResult& h : hits) {
       Vec3 q = roomFromMap.apply(Vec3::from(h.worldTransform.translation()));
-      Vec3 camRoom = roomFromMap.apply(positionOf(*f));
       // A surface lies right at the hit: a ray from the camera towards it ends there.
       RayHit surface = s.room->castRay(camRoom, (q - camRoom).normalized());
       EXPECT_NEAR(surface.distance, (q - camRoom).norm(), 0.003);
@@ -255,22 +249,21 @@ TEST(ViewDescriptor, DependsOnTheViewNotTheSession) {
   ActivationData da = viewDescriptor(room, cam, a);
   ASSERT_EQ(da.shape,
             (std::vector<int64_t>{1, kDescriptorRaysX * kDescriptorRaysY, kDescriptorFeatures}));
-  ASSERT_EQ(da.values.size(),
-            static_cast<size_t>(kDescriptorRaysX * kDescriptorRaysY * kDescriptorFeatures));
+  ASSERT_EQ(da.values.size(), size_t(da.shape[1] * da.shape[2]));
   CameraPose near = a;
   near.position = near.position + Vec3{0.03, 0, 0.02};
   CameraPose turned = a;
   turned.yaw += 0.5;
   turned.rotation = rotationFromEuler(turned.pitch, turned.yaw, turned.roll);
   CameraPose far = path.pose(9.0);
-  double same = cosineSimilarity(da.values, viewDescriptor(room, cam, a).values);
-  double nearSim = cosineSimilarity(da.values, viewDescriptor(room, cam, near).values);
-  double turnedSim = cosineSimilarity(da.values, viewDescriptor(room, cam, turned).values);
-  double farSim = cosineSimilarity(da.values, viewDescriptor(room, cam, far).values);
-  EXPECT_DOUBLE_EQ(same, 1.0);
+  auto similarity = [&](const CameraPose& p) {
+    return cosineSimilarity(da.values, viewDescriptor(room, cam, p).values);
+  };
+  EXPECT_DOUBLE_EQ(similarity(a), 1.0);
+  const double nearSim = similarity(near);
   EXPECT_GT(nearSim, 0.9);
-  EXPECT_LT(turnedSim, nearSim - 0.2);
-  EXPECT_LT(farSim, nearSim - 0.2);
+  EXPECT_LT(similarity(turned), nearSim - 0.2);
+  EXPECT_LT(similarity(far), nearSim - 0.2);
 }
 
 }  // namespace
