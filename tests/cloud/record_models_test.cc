@@ -24,32 +24,27 @@
 namespace omra {
 namespace {
 
-using Type = AttributeValue::Type;
-using Types = std::map<std::string, Type>;
-
-Types typesOf(const Item& item) {
-  Types t;
-  for (const auto& [name, value] : item) t[name] = value.type;
-  return t;
+// "Name:T" per attribute in name order; T is S (string), N (number), B (bytes) or M (string map).
+std::string typesOf(const Item& item) {
+  std::map<std::string, AttributeValue::Type> sorted;
+  for (const auto& [name, value] : item) sorted[name] = value.type;
+  std::string text;
+  for (const auto& [name, type] : sorted) text += " " + name + ":" + "SNBM"[static_cast<int>(type)];
+  return text.substr(1);
 }
 
 TEST(RecordModelsTest, TablesAndKeys) {
-  const auto schemas = recordTableSchemas();
-  const std::vector<std::tuple<std::string, std::string, std::string>> want = {
-      {"MapData-ImageFeatures", "SessionId", "FrameId"},
-      {"MapData-SceneUnderstanding", "SessionId", "FrameId"},
-      {"MapData-DetectedPlanes", "SessionId", "FrameId"},
-      {"MapData-CameraPath", "SessionId", "FrameId"},
-      {"MapData-PointCloud", "SessionId", "FrameId"},
-      {"Transformations", "SessionId", "Timestamp"}};
-  ASSERT_EQ(schemas.size(), want.size());
-  for (size_t i = 0; i < want.size(); ++i) {
-    EXPECT_EQ(schemas[i].name, std::get<0>(want[i]));
-    EXPECT_EQ(schemas[i].hashKey, std::get<1>(want[i]));
-    EXPECT_EQ(schemas[i].hashType, KeyType::kString);
-    EXPECT_EQ(schemas[i].rangeKey, std::get<2>(want[i]));
-    EXPECT_EQ(schemas[i].rangeType, KeyType::kNumber);
+  std::string text;
+  for (const auto& s : recordTableSchemas()) {
+    EXPECT_EQ(s.hashType, KeyType::kString) << s.name;
+    EXPECT_EQ(s.rangeType, KeyType::kNumber) << s.name;
+    text += s.name + "(" + s.hashKey + "," + s.rangeKey.value_or("none") + ") ";
   }
+  EXPECT_EQ(
+      text,
+      "MapData-ImageFeatures(SessionId,FrameId) MapData-SceneUnderstanding(SessionId,FrameId) "
+      "MapData-DetectedPlanes(SessionId,FrameId) MapData-CameraPath(SessionId,FrameId) "
+      "MapData-PointCloud(SessionId,FrameId) Transformations(SessionId,Timestamp) ");
 }
 
 TEST(RecordModelsTest, ImageFeaturesAreCompressedPercentFText) {
@@ -92,16 +87,9 @@ TEST(RecordModelsTest, ItemsCarryExactlyTheNamedTypedAttributes) {
   const double before = wallClockSeconds();
   const SceneUnderstandingModel object("S", 12, 0.1f, -2.5f, 3.0f, "chair", 0.875f, 7, true);
   const Item o = object.toItem();
-  EXPECT_EQ(typesOf(o), (Types{{"SessionId", Type::kString},
-                               {"FrameId", Type::kNumber},
-                               {"PositionX", Type::kNumber},
-                               {"PositionY", Type::kNumber},
-                               {"PositionZ", Type::kNumber},
-                               {"ObjectName", Type::kString},
-                               {"Confidence", Type::kNumber},
-                               {"ObjectId", Type::kNumber},
-                               {"Timestamp", Type::kNumber},
-                               {"IsLocalizationSession", Type::kNumber}}));
+  EXPECT_EQ(typesOf(o),
+            "Confidence:N FrameId:N IsLocalizationSession:N ObjectId:N ObjectName:S PositionX:N "
+            "PositionY:N PositionZ:N SessionId:S Timestamp:N");
   EXPECT_EQ(o.at("FrameId").text, "12");
   EXPECT_EQ(o.at("PositionX").text, "0.1");  // the float's shortest text, not 0.100000001
   EXPECT_EQ(o.at("PositionY").text, "-2.5");
@@ -122,21 +110,14 @@ TEST(RecordModelsTest, ItemsCarryExactlyTheNamedTypedAttributes) {
   EXPECT_EQ(p.at("IsRemoved").text, "0");
 
   const Item removal = DetectedPlaneModel("S", 5, "P-1", true, true).toItem();
-  EXPECT_EQ(typesOf(removal), (Types{{"SessionId", Type::kString},
-                                     {"FrameId", Type::kNumber},
-                                     {"PlaneId", Type::kString},
-                                     {"Timestamp", Type::kNumber},
-                                     {"IsLocalizationSession", Type::kNumber},
-                                     {"IsRemoved", Type::kNumber}}));
+  EXPECT_EQ(typesOf(removal),
+            "FrameId:N IsLocalizationSession:N IsRemoved:N PlaneId:S SessionId:S Timestamp:N");
   EXPECT_EQ(removal.at("IsRemoved").text, "1");
 
   const Item path = CameraPathModel("S", 40, {{"40", "1.0,"}}).toItem();
   EXPECT_EQ(path.at("Transforms"), AttributeValue::stringMap({{"40", "1.0,"}}));
   const Item cloud = PointCloudModel("S", 180, {}, {}).toItem();
-  EXPECT_EQ(typesOf(cloud), (Types{{"SessionId", Type::kString},
-                                   {"FrameId", Type::kNumber},
-                                   {"FramesToFeatureId_C", Type::kBytes},
-                                   {"Features_C", Type::kBytes}}));
+  EXPECT_EQ(typesOf(cloud), "Features_C:B FrameId:N FramesToFeatureId_C:B SessionId:S");
   EXPECT_TRUE(TransformResultModel().toItem().empty());
 }
 

@@ -35,22 +35,17 @@ class QueueTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_FALSE(ensureRecordTables(*store_).has_value()); }
 
-  std::vector<CameraPathModel> cameraRecords(const std::string& session = "S") {
-    std::vector<CameraPathModel> out;
-    for (const Item& i :
-         queryAll(*store_, CameraPathModel::kTableName, AttributeValue::string(session))) {
-      out.push_back(*CameraPathModel::fromItem(i));
+  // The records of one table for session "S", read back.
+  template <typename Model>
+  std::vector<Model> records() {
+    std::vector<Model> out;
+    for (const Item& i : queryAll(*store_, Model::kTableName, AttributeValue::string("S"))) {
+      out.push_back(*Model::fromItem(i));
     }
     return out;
   }
-  std::vector<PointCloudModel> cloudRecords() {
-    std::vector<PointCloudModel> out;
-    for (const Item& i :
-         queryAll(*store_, PointCloudModel::kTableName, AttributeValue::string("S"))) {
-      out.push_back(*PointCloudModel::fromItem(i));
-    }
-    return out;
-  }
+  std::vector<CameraPathModel> cameraRecords() { return records<CameraPathModel>(); }
+  std::vector<PointCloudModel> cloudRecords() { return records<PointCloudModel>(); }
 
   std::optional<std::string> session_ = "S";
   std::shared_ptr<MemoryRecordStore> store_ = std::make_shared<MemoryRecordStore>();

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "omrakit/settings.h"
+#include "src/foundation/number_format.h"
 #include "src/mapping/persistence.h"
 #include "tests/mapping/mapping_testutil.h"
 
@@ -39,42 +40,46 @@ struct Relocalization {
   std::shared_ptr<Persistence> persistence;
 };
 
-TEST(Relocalization, ImageMatcherAcceptsOnlyStrictImprovements) {
-  Relocalization r;
-  for (float v : {0.2f, 0.2f, 0.3f, 0.1f}) {
-    r.persistence->transformRetrieved("full_image_matcher", "0,0,0,0", v);
+// Image-matcher results count when strictly better; scene-understanding ones from 0.55 on, when
+// better than any of their family. Once one of those is accepted, the image matcher no longer moves
+// assets. Each family's first accepted result posts its time (with and without the key), and each
+// accepted image-matcher result seeds the scene-understanding localizer.
+TEST(Relocalization, WhichAnswersMoveTheAssets) {
+  const char *IM = "full_image_matcher", *SU = "su_localizer", *SEEDED = "su_localizer_seeded";
+  auto text = [](std::optional<float> v) { return v ? formatFloatShortest(*v) : "-"; };
+  const struct {
+    std::vector<std::pair<const char*, float>> answers;
+    std::string outcome;  // moves, seeded requests, time metrics IM/SU, best values IM/SU
+    const char* log;      // a line printed on the way
+  } cases[] = {
+      {{{IM, 0.2f}, {IM, 0.2f}, {IM, 0.3f}, {IM, 0.1f}},
+       "moves 2 seeded 2 metrics 2/0 best 0.3/-",
+       "Received image matcher result full_image_matcher: 0.2"},
+      {{{SU, 0.5f}, {SU, 0.6f}, {SU, 0.58f}, {SU, 0.7f}, {SU, 0.55f}},
+       "moves 2 seeded 0 metrics 0/2 best -/0.7",
+       "Received SU result su_localizer: 0.7"},
+      {{{SU, 0.7f}, {SEEDED, 0.65f}, {SEEDED, 0.8f}},
+       "moves 2 seeded 0 metrics 0/2 best -/0.8",
+       "Received SU result su_localizer_seeded: 0.8"},
+      {{{SU, 0.6f}, {IM, 0.9f}},
+       "moves 1 seeded 1 metrics 2/2 best 0.9/0.6",
+       "Received image matcher result full_image_matcher: 0.9"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.log);
+    Relocalization r;
+    for (const auto& [localizer, value] : c.answers) {
+      r.persistence->transformRetrieved(localizer, "0,0,0,0", value);
+    }
+    EXPECT_EQ("moves " + std::to_string(r.h.assetsFound().size()) + " seeded " +
+                  std::to_string(r.seededRequests()) + " metrics " +
+                  std::to_string(r.metric("OmraKit.RelocalizationTime.FullImageMatcher")) + "/" +
+                  std::to_string(r.metric("OmraKit.RelocalizationTime.SU")) + " best " +
+                  text(r.persistence->bestImageMatcherMatchValue()) + "/" +
+                  text(r.persistence->bestSULocalizerMatchValue()),
+              c.outcome);
+    EXPECT_TRUE(r.h.logger->contains(c.log));
   }
-  EXPECT_EQ(r.h.assetsFound().size(), 2u);
-  EXPECT_EQ(r.persistence->bestImageMatcherMatchValue(), 0.3f);
-  // The time to the first accepted result, with and without the developer key.
-  EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.FullImageMatcher"), 2u);
-  EXPECT_EQ(r.seededRequests(), 2u);  // each accepted result seeds the SU localizer
-  EXPECT_TRUE(r.h.logger->contains("Received image matcher result full_image_matcher: 0.2"));
-}
-
-TEST(Relocalization, SceneUnderstandingNeedsAtLeast055AndImprovements) {
-  Relocalization r;
-  for (float v : {0.5f, 0.6f, 0.58f, 0.7f, 0.55f}) {
-    r.persistence->transformRetrieved("su_localizer", "0,0,0,0", v);
-  }
-  EXPECT_EQ(r.h.assetsFound().size(), 2u);
-  EXPECT_EQ(r.persistence->bestSULocalizerMatchValue(), 0.7f);
-  EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.SU"), 2u);
-  // The seeded localizer shares the family's best value.
-  r.persistence->transformRetrieved("su_localizer_seeded", "0,0,0,0", 0.65f);
-  EXPECT_EQ(r.h.assetsFound().size(), 2u);
-  r.persistence->transformRetrieved("su_localizer_seeded", "0,0,0,0", 0.8f);
-  EXPECT_EQ(r.h.assetsFound().size(), 3u);
-  EXPECT_EQ(r.seededRequests(), 0u);
-}
-
-TEST(Relocalization, SceneUnderstandingTakesPrecedenceOverImageMatcher) {
-  Relocalization r;
-  r.persistence->transformRetrieved("su_localizer", "0,0,0,0", 0.6f);
-  r.persistence->transformRetrieved("full_image_matcher", "5,0,0,0", 0.9f);
-  EXPECT_EQ(r.h.assetsFound().size(), 1u);  // the image matcher no longer moves assets
-  EXPECT_EQ(r.persistence->bestImageMatcherMatchValue(), 0.9f);
-  EXPECT_EQ(r.seededRequests(), 1u);
 }
 
 TEST(Relocalization, AssetsAreMovedIntoTheSessionFrame) {

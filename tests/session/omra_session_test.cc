@@ -103,37 +103,30 @@ TEST(OmraSession, StatusForEveryCreateAnswer) {
     const char* body;  // nullptr: nothing listens (connection refused)
     MapStatus status;
   };
+  const SessionMode M = SessionMode::mapping, L = SessionMode::localization;
   const Case cases[] = {
-      {SessionMode::mapping, 200, R"({"uuid":"MAP-7"})", MapStatus::initialized},
-      {SessionMode::localization, 200, R"({"session_uuid":"LOC-7","map_uuid":"MAP-7"})",
-       MapStatus::initialized},
-      {SessionMode::localization, 200, R"({"errorMessage":"Cannot find the map map-1"})",
-       MapStatus::mapNotFound},
-      {SessionMode::localization, 400, R"({"errorMessage":"map_id is missing"})",
-       MapStatus::serverError},
-      {SessionMode::mapping, 200, R"({"errorMessage":"Invalid developer key"})",
-       MapStatus::serverError},
-      {SessionMode::mapping, 200, "{}", MapStatus::networkError},
-      {SessionMode::localization, 200, "{}", MapStatus::networkError},
-      {SessionMode::mapping, 502, "<html>Bad gateway</html>", MapStatus::networkError},
-      {SessionMode::mapping, 0, nullptr, MapStatus::networkError},
-      {SessionMode::localization, 0, nullptr, MapStatus::networkError},
+      {M, 200, R"({"uuid":"MAP-7"})", MapStatus::initialized},
+      {L, 200, R"({"session_uuid":"LOC-7","map_uuid":"MAP-7"})", MapStatus::initialized},
+      {L, 200, R"({"errorMessage":"Cannot find the map map-1"})", MapStatus::mapNotFound},
+      {L, 400, R"({"errorMessage":"map_id is missing"})", MapStatus::serverError},
+      {M, 200, R"({"errorMessage":"Invalid developer key"})", MapStatus::serverError},
+      {L, 200, "{}", MapStatus::networkError},
+      {M, 502, "<html>Bad gateway</html>", MapStatus::networkError},
+      {M, 0, nullptr, MapStatus::networkError},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.body ? c.body : "connection refused");
+    const bool localization = c.mode == L;
+    const std::string path =
+        localization ? "/maps/create_localization_session" : "/maps/create_map";
     SessionRun run;
     SessionOptions options;
     if (c.body) {
-      const std::string path =
-          c.mode == SessionMode::mapping ? "/maps/create_map" : "/maps/create_localization_session";
-      const int httpStatus = c.httpStatus;
-      const std::string body = c.body;
-      run.backend.on(path, [httpStatus, body](const ScriptedBackend::Request&) {
-        return ScriptedBackend::Reply{httpStatus, body};
+      run.backend.on(path, [c](const ScriptedBackend::Request&) {
+        return ScriptedBackend::Reply{c.httpStatus, c.body};
       });
     } else {
-      // A port on which nothing listens any more.
-      options.endpoints = ScriptedBackend().hosts();
+      options.endpoints = ScriptedBackend().hosts();  // a port on which nothing listens any more
     }
     run.start(c.mode, options);
     EXPECT_FALSE(run.session->currentSessionUUID());
@@ -142,56 +135,46 @@ TEST(OmraSession, StatusForEveryCreateAnswer) {
     EXPECT_EQ(run.statuses.size(), 1u);
     const bool opened = c.status == MapStatus::initialized;
     EXPECT_EQ(run.session->currentSessionUUID().has_value(), opened);
-    if (opened && c.mode == SessionMode::mapping) {
+    if (opened) {
+      EXPECT_EQ(run.session->currentSessionUUID(), localization ? "LOC-7" : "MAP-7");
       EXPECT_EQ(run.session->mappingUUID(), "MAP-7");
-      EXPECT_FALSE(run.session->localizationUUID());
+      EXPECT_EQ(run.session->localizationUUID().has_value(), localization);
     }
-    if (opened && c.mode == SessionMode::localization) {
-      EXPECT_EQ(run.session->currentSessionUUID(), "LOC-7");
-      EXPECT_EQ(run.session->mappingUUID(), "MAP-7");
-    }
-    EXPECT_EQ(run.session->isLocalizationMode(), c.mode == SessionMode::localization);
-    if (c.body) {  // no location source: no coordinates
-      const auto creates = run.backend.requests(c.mode == SessionMode::mapping
-                                                    ? "/maps/create_map"
-                                                    : "/maps/create_localization_session");
-      ASSERT_EQ(creates.size(), 1u);
-      EXPECT_FALSE(creates[0].body.contains("long"));
-    }
+    EXPECT_EQ(run.session->isLocalizationMode(), localization);
     EXPECT_EQ(run.session->omraSessionMode(), rawValue(c.mode));
+    // No location source: no coordinates.
+    if (c.body) {
+      EXPECT_FALSE(run.backend.requests(path).at(0).body.contains("long"));
+    }
   }
 }
 
 TEST(OmraSession, CreateRequestCarriesTheHostAndLogsTheStart) {
   SessionRun run;
-  Location here;
-  here.longitude = 2.35;
-  here.latitude = 48.85;
-  here.altitude = 35;
-  here.horizontalAccuracy = 5;
-  here.verticalAccuracy = 3;
-  run.t.env.location = std::make_shared<FixedLocationSource>(here);
+  run.t.env.location = std::make_shared<FixedLocationSource>(Location{2.35, 48.85, 35, 5, 3});
   run.start(SessionMode::mapping);
   run.waitForStatus();
   auto creates = run.backend.requests("/maps/create_map");
   ASSERT_EQ(creates.size(), 1u);
-  EXPECT_EQ(creates[0].body["long"], 2.35);
-  EXPECT_EQ(creates[0].body["lat"], 48.85);
-  EXPECT_EQ(creates[0].body["verAccuracy"], 3.0);
-  EXPECT_EQ(creates[0].body["app_id"], "com.example.host");
-  EXPECT_EQ(creates[0].body["user_id"], "user-1");
-  EXPECT_EQ(creates[0].body["map_id"], "map-1");
-  // The lower-case MD5 of "developer-key".
-  EXPECT_EQ(creates[0].body["developer_key"], "f8617391e01fcf7da61ff5871e8b4fbf");
+  // The developer key goes out as the lower-case MD5 of "developer-key".
+  const Json expected = {{"app_id", "com.example.host"},
+                         {"user_id", "user-1"},
+                         {"map_id", "map-1"},
+                         {"developer_key", "f8617391e01fcf7da61ff5871e8b4fbf"},
+                         {"long", 2.35},
+                         {"lat", 48.85},
+                         {"verAccuracy", 3.0}};
+  for (const auto& item : expected.items()) {
+    EXPECT_EQ(creates[0].body[item.key()], item.value()) << item.key();
+  }
   EXPECT_EQ(run.session->appID(), "com.example.host");
   EXPECT_TRUE(run.t.logger->contains("initializing OmraSession"));
   EXPECT_TRUE(run.t.logger->contains(
       "OmraSession created for com.example.host user-1map-1 - mode: mapping"));
-  bool registered = false;
-  for (const MetricDatum& d : run.t.metrics->data()) {
-    registered = registered || d.metricName == "OmraKit.RegisterObjectDetectionCallback";
-  }
-  EXPECT_TRUE(registered);
+  const auto data = run.t.metrics->data();
+  EXPECT_TRUE(std::any_of(data.begin(), data.end(), [](const MetricDatum& d) {
+    return d.metricName == "OmraKit.RegisterObjectDetectionCallback";
+  }));
 }
 
 TEST(OmraSession, FramesDroppedBeforeInitialisationAndWhileBusy) {
@@ -293,12 +276,8 @@ TEST(OmraSession, RelocalizationPollingAssetsAndFpsUntilDispose) {
   for (int i = 0; i < 10; ++i) run.session->update(frameAt(0.01f * i));
   ASSERT_EQ(run.waitForStatus(), MapStatus::initialized);
   ASSERT_TRUE(run.t.pumpUntil([&] { return !run.assetsFound.empty(); }));
-  ASSERT_EQ(run.assetsFound[0].size(), 1u);
-  const MapAsset& lamp = run.assetsFound[0][0];
-  EXPECT_EQ(lamp.assetID, "lamp");
-  EXPECT_EQ(lamp.position, Vector3(2, 1, 3));
-  EXPECT_FLOAT_EQ(lamp.orientation, 0.5f);
-  EXPECT_EQ(lamp.confidence, 0.5f);
+  EXPECT_EQ(run.assetsFound[0], std::vector<MapAsset>{MapAsset("lamp", {2, 1, 3}, 0.5f)});
+  EXPECT_EQ(run.assetsFound[0].at(0).confidence, 0.5f);
   // The three localizers are polled side by side; the first answer may land before the others ask.
   auto queries = [&] {
     std::set<std::string> seen;
