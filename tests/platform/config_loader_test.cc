@@ -116,10 +116,8 @@ TEST(ConfigLoaderTest, BadValuesGiveAClearError) {
 }
 
 TEST(ConfigLoaderTest, FileThenEnvironment) {
-  const auto dir =
-      std::filesystem::temp_directory_path() / ("omra-config-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir);
-  const auto file = (dir / "omra.json").string();
+  const std::string file =
+      ::testing::TempDir() + "omra-config-" + std::to_string(::getpid()) + ".json";
   std::ofstream(file) << R"({
     "mapsHost": "https://file.example.com",
     "metricsSink": "stdout",
@@ -147,7 +145,7 @@ TEST(ConfigLoaderTest, FileThenEnvironment) {
   EXPECT_EQ(c->metricsSink, "stdout");
   EXPECT_FALSE(loadConfig(envOf({{"OMRA_CONFIG", file + ".missing"}}), &error, "").has_value());
   EXPECT_NE(error.find("does not exist"), std::string::npos);
-  std::filesystem::remove_all(dir);
+  std::filesystem::remove(file);
 }
 
 TEST(ConfigLoaderTest, BadFiles) {
