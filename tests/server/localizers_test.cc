@@ -58,10 +58,9 @@ TEST(BuildLandmarks, TakesMedianPositionAndMostFrequentLabel) {
   ASSERT_EQ(lm.size(), 2u);
   EXPECT_EQ(lm[0].objectId, 3);
   EXPECT_EQ(lm[0].label, "bowl");
-  EXPECT_DOUBLE_EQ(lm[0].position[2], 5.5);  // even count: mean of the middle two
+  EXPECT_EQ(lm[0].position, (Vec3{0, 0, 5.5}));  // even count: mean of the middle two
   EXPECT_EQ(lm[1].label, "cup");
-  EXPECT_DOUBLE_EQ(lm[1].position[0], 2);  // the outlier at x = 100 does not move the median
-  EXPECT_DOUBLE_EQ(lm[1].position[1], 1);
+  EXPECT_EQ(lm[1].position, (Vec3{2, 1, 0}));  // the outlier at x = 100 does not move the median
 }
 
 // Recovery across the kinds of scenes the localizer meets. Tolerances: exact data 1 mm and 0.05
