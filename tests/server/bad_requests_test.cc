@@ -18,6 +18,9 @@ namespace {
 const std::string kCreate =
     R"({"app_id":"app","user_id":"u","map_id":"m","developer_key":"k","pod_version":"v0.3.6"})";
 
+// A nearby-maps request short of its last two keys.
+const std::string kNearby = R"({"app_id":"app","longitude":10,"latitude":1,"longitude_delta":1,)";
+
 // kCreate with more keys added.
 std::string createWith(const std::string& extra) {
   return kCreate.substr(0, kCreate.size() - 1) + extra + "}";
@@ -97,7 +100,6 @@ TEST_F(BadRequestTest, BadBodiesParametersAndRoutesAnswer4xxSayingWhatIsWrong) {
     const char* says;
   };
   const std::string m = "/prod/maps/", loc = R"(,"long":1,"lat":2,"alt":3,"horAccuracy":4)";
-  const std::string nearby = R"({"app_id":"a","longitude":10,"latitude":1,"longitude_delta":1,)";
   const std::string best = m + "get_best_transform?";
   const Case cases[] = {
       {m + "create_map", "not json", 400, "not JSON"},
@@ -116,7 +118,7 @@ TEST_F(BadRequestTest, BadBodiesParametersAndRoutesAnswer4xxSayingWhatIsWrong) {
       {m + "list_nearby_maps",
        R"({"app_id":"a","longitude":"10","latitude":1,"longitude_delta":1,"latitude_delta":1,"developer_key":"k"})",
        400, "\"longitude\" must be a number"},
-      {m + "list_nearby_maps", nearby + R"("latitude_delta":-1,"developer_key":"k"})", 400,
+      {m + "list_nearby_maps", kNearby + R"("latitude_delta":-1,"developer_key":"k"})", 400,
        "must not be negative"},
       {m + "place_asset_on_map", R"({"map_uuid":"M","placements":{},"timestamp":1})", 400,
        "\"placements\" must be an array"},
@@ -188,9 +190,7 @@ TEST_F(BadRequestTest, DeveloperKeyAllowList) {
   EXPECT_EQ(post("/prod/maps/create_map", other),
             std::make_pair(403, std::string("Invalid developer key")));
   EXPECT_EQ(
-      post(
-          "/prod/maps/list_nearby_maps",
-          R"({"app_id":"app","longitude":0,"latitude":0,"longitude_delta":1,"latitude_delta":1,"developer_key":"x"})")
+      post("/prod/maps/list_nearby_maps", kNearby + R"("latitude_delta":1,"developer_key":"x"})")
           .first,
       403);
 }
