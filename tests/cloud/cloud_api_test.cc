@@ -231,21 +231,6 @@ TEST_F(CloudApiTest, DeliveryRules) {
   }
 }
 
-TEST_F(CloudApiTest, NearbyMapsThroughTheServer) {
-  // The entry without an altitude is dropped.
-  server_.setReply(200, R"([
-    {"user_id":"u1","map_id":"m1","latitude":52.5,"longitude":13.4,"altitude":34,
-     "vertical_accuracy":3,"horizontal_accuracy":5},
-    {"user_id":"u2","map_id":"m2","latitude":1,"longitude":2,
-     "vertical_accuracy":3,"horizontal_accuracy":5}])");
-  CloudAPI api = makeClient(false, server_.origin());
-  std::vector<std::vector<Map>> calls;
-  api.listNearby("a", std::nullopt, "k", 13.4, 52.5, 1, 1,
-                 [&](std::vector<Map> m) { calls.push_back(std::move(m)); });
-  ASSERT_TRUE(http_->waitForCompletions(1));
-  EXPECT_EQ(calls, (std::vector<std::vector<Map>>{{Map("u1", "m1", 52.5, 13.4, 34, 5, 3)}}));
-}
-
 TEST(CloudApiParsing, NearbyMapsEntries) {
   const std::string good =
       R"("latitude":1,"longitude":2,"altitude":3,"vertical_accuracy":4,"horizontal_accuracy":5)";

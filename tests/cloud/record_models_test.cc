@@ -47,25 +47,11 @@ TEST(RecordModelsTest, TablesAndKeys) {
       "MapData-PointCloud(SessionId,FrameId) Transformations(SessionId,Timestamp) ");
 }
 
+// Features go out as printf("%f") texts joined by commas, compressed.
 TEST(RecordModelsTest, ImageFeaturesAreCompressedPercentFText) {
-  const std::vector<std::pair<std::vector<double>, std::string>> cases = {
-      {{1, 0.5}, "1.000000,0.500000"},
-      {{}, ""},
-      {{-0.0000004, 0.0000015, 123456789.125, -2}, "-0.000000,0.000002,123456789.125000,-2.000000"},
-      {{std::numeric_limits<double>::infinity()}, "inf"},
-  };
-  for (const auto& [features, text] : cases) {
-    EXPECT_EQ(ImageFeaturesModel::featureText(features), text);
-    const ImageFeaturesModel m("S", 3, features);
-    ASSERT_TRUE(m.featuresC.has_value());
-    EXPECT_FALSE(m.featuresC->empty());  // compressed zero bytes is still a stream
-    EXPECT_EQ(decompress(*m.featuresC).value_or("<bad>"), text);
-  }
-}
-
-TEST(RecordModelsTest, FeatureTextMatchesPrintfForAnyDouble) {
   std::mt19937_64 rng(7);
-  std::vector<double> values = {0.0000005, 2.5e-6, -1e300, 1e-320, 0.1, 1234.5678905};
+  std::vector<double> values = {1,      0.5,    -0.0000004, 0.0000015, 123456789.125, -2,
+                                2.5e-6, -1e300, 1e-320,     0.1,       1234.5678905,  INFINITY};
   for (int i = 0; i < 2000; ++i) {
     uint64_t bits = rng();
     double d;
@@ -76,11 +62,18 @@ TEST(RecordModelsTest, FeatureTextMatchesPrintfForAnyDouble) {
   std::string want;
   char buf[400];
   for (size_t i = 0; i < values.size(); ++i) {
-    if (i > 0) want += ',';
     std::snprintf(buf, sizeof buf, "%f", values[i]);
-    want += buf;
+    want += (i > 0 ? "," : "") + std::string(buf);
   }
   EXPECT_EQ(ImageFeaturesModel::featureText(values), want);
+  EXPECT_EQ(want.substr(0, 63), "1.000000,0.500000,-0.000000,0.000002,123456789.125000,-2.000000");
+  for (const auto& features : {values, std::vector<double>{}}) {
+    const ImageFeaturesModel m("S", 3, features);
+    ASSERT_TRUE(m.featuresC.has_value());
+    EXPECT_FALSE(m.featuresC->empty());  // compressed zero bytes is still a stream
+    EXPECT_EQ(decompress(*m.featuresC).value_or("<bad>"),
+              ImageFeaturesModel::featureText(features));
+  }
 }
 
 TEST(RecordModelsTest, ItemsCarryExactlyTheNamedTypedAttributes) {

@@ -112,25 +112,27 @@ TEST(Relocalization, MalformedInputIsDroppedNotFatal) {
   EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.SU"), 0u);
 
   // Placements with missing or mistyped fields are skipped; the others are returned.
-  Relocalization bad;
-  bad.h.findAssetsReply = Json::parse(R"({"placements":[
-      {"placement":{"x":1,"y":1,"z":1},"asset":{"id":"no-ori"}},
-      {"placement":{"x":"1","y":1,"z":1,"ori":0},"asset":{"id":"text-x"}},
-      {"placement":{"x":1,"y":1,"z":1,"ori":0},"asset":{}},
-      7,
-      {"placement":{"x":0,"y":0,"z":0,"ori":0},"asset":{"id":"ok"}}]})");
-  bool fetched = false;
-  bad.h.dataManager->retrieveAssets([&](const Json&) { fetched = true; });
-  bad.h.pumpUntil([&] { return fetched; });
-  std::vector<MapAsset> assets = bad.persistence->convertAssetsToLocalFrame("0,0,0,0");
-  ASSERT_EQ(assets.size(), 1u);
-  EXPECT_EQ(assets[0].assetID, "ok");
-
-  bad.h.findAssetsReply = Json::parse(R"({"placements":{"not":"an array"}})");
-  fetched = false;
-  bad.h.dataManager->retrieveAssets([&](const Json&) { fetched = true; });
-  bad.h.pumpUntil([&] { return fetched; });
-  EXPECT_TRUE(bad.persistence->convertAssetsToLocalFrame("0,0,0,0").empty());
+  const std::pair<const char*, std::vector<std::string>> replies[] = {
+      {R"({"placements":[
+          {"placement":{"x":1,"y":1,"z":1},"asset":{"id":"no-ori"}},
+          {"placement":{"x":"1","y":1,"z":1,"ori":0},"asset":{"id":"text-x"}},
+          {"placement":{"x":1,"y":1,"z":1,"ori":0},"asset":{}},
+          7,
+          {"placement":{"x":0,"y":0,"z":0,"ori":0},"asset":{"id":"ok"}}]})",
+       {"ok"}},
+      {R"({"placements":{"not":"an array"}})", {}},
+  };
+  for (const auto& [reply, ids] : replies) {
+    r.h.findAssetsReply = Json::parse(reply);
+    bool fetched = false;
+    r.h.dataManager->retrieveAssets([&](const Json&) { fetched = true; });
+    r.h.pumpUntil([&] { return fetched; });
+    std::vector<std::string> found;
+    for (const MapAsset& a : r.persistence->convertAssetsToLocalFrame("0,0,0,0")) {
+      found.push_back(a.assetID);
+    }
+    EXPECT_EQ(found, ids) << reply;
+  }
 }
 
 TEST(Relocalization, PollingEveryIntervalUntilRestart) {

@@ -98,67 +98,46 @@ void ScriptedBackend::handle(const std::string& path, const std::string& query,
   *answer = reply.body;
 }
 
-GatedRecordStore::GatedRecordStore() : inner_(std::make_shared<MemoryRecordStore>()) {
-  ensureRecordTables(*inner_);
-}
-
-std::optional<StoreError> GatedRecordStore::createTable(const TableSchema& schema) {
-  return inner_->createTable(schema);
-}
+GatedRecordStore::GatedRecordStore() { ensureRecordTables(*this); }
 
 void GatedRecordStore::save(const std::string& table, Item item, SaveCompletion completion) {
   std::chrono::milliseconds delay;
   {
-    std::unique_lock lock(mutex_);
+    std::unique_lock lock(gateMutex_);
     ++waiting_;
     cv_.wait(lock, [&] { return !closed_; });
     --waiting_;
     delay = delay_;
   }
   if (delay.count() > 0) std::this_thread::sleep_for(delay);
-  inner_->save(table, std::move(item), std::move(completion));
-}
-
-std::optional<StoreError> GatedRecordStore::put(const std::string& table, Item item) {
-  return inner_->put(table, std::move(item));
-}
-
-std::optional<Item> GatedRecordStore::get(const std::string& table, const Item& key,
-                                          std::optional<StoreError>* error) {
-  return inner_->get(table, key, error);
-}
-
-QueryPage GatedRecordStore::query(const std::string& table, const AttributeValue& hashValue,
-                                  const std::optional<Item>& startKey, int limit,
-                                  std::optional<StoreError>* error) {
-  return inner_->query(table, hashValue, startKey, limit, error);
+  MemoryRecordStore::save(table, std::move(item), std::move(completion));
 }
 
 void GatedRecordStore::close() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(gateMutex_);
   closed_ = true;
 }
 
 void GatedRecordStore::open() {
   {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(gateMutex_);
     closed_ = false;
   }
   cv_.notify_all();
 }
 
 void GatedRecordStore::setDelay(std::chrono::milliseconds delay) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(gateMutex_);
   delay_ = delay;
 }
 
 int GatedRecordStore::waiting() const {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(gateMutex_);
   return waiting_;
 }
 
 std::vector<Item> GatedRecordStore::items(const std::string& table, const std::string& sessionId) {
-  return queryAll(*inner_, table, AttributeValue::string(sessionId));
+  return queryAll(*this, table, AttributeValue::string(sessionId));
 }
 
 TestEnv::TestEnv()
