@@ -27,7 +27,7 @@ void expectPoseNear(const Pose4& got, const Pose4& want, double metres, double r
 
 TEST(Pose4, AppliesTheKitsRuleAndRoundTripsItsText) {
   // The transform the kit applies to stored placements.
-  EXPECT_EQ(Pose4{1, 0, 2, 0}.apply({1, 1, 1}), (Vec3{2, 1, 3}));
+  EXPECT_EQ((Pose4{1, 0, 2, 0}.apply({1, 1, 1})), (Vec3{2, 1, 3}));
   const Vec3 turned = Pose4{0, 0, 0, std::numbers::pi / 2}.apply({1, 0, 0});
   EXPECT_NEAR(turned[0], 0, 1e-12);
   EXPECT_NEAR(turned[2], -1, 1e-12);
