@@ -10,7 +10,6 @@
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/cloudwatch_metrics_sink.h"
 #include "src/platform/json_lines_metrics_sink.h"
-#include "src/platform/manual_main_queue.h"
 #include "src/platform/memory_logger.h"
 #include "src/platform/metric_format.h"
 #include "src/platform/metrics_sink_factory.h"
