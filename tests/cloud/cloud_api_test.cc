@@ -1,22 +1,100 @@
 #include "src/cloud/cloud_api.h"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 #include "omrakit/settings.h"
 #include "src/cloud/metrics.h"
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/curl_http_client.h"
+#include "src/platform/fixed_device_info.h"
 #include "src/platform/memory_metrics_sink.h"
-#include "tests/cloud/cloud_api_testutil.h"
 
 namespace omra {
 namespace {
 
-using testing::CapturingServer;
-using testing::CompletionCountingClient;
-using testing::FixedDevice;
+struct CapturedRequest {
+  std::string method, path, body, contentType;
+};
+
+// Listens on 127.0.0.1 at an ephemeral port from construction to destruction, records what it
+// receives and answers as told. Thread-safe.
+class CapturingServer {
+ public:
+  CapturingServer() {
+    auto handler = [this](const httplib::Request& req, httplib::Response& res) {
+      std::lock_guard lock(mutex_);
+      requests_.push_back({req.method, req.path, req.body, req.get_header_value("Content-Type")});
+      res.status = status_;
+      res.set_content(body_, contentType_.c_str());
+    };
+    // One request per connection, so that stopping never waits for an idle keep-alive.
+    server_.set_keep_alive_max_count(1);
+    server_.Post(".*", handler);
+    server_.Get(".*", handler);
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // stop() before the accept loop runs would be lost and the join would hang.
+    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ~CapturingServer() {
+    server_.stop();
+    thread_.join();
+  }
+  std::string origin() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  // The answer to every later request.
+  void setReply(int status, std::string body, std::string contentType) {
+    std::lock_guard lock(mutex_);
+    status_ = status;
+    body_ = std::move(body);
+    contentType_ = std::move(contentType);
+  }
+  std::vector<CapturedRequest> requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
+
+ private:
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+  mutable std::mutex mutex_;
+  std::vector<CapturedRequest> requests_;
+  int status_ = 200;
+  std::string body_ = "{}";
+  std::string contentType_ = "application/json";
+};
+
+// Forwards to a real client and counts completions after the caller's completion returned, so a
+// test can tell "no callback" from "not yet". Thread-safe.
+class CompletionCountingClient : public HttpClient {
+ public:
+  explicit CompletionCountingClient(std::shared_ptr<HttpClient> inner) : inner_(std::move(inner)) {}
+  void send(HttpRequest request, Completion completion) override {
+    inner_->send(std::move(request), [this, completion = std::move(completion)](HttpResponse r) {
+      completion(std::move(r));
+      std::lock_guard lock(mutex_);
+      ++completed_;
+      cv_.notify_all();
+    });
+  }
+  // Waits until count completions have run; false after ten seconds.
+  bool waitForCompletions(int count) {
+    std::unique_lock lock(mutex_);
+    return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return completed_ >= count; });
+  }
+
+ private:
+  std::shared_ptr<HttpClient> inner_;
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  int completed_ = 0;
+};
 
 constexpr char kDevKeyHash[] = "0123456789abcdef0123456789abcdef";
 
@@ -38,7 +116,9 @@ class CloudApiTest : public ::testing::Test {
                       std::optional<std::string> vendorId = std::nullopt,
                       std::string machine = "iPhone10,3",
                       std::shared_ptr<MetricsSink> metrics = nullptr) {
-    CloudServices services{http_, std::make_shared<FixedDevice>(machine, vendorId), metrics,
+    auto device = std::make_shared<FixedDeviceInfo>(
+        FixedDeviceInfo::Values{"com.example.host", "12.4", machine, vendorId, std::nullopt});
+    CloudServices services{http_, device, metrics,
                            Urls({origin, origin, origin, origin, origin, origin})};
     return CloudAPI(useBeta, "com.example.host", kDevKeyHash, std::move(services));
   }
@@ -209,7 +289,8 @@ TEST_F(CloudApiTest, DeliveryRules) {
   for (const auto& s : scenarios) {
     SCOPED_TRACE(s.name);
     server_.setReply(s.status == 0 ? 200 : s.status, s.body, s.contentType);
-    CloudAPI api = makeClient(false, s.status == 0 ? testing::refusedOrigin() : server_.origin());
+    // A closed server's port: connections are refused.
+    CloudAPI api = makeClient(false, s.status == 0 ? CapturingServer().origin() : server_.origin());
     std::vector<Json> mapping, localization, placed, found;
     std::vector<std::vector<Map>> nearby;
     api.initiateMappingSession("a", "u", "m", {}, [&](Json j) { mapping.push_back(j); });
