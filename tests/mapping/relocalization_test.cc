@@ -86,11 +86,9 @@ TEST(Relocalization, AssetsAreMovedIntoTheSessionFrame) {
   Relocalization r;
   r.persistence->transformRetrieved("su_localizer", "1,0,2,0", 0.6f);
   ASSERT_EQ(r.h.assetsFound().size(), 1u);
-  std::vector<MapAsset> assets = r.h.assetsFound()[0];
+  const std::vector<MapAsset> assets = r.h.assetsFound()[0];
   ASSERT_EQ(assets.size(), 2u);
-  EXPECT_EQ(assets[0].assetID, "lamp");
-  EXPECT_EQ(assets[0].position, Vector3(2, 1, 3));
-  EXPECT_FLOAT_EQ(assets[0].orientation, 0.5f);
+  EXPECT_EQ(assets[0], MapAsset("lamp", Vector3(2, 1, 3), 0.5f));
   EXPECT_EQ(assets[0].confidence, 0.5f);
   EXPECT_EQ(assets[0].matrix, "");
   EXPECT_TRUE(r.h.logger->contains("Relocalized asset new position (2.0, 1.0, 3.0) - dist: "));
