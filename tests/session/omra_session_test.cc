@@ -72,18 +72,17 @@ struct SessionRun {
     std::lock_guard lock(mutex);
     return progress;
   }
-  std::vector<std::string> cameraFrames(const std::string& sessionId, int64_t block) {
-    std::vector<std::string> keys;
+  // The frame numbers recorded in one camera-path block.
+  std::set<int64_t> cameraFrames(const std::string& sessionId, int64_t block) {
+    std::set<int64_t> frames;
     for (const Item& item : t.store->items(CameraPathModel::kTableName, sessionId)) {
       std::optional<CameraPathModel> m = CameraPathModel::fromItem(item);
-      if (m && m->frameId == block) {
-        for (const auto& entry : *m->transforms) keys.push_back(entry.first);
+      for (const auto& entry :
+           m && m->frameId == block ? *m->transforms : std::map<std::string, std::string>{}) {
+        frames.insert(std::stoll(entry.first));
       }
     }
-    std::sort(keys.begin(), keys.end(), [](const std::string& a, const std::string& b) {
-      return std::stoll(a) < std::stoll(b);
-    });
-    return keys;
+    return frames;
   }
 
   ScriptedBackend backend;
@@ -195,11 +194,10 @@ TEST(OmraSession, FramesDroppedBeforeInitialisationAndWhileBusy) {
   std::this_thread::sleep_for(milliseconds(50));
   run.session->dispose();  // flushes the open block
 
-  std::vector<std::string> first = run.cameraFrames("MAP-1", 0);
-  std::vector<std::string> expected;
-  for (int i = 6; i <= 19; ++i) expected.push_back(std::to_string(i));
-  EXPECT_EQ(first, expected);
-  EXPECT_EQ(run.cameraFrames("MAP-1", 20), (std::vector<std::string>{"20", "26"}));
+  std::set<int64_t> expected;
+  for (int i = 6; i <= 19; ++i) expected.insert(i);
+  EXPECT_EQ(run.cameraFrames("MAP-1", 0), expected);
+  EXPECT_EQ(run.cameraFrames("MAP-1", 20), (std::set<int64_t>{20, 26}));
 }
 
 // Counting itself is covered with ScanProgress and Persistence; here the session's anchors drive
