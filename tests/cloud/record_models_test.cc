@@ -19,6 +19,7 @@
 #include "src/cloud/record_writer.h"
 #include "src/cloud/scene_understanding_model.h"
 #include "src/cloud/transform_result_model.h"
+#include "src/platform/memory_logger.h"
 #include "src/platform/store/memory_record_store.h"
 
 namespace omra {
@@ -171,36 +172,25 @@ TEST(RecordModelsTest, FromItemReadsBackAndRejectsWrongTypes) {
   EXPECT_FALSE(DetectedPlaneModel::fromItem(plane).has_value());
 }
 
-class PrintLog : public Logger {
- public:
-  void print(std::string_view m) override {
-    std::lock_guard lock(mu_);
-    prints.emplace_back(m);
-  }
-  void systemLog(LogLevel, std::string_view) override {}
-  std::mutex mu_;
-  std::vector<std::string> prints;
-};
-
 TEST(RecordWriterTest, PrintsOnlyFailedSaves) {
   auto store = std::make_shared<MemoryRecordStore>();
-  auto log = std::make_shared<PrintLog>();
+  auto log = std::make_shared<MemoryLogger>();
   RecordWriter writer(store, log);
   int failures = 0;
   writer.save(CameraPathModel("S", 0, {}), [&](bool ok) { failures += !ok; });
-  ASSERT_EQ(log->prints.size(), 1u);  // no tables yet
-  EXPECT_EQ(log->prints[0],
+  ASSERT_EQ(log->prints().size(), 1u);  // no tables yet
+  EXPECT_EQ(log->prints().at(0),
             "Amazon DynamoDB Save Error: Cannot do operations on a non-existent "
             "table: MapData-CameraPath");
   ASSERT_FALSE(ensureRecordTables(*store).has_value());
   writer.save(CameraPathModel("S", 0, {}), [&](bool ok) { failures += !ok; });
-  EXPECT_EQ(log->prints.size(), 1u);
+  EXPECT_EQ(log->prints().size(), 1u);
   EXPECT_EQ(failures, 1);
   EXPECT_EQ(store->itemCount(CameraPathModel::kTableName), 1u);
 
   RecordWriter none(nullptr, log);
   none.save(CameraPathModel("S", 0, {}));
-  EXPECT_EQ(log->prints.size(), 2u);
+  EXPECT_EQ(log->prints().size(), 2u);
 }
 
 }  // namespace
