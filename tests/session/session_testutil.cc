@@ -30,11 +30,22 @@ ScriptedBackend::ScriptedBackend() : server_(std::make_unique<httplib::Server>()
       if (!query.empty()) query += '&';
       query += key + "=" + value;
     }
-    int status = 404;
-    std::string answer;
-    handle(path, query, req.body, &status, &answer);
-    res.status = status;
-    res.set_content(answer, "application/json");
+    Request request{path, query, Json()};
+    Json parsed = Json::parse(req.body, nullptr, false);
+    if (!parsed.is_discarded()) request.body = std::move(parsed);
+    Handler handler;
+    std::chrono::milliseconds delay;
+    {
+      std::lock_guard lock(mutex_);
+      requests_.push_back(request);
+      auto it = handlers_.find(path);
+      if (it != handlers_.end()) handler = it->second;
+      delay = delay_;
+    }
+    if (delay.count() > 0) std::this_thread::sleep_for(delay);
+    const Reply reply = handler ? handler(request) : Reply{404, ""};
+    res.status = reply.status;
+    res.set_content(reply.body, "application/json");
   };
   server_->Get(".*", route);
   server_->Post(".*", route);
@@ -75,27 +86,6 @@ std::vector<ScriptedBackend::Request> ScriptedBackend::requests(const std::strin
     if (r.path == path) matching.push_back(r);
   }
   return matching;
-}
-
-void ScriptedBackend::handle(const std::string& path, const std::string& query,
-                             const std::string& body, int* status, std::string* answer) {
-  Request request{path, query, Json()};
-  Json parsed = Json::parse(body, nullptr, false);
-  if (!parsed.is_discarded()) request.body = std::move(parsed);
-  Handler handler;
-  std::chrono::milliseconds delay;
-  {
-    std::lock_guard lock(mutex_);
-    requests_.push_back(request);
-    auto it = handlers_.find(path);
-    if (it != handlers_.end()) handler = it->second;
-    delay = delay_;
-  }
-  if (delay.count() > 0) std::this_thread::sleep_for(delay);
-  if (!handler) return;
-  Reply reply = handler(request);
-  *status = reply.status;
-  *answer = reply.body;
 }
 
 GatedRecordStore::GatedRecordStore() { ensureRecordTables(*this); }

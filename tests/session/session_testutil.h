@@ -58,9 +58,6 @@ class ScriptedBackend {
   size_t requestCount(const std::string& path) const { return requests(path).size(); }
 
  private:
-  void handle(const std::string& path, const std::string& query, const std::string& body,
-              int* status, std::string* answer);
-
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
   int port_ = 0;
