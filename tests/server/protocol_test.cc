@@ -179,7 +179,7 @@ TEST_F(ProtocolTest, ListsNearbyMapsInsideTheBoxNewestFirst) {
     return out;
   };
   using Ids = std::vector<std::string>;
-  EXPECT_EQ(ids(std::nullopt, kDevKey), (Ids{"bos", "corner-sw", "corner-ne"}));
+  ASSERT_EQ(ids(std::nullopt, kDevKey), (Ids{"bos", "corner-sw", "corner-ne"}));
   EXPECT_EQ(ids("ana", kDevKey), (Ids{"corner-sw", "corner-ne"}));
   EXPECT_EQ(ids(std::nullopt, kOtherDevKey), Ids{"foreign"});
   EXPECT_EQ(list(std::nullopt, kDevKey).back(), Map("ana", "corner-ne", 50.5, 11, 12, 5, 3));
