@@ -1,34 +1,102 @@
 #include "src/cloud/cloud_api.h"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include "omrakit/settings.h"
 #include "src/cloud/metrics.h"
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/curl_http_client.h"
-#include "tests/cloud/cloud_api_testutil.h"
+#include "src/platform/fixed_device_info.h"
+#include "src/platform/memory_metrics_sink.h"
 
 namespace omra {
 namespace {
 
-using testing::CapturingServer;
-using testing::CompletionCountingClient;
-using testing::FixedDevice;
+struct CapturedRequest {
+  std::string method, path, body, contentType;
+};
+
+// Listens on 127.0.0.1 at an ephemeral port from construction to destruction, records what it
+// receives and answers as told. Thread-safe.
+class CapturingServer {
+ public:
+  CapturingServer() {
+    auto handler = [this](const httplib::Request& req, httplib::Response& res) {
+      std::lock_guard lock(mutex_);
+      requests_.push_back({req.method, req.path, req.body, req.get_header_value("Content-Type")});
+      res.status = status_;
+      res.set_content(body_, contentType_.c_str());
+    };
+    // One request per connection, so that stopping never waits for an idle keep-alive.
+    server_.set_keep_alive_max_count(1);
+    server_.Post(".*", handler);
+    server_.Get(".*", handler);
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // stop() before the accept loop runs would be lost and the join would hang.
+    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ~CapturingServer() {
+    server_.stop();
+    thread_.join();
+  }
+  std::string origin() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  // The answer to every later request.
+  void setReply(int status, std::string body, std::string contentType) {
+    std::lock_guard lock(mutex_);
+    status_ = status;
+    body_ = std::move(body);
+    contentType_ = std::move(contentType);
+  }
+  std::vector<CapturedRequest> requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
+
+ private:
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+  mutable std::mutex mutex_;
+  std::vector<CapturedRequest> requests_;
+  int status_ = 200;
+  std::string body_ = "{}";
+  std::string contentType_ = "application/json";
+};
+
+// Forwards to a real client and counts completions after the caller's completion returned, so a
+// test can tell "no callback" from "not yet". Thread-safe.
+class CompletionCountingClient : public HttpClient {
+ public:
+  explicit CompletionCountingClient(std::shared_ptr<HttpClient> inner) : inner_(std::move(inner)) {}
+  void send(HttpRequest request, Completion completion) override {
+    inner_->send(std::move(request), [this, completion = std::move(completion)](HttpResponse r) {
+      completion(std::move(r));
+      std::lock_guard lock(mutex_);
+      ++completed_;
+      cv_.notify_all();
+    });
+  }
+  // Waits until count completions have run; false after ten seconds.
+  bool waitForCompletions(int count) {
+    std::unique_lock lock(mutex_);
+    return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return completed_ >= count; });
+  }
+
+ private:
+  std::shared_ptr<HttpClient> inner_;
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  int completed_ = 0;
+};
 
 constexpr char kDevKeyHash[] = "0123456789abcdef0123456789abcdef";
-
-EndpointHosts allHosts(const std::string& origin) {
-  return {origin, origin, origin, origin, origin, origin};
-}
-
-std::vector<std::string> keysOf(const Json& object) {
-  std::vector<std::string> keys;
-  for (const auto& item : object.items()) keys.push_back(item.key());
-  return keys;
-}
 
 // Restores USE_BETA_ALGO, which is process-wide.
 class BetaSetting {
@@ -42,46 +110,37 @@ class BetaSetting {
   bool saved_;
 };
 
-class RecordingMetrics : public MetricsSink {
- public:
-  void putMetricData(const std::string& nameSpace, std::vector<MetricDatum> data) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls.push_back({nameSpace, std::move(data)});
-  }
-  std::mutex mutex_;
-  std::vector<std::pair<std::string, std::vector<MetricDatum>>> calls;
-};
-
 class CloudApiTest : public ::testing::Test {
  protected:
   CloudAPI makeClient(bool useBeta, const std::string& origin,
-                      std::optional<std::string> vendorId = "5B9E6A1C-0F2D-4C7B-9E31-8A6F2D4C1B07",
+                      std::optional<std::string> vendorId = std::nullopt,
                       std::string machine = "iPhone10,3",
                       std::shared_ptr<MetricsSink> metrics = nullptr) {
-    CloudServices services{http_, std::make_shared<FixedDevice>(machine, vendorId), metrics,
-                           Urls(allHosts(origin))};
+    auto device = std::make_shared<FixedDeviceInfo>(
+        FixedDeviceInfo::Values{"com.example.host", "12.4", machine, vendorId, std::nullopt});
+    CloudServices services{http_, device, metrics,
+                           Urls({origin, origin, origin, origin, origin, origin})};
     return CloudAPI(useBeta, "com.example.host", kDevKeyHash, std::move(services));
   }
-  // The body of the only request the server saw, parsed in order.
-  Json onlyBody(const std::string& expectedPath) {
-    const auto requests = server_.requests();
+  // The only request a server saw: its path, and its body parsed in order.
+  std::pair<std::string, Json> onlyRequest(const CapturingServer& server) {
+    const auto requests = server.requests();
     EXPECT_EQ(requests.size(), 1u);
-    if (requests.empty()) return Json();
+    if (requests.empty()) return {};
     EXPECT_EQ(requests[0].method, "POST");
-    EXPECT_EQ(requests[0].path, expectedPath);
     EXPECT_EQ(requests[0].contentType, "application/json");
     Json body = Json::parse(requests[0].body, nullptr, false);
-    EXPECT_FALSE(body.is_discarded()) << requests[0].body;
-    return body;
+    EXPECT_TRUE(body.is_object()) << requests[0].body;
+    return {requests[0].path, body};
   }
 
   AsioDispatcher dispatcher_{2};
-  std::shared_ptr<CurlHttpClient> curl_ = std::make_shared<CurlHttpClient>(dispatcher_);
   std::shared_ptr<CompletionCountingClient> http_ =
-      std::make_shared<CompletionCountingClient>(curl_);
+      std::make_shared<CompletionCountingClient>(std::make_shared<CurlHttpClient>(dispatcher_));
   CapturingServer server_;
 };
 
+// Json equality of ordered objects also checks the key order.
 TEST_F(CloudApiTest, SessionOpeningBodiesKeyByKey) {
   const LocationValues full{13.404954, 52.520008, 34.5, 5.0, 3.0};
   LocationValues fourOfFive = full;
@@ -89,64 +148,43 @@ TEST_F(CloudApiTest, SessionOpeningBodiesKeyByKey) {
   const std::string vendor = "5B9E6A1C-0F2D-4C7B-9E31-8A6F2D4C1B07";
 
   int sent = 0;
-  for (bool localization : {false, true}) {
-    for (bool withVendor : {true, false}) {
-      for (bool withLocation : {true, false}) {
-        for (bool beta : {false, true}) {
-          SCOPED_TRACE(::testing::Message()
-                       << "localization=" << localization << " vendor=" << withVendor
-                       << " location=" << withLocation << " beta=" << beta);
-          CapturingServer server;
-          BetaSetting setting(beta);
-          CloudAPI api =
-              makeClient(false, server.origin(), withVendor ? std::optional(vendor) : std::nullopt);
-          const LocationValues& location = withLocation ? full : fourOfFive;
-          Json answer;
-          int calls = 0;
-          auto callback = [&](Json json) {
-            answer = std::move(json);
-            ++calls;
-          };
-          if (localization) {
-            api.initiateLocalizationSession("app-1", "user-7", "kitchen", location, callback);
-          } else {
-            api.initiateMappingSession("app-1", "user-7", "kitchen", location, callback);
-          }
-          ASSERT_TRUE(http_->waitForCompletions(++sent));
-          EXPECT_EQ(calls, 1);
-          EXPECT_EQ(answer, Json::object());  // the server's "{}" passed through
-
-          const auto requests = server.requests();
-          ASSERT_EQ(requests.size(), 1u);
-          EXPECT_EQ(requests[0].path, localization ? "/prod/maps/create_localization_session"
-                                                   : "/prod/maps/create_map");
-          EXPECT_EQ(requests[0].contentType, "application/json");
-          const Json body = Json::parse(requests[0].body, nullptr, false);
-          ASSERT_TRUE(body.is_object()) << requests[0].body;
-
-          Json expected = Json::object();
-          expected["app_id"] = "app-1";
-          expected["user_id"] = "user-7";
-          expected["map_id"] = "kitchen";
-          expected["developer_key"] = kDevKeyHash;
-          expected["pod_version"] = "v0.3.6";
-          expected["data_version"] = "0.3";
-          expected["device_version"] = "12.4";
-          expected["device_model"] = "iPhone X";
-          if (withVendor) expected["device_uuid"] = vendor;
-          if (withLocation) {
-            expected["long"] = 13.404954;
-            expected["lat"] = 52.520008;
-            expected["alt"] = 34.5;
-            expected["horAccuracy"] = 5.0;
-            expected["verAccuracy"] = 3.0;
-          }
-          if (localization && beta) expected["use_beta"] = true;
-          EXPECT_EQ(keysOf(body), keysOf(expected));
-          EXPECT_EQ(body, expected);
-        }
-      }
+  for (int combination = 0; combination < 16; ++combination) {
+    const bool localization = combination & 1, withVendor = combination & 2,
+               withLocation = combination & 4, beta = combination & 8;
+    SCOPED_TRACE(::testing::Message() << "localization=" << localization << " vendor=" << withVendor
+                                      << " location=" << withLocation << " beta=" << beta);
+    CapturingServer server;
+    BetaSetting setting(beta);
+    CloudAPI api =
+        makeClient(false, server.origin(), withVendor ? std::optional(vendor) : std::nullopt);
+    std::vector<Json> answers;
+    auto callback = [&](Json json) { answers.push_back(std::move(json)); };
+    const LocationValues& location = withLocation ? full : fourOfFive;
+    if (localization) {
+      api.initiateLocalizationSession("app-1", "user-7", "kitchen", location, callback);
+    } else {
+      api.initiateMappingSession("app-1", "user-7", "kitchen", location, callback);
     }
+    ASSERT_TRUE(http_->waitForCompletions(++sent));
+    EXPECT_EQ(answers, std::vector<Json>{Json::object()});  // the server's "{}" passed through
+
+    const auto [path, body] = onlyRequest(server);
+    EXPECT_EQ(path,
+              localization ? "/prod/maps/create_localization_session" : "/prod/maps/create_map");
+    Json expected = {{"app_id", "app-1"},        {"user_id", "user-7"},
+                     {"map_id", "kitchen"},      {"developer_key", kDevKeyHash},
+                     {"pod_version", "v0.3.6"},  {"data_version", "0.3"},
+                     {"device_version", "12.4"}, {"device_model", "iPhone X"}};
+    if (withVendor) expected["device_uuid"] = vendor;
+    if (withLocation) {
+      expected.update(Json{{"long", 13.404954},
+                           {"lat", 52.520008},
+                           {"alt", 34.5},
+                           {"horAccuracy", 5.0},
+                           {"verAccuracy", 3.0}});
+    }
+    if (localization && beta) expected["use_beta"] = true;
+    EXPECT_EQ(body, expected);
   }
 }
 
@@ -177,64 +215,57 @@ TEST_F(CloudApiTest, ListNearbyBody) {
                    "caller-key", 13.4, 52.5, 0.02, 0.01, [&](std::vector<Map>) { ++calls; });
     ASSERT_TRUE(http_->waitForCompletions(withUser ? 1 : 2));
     EXPECT_EQ(calls, 1);
-    const auto requests = server.requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].path, "/prod/maps/list_nearby_maps");
-    const Json body = Json::parse(requests[0].body, nullptr, false);
-    Json expected = Json::object();
-    expected["app_id"] = "app-1";
-    expected["longitude"] = 13.4;
-    expected["latitude"] = 52.5;
-    expected["longitude_delta"] = 0.02;
-    expected["latitude_delta"] = 0.01;
-    expected["developer_key"] = "caller-key";  // as passed, not the client's hash
-    expected["pod_version"] = "v0.3.6";
-    expected["data_version"] = "0.3";
-    expected["device_version"] = "12.4";
-    expected["device_model"] = "iPad Pro 12.9 Inch 2. Generation";
+    const auto [path, body] = onlyRequest(server);
+    EXPECT_EQ(path, "/prod/maps/list_nearby_maps");
+    // The developer key goes out as passed, not as the client's hash.
+    Json expected = {
+        {"app_id", "app-1"},        {"longitude", 13.4},
+        {"latitude", 52.5},         {"longitude_delta", 0.02},
+        {"latitude_delta", 0.01},   {"developer_key", "caller-key"},
+        {"pod_version", "v0.3.6"},  {"data_version", "0.3"},
+        {"device_version", "12.4"}, {"device_model", "iPad Pro 12.9 Inch 2. Generation"}};
     if (withUser) expected["user_id"] = "user-7";
-    EXPECT_EQ(keysOf(body), keysOf(expected));
     EXPECT_EQ(body, expected);
   }
 }
 
 TEST_F(CloudApiTest, AssetBodies) {
   CloudAPI api = makeClient(false, server_.origin());
-  const std::vector<MapAsset> assets{MapAsset("chair", Vector3(0.1f, -2.5f, 3.0f), 1.5707964f),
-                                     MapAsset("lamp", Vector3(1e-05f, 0, -0.3f), -0.25f)};
   const double before =
       std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-  api.placeAssetOnMap("MAP-1", assets, [](Json) {});
+  api.placeAssetOnMap("MAP-1",
+                      {MapAsset("chair", Vector3(0.1f, -2.5f, 3.0f), 1.5707964f),
+                       MapAsset("lamp", Vector3(1e-05f, 0, -0.3f), -0.25f)},
+                      [](Json) {});
   ASSERT_TRUE(http_->waitForCompletions(1));
-  const Json body = onlyBody("/prod/maps/place_asset_on_map");
-  EXPECT_EQ(keysOf(body), (std::vector<std::string>{"map_uuid", "placements", "timestamp"}));
-  EXPECT_EQ(body["map_uuid"], "MAP-1");
-  ASSERT_EQ(body["placements"].size(), 2u);
-  const Json& chair = body["placements"][0];
-  EXPECT_EQ(keysOf(chair), (std::vector<std::string>{"asset_id", "x", "y", "z", "orientation"}));
-  EXPECT_EQ(chair["asset_id"], "chair");
-  // Single-precision values go out as their shortest text, not as widened doubles.
-  EXPECT_EQ(chair["x"].dump(), "0.1");
-  EXPECT_EQ(chair["y"].dump(), "-2.5");
-  EXPECT_EQ(chair["z"].dump(), "3.0");
-  EXPECT_EQ(chair["orientation"].get<float>(), 1.5707964f);
-  EXPECT_EQ(body["placements"][1]["asset_id"], "lamp");
-  EXPECT_EQ(body["placements"][1]["x"].get<float>(), 1e-05f);
+  auto [path, body] = onlyRequest(server_);
+  EXPECT_EQ(path, "/prod/maps/place_asset_on_map");
   ASSERT_TRUE(body["timestamp"].is_number_float());
   EXPECT_GE(body["timestamp"].get<double>(), before);
   EXPECT_LT(body["timestamp"].get<double>(), before + 60);
+  body["timestamp"] = 0;
+  Json& chair = body["placements"][0];
+  EXPECT_EQ(chair["orientation"].get<float>(), 1.5707964f);
+  chair["orientation"] = 0;
+  EXPECT_EQ(body["placements"][1]["asset_id"], "lamp");
+  EXPECT_EQ(body["placements"][1]["x"].get<float>(), 1e-05f);
+  body["placements"].erase(1);
+  // Single-precision values go out as their shortest text, not as widened doubles.
+  EXPECT_EQ(body.dump(), R"({"map_uuid":"MAP-1","placements":[{"asset_id":"chair","x":0.1,)"
+                         R"("y":-2.5,"z":3.0,"orientation":0}],"timestamp":0})");
 
   api.placeAssetOnMap("MAP-1", {}, [](Json) {});
   api.findAssetsOnTheMap("MAP-2", [](Json) {});
   ASSERT_TRUE(http_->waitForCompletions(3));
-  for (const auto& r : server_.requests()) {
-    if (r.path == "/prod/maps/find_assets_on_the_map") {
-      EXPECT_EQ(r.body, R"({"map_uuid":"MAP-2"})");
-    } else if (r.body.find("\"chair\"") == std::string::npos) {
-      EXPECT_EQ(Json::parse(r.body, nullptr, false)["placements"], Json::array());
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  for (size_t i = 1; i < 3; ++i) {
+    if (requests[i].path == "/prod/maps/find_assets_on_the_map") {
+      EXPECT_EQ(requests[i].body, R"({"map_uuid":"MAP-2"})");
+    } else {
+      EXPECT_EQ(Json::parse(requests[i].body, nullptr, false)["placements"], Json::array());
     }
   }
-  EXPECT_EQ(server_.requests().size(), 3u);
 }
 
 // Session requests: one callback, [] on failure. Asset requests: a callback only with JSON.
@@ -242,24 +273,24 @@ TEST_F(CloudApiTest, AssetBodies) {
 TEST_F(CloudApiTest, DeliveryRules) {
   const struct {
     const char* name;
-    bool refused;
-    int status;
+    int status;  // 0: connection refused
     std::string body;
     std::string contentType;
     bool json;
   } scenarios[] = {
-      {"connection refused", true, 0, "", "", false},
-      {"html error page", false, 500, "<html><body>Bad gateway</body></html>", "text/html", false},
-      {"500 with json", false, 500, R"({"errorMessage":"Internal"})", "application/json", true},
-      {"empty body", false, 200, "", "application/json", false},
-      {"truncated json", false, 200, R"({"uuid": "AB)", "application/json", false},
-      {"not json at all", false, 200, "uuid=AB", "text/plain", false},
+      {"connection refused", 0, "", "", false},
+      {"html error page", 500, "<html><body>Bad gateway</body></html>", "text/html", false},
+      {"500 with json", 500, R"({"errorMessage":"Internal"})", "application/json", true},
+      {"empty body", 200, "", "application/json", false},
+      {"truncated json", 200, R"({"uuid": "AB)", "application/json", false},
+      {"not json at all", 200, "uuid=AB", "text/plain", false},
   };
   int sent = 0;
   for (const auto& s : scenarios) {
     SCOPED_TRACE(s.name);
     server_.setReply(s.status == 0 ? 200 : s.status, s.body, s.contentType);
-    CloudAPI api = makeClient(false, s.refused ? testing::refusedOrigin() : server_.origin());
+    // A closed server's port: connections are refused.
+    CloudAPI api = makeClient(false, s.status == 0 ? CapturingServer().origin() : server_.origin());
     std::vector<Json> mapping, localization, placed, found;
     std::vector<std::vector<Map>> nearby;
     api.initiateMappingSession("a", "u", "m", {}, [&](Json j) { mapping.push_back(j); });
@@ -271,69 +302,43 @@ TEST_F(CloudApiTest, DeliveryRules) {
     sent += 5;
     ASSERT_TRUE(http_->waitForCompletions(sent));
 
-    const Json expectedSession = s.json ? Json::parse(s.body) : Json::array();
-    ASSERT_EQ(mapping.size(), 1u);
-    EXPECT_EQ(mapping[0], expectedSession);
-    ASSERT_EQ(localization.size(), 1u);
-    EXPECT_EQ(localization[0], expectedSession);
-    EXPECT_EQ(placed.size(), s.json ? 1u : 0u);
-    EXPECT_EQ(found.size(), s.json ? 1u : 0u);
-    if (s.json) {
-      EXPECT_EQ(placed[0]["errorMessage"], "Internal");
-      EXPECT_EQ(found[0]["errorMessage"], "Internal");
-    }
-    ASSERT_EQ(nearby.size(), 1u);
-    EXPECT_TRUE(nearby[0].empty());
+    const std::vector<Json> session{s.json ? Json::parse(s.body) : Json::array()};
+    EXPECT_EQ(mapping, session);
+    EXPECT_EQ(localization, session);
+    const std::vector<Json> asset = s.json ? session : std::vector<Json>{};
+    EXPECT_EQ(placed, asset);
+    EXPECT_EQ(found, asset);
+    EXPECT_EQ(nearby, std::vector<std::vector<Map>>(1));
   }
-}
-
-TEST_F(CloudApiTest, NearbyMapsThroughTheServer) {
-  server_.setReply(200, R"([
-    {"user_id":"u1","map_id":"m1","latitude":52.5,"longitude":13.4,"altitude":34,
-     "vertical_accuracy":3,"horizontal_accuracy":5},
-    {"user_id":"u2","map_id":"m2","latitude":1,"longitude":2,
-     "vertical_accuracy":3,"horizontal_accuracy":5},
-    {"user_id":"u3","map_id":"m3","latitude":-1.5,"longitude":-2.5,"altitude":-3.5,
-     "vertical_accuracy":0.25,"horizontal_accuracy":0.75}])");
-  CloudAPI api = makeClient(false, server_.origin());
-  std::vector<Map> maps;
-  int calls = 0;
-  api.listNearby("a", std::nullopt, "k", 13.4, 52.5, 1, 1, [&](std::vector<Map> m) {
-    maps = std::move(m);
-    ++calls;
-  });
-  ASSERT_TRUE(http_->waitForCompletions(1));
-  EXPECT_EQ(calls, 1);
-  ASSERT_EQ(maps.size(), 2u);
-  EXPECT_EQ(maps[0], Map("u1", "m1", 52.5, 13.4, 34, 5, 3));
-  EXPECT_EQ(maps[1], Map("u3", "m3", -1.5, -2.5, -3.5, 0.75, 0.25));
 }
 
 TEST(CloudApiParsing, NearbyMapsEntries) {
   const std::string good =
       R"("latitude":1,"longitude":2,"altitude":3,"vertical_accuracy":4,"horizontal_accuracy":5)";
+  auto entry = [&](const std::string& ids, const std::string& fields = "") {
+    return "{" + ids + "," + (fields.empty() ? good : fields) + "}";
+  };
+  const std::string u = R"("user_id":"u",)";
   const struct {
     const char* name;
     std::string reply;
     std::vector<std::string> mapIDs;
   } cases[] = {
-      {"array", R"([{"user_id":"u","map_id":"a",)" + good + "}]", {"a"}},
+      {"array", "[" + entry(u + R"("map_id":"a")") + "]", {"a"}},
       {"object values in order",
-       R"({"k2":{"user_id":"u","map_id":"b",)" + good + R"(},"k1":{"user_id":"u","map_id":"a",)" +
-           good + "}}",
+       R"({"k2":)" + entry(u + R"("map_id":"b")") + R"(,"k1":)" + entry(u + R"("map_id":"a")") +
+           "}",
        {"b", "a"}},
-      {"null user", R"([{"user_id":null,"map_id":"a",)" + good + "}]", {}},
-      {"numeric map id", R"([{"user_id":"u","map_id":7,)" + good + "}]", {}},
+      {"null user", "[" + entry(R"("user_id":null,"map_id":"a")") + "]", {}},
+      {"numeric map id", "[" + entry(u + R"("map_id":7)") + "]", {}},
       {"number as string",
-       R"([{"user_id":"u","map_id":"a","latitude":"1","longitude":2,"altitude":3,)"
-       R"("vertical_accuracy":4,"horizontal_accuracy":5}])",
+       "[" + entry(u + R"("map_id":"a")", R"("latitude":"1")" + good.substr(12)) + "]",
        {}},
       {"bool as number",
-       R"([{"user_id":"u","map_id":"a","latitude":true,"longitude":2,"altitude":3,)"
-       R"("vertical_accuracy":4,"horizontal_accuracy":5}])",
+       "[" + entry(u + R"("map_id":"a")", R"("latitude":true)" + good.substr(12)) + "]",
        {}},
       {"non-object entries skipped",
-       R"([1,"x",null,[],{"user_id":"u","map_id":"c",)" + good + "}]",
+       R"([1,"x",null,[],)" + entry(u + R"("map_id":"c")") + "]",
        {"c"}},
       {"scalar reply", "42", {}},
       {"string reply", R"("maps")", {}},
@@ -349,47 +354,45 @@ TEST(CloudApiParsing, NearbyMapsEntries) {
     EXPECT_EQ(ids, c.mapIDs);
   }
   // Accuracies arrive vertical first but are stored in their own fields.
-  const auto maps =
-      CloudAPI::parseNearbyMaps(Json::parse(R"([{"user_id":"u","map_id":"a",)" + good + "}]"));
-  ASSERT_EQ(maps.size(), 1u);
-  EXPECT_EQ(maps[0].verticalAccuracy, 4);
-  EXPECT_EQ(maps[0].horizontalAccuracy, 5);
-  EXPECT_EQ(maps[0].latitude, 1);
-  EXPECT_EQ(maps[0].longitude, 2);
+  EXPECT_EQ(CloudAPI::parseNearbyMaps(Json::parse("[" + entry(u + R"("map_id":"a")") + "]")),
+            std::vector<Map>{Map("u", "a", 1, 2, 3, 5, 4)});
 }
 
 TEST_F(CloudApiTest, PostMetric) {
-  auto metrics = std::make_shared<RecordingMetrics>();
+  auto metrics = std::make_shared<MemoryMetricsSink>();
   CloudAPI api = makeClient(false, server_.origin(), std::nullopt, "x86_64", metrics);
   api.postMetric(kMetricAssetSaved, std::nullopt, true, true);
   api.postMetric(kMetricTriggerTransformComputeTime, 2.5, false, true);
   api.postMetric(kMetricRelocalizationTimeSU, 1.25, true, false);
   api.postMetric(kMetricRegisterObjectDetectionCallback, std::nullopt, false, false);
-  ASSERT_EQ(metrics->calls.size(), 3u);
-  for (const auto& call : metrics->calls) EXPECT_EQ(call.first, "OmraKit");
-
-  const auto& both = metrics->calls[0].second;
-  ASSERT_EQ(both.size(), 2u);
-  EXPECT_EQ(both[0].metricName, "OmraKit.AssetSaved");
-  EXPECT_EQ(both[0].unit, "Count");
-  EXPECT_EQ(both[0].value, 1);
-  EXPECT_EQ(both[0].dimensions,
-            (std::vector<std::pair<std::string, std::string>>{{"devKey", kDevKeyHash}}));
-  EXPECT_TRUE(both[1].dimensions.empty());
-  EXPECT_EQ(both[1].value, 1);
-
-  const auto& withoutKey = metrics->calls[1].second;
-  ASSERT_EQ(withoutKey.size(), 1u);
-  EXPECT_EQ(withoutKey[0].unit, "Seconds");
-  EXPECT_EQ(withoutKey[0].value, 2.5);
-  EXPECT_TRUE(withoutKey[0].dimensions.empty());
-
-  const auto& withKey = metrics->calls[2].second;
-  ASSERT_EQ(withKey.size(), 1u);
-  EXPECT_EQ(withKey[0].metricName, "OmraKit.RelocalizationTime.SU");
-  EXPECT_EQ(withKey[0].value, 1.25);
-  ASSERT_EQ(withKey[0].dimensions.size(), 1u);
-  EXPECT_GT(withKey[0].timestamp, 1.6e9);
+  const auto calls = metrics->requests();
+  ASSERT_EQ(calls.size(), 3u);
+  using Dimensions = std::vector<std::pair<std::string, std::string>>;
+  const struct {
+    size_t call;
+    const char* name;
+    const char* unit;
+    double value;
+    Dimensions dimensions;
+  } want[] = {
+      {0, "OmraKit.AssetSaved", "Count", 1, {{"devKey", kDevKeyHash}}},
+      {0, "OmraKit.AssetSaved", "Count", 1, {}},
+      {1, "OmraKit.TriggerTransformComputeTime", "Seconds", 2.5, {}},
+      {2, "OmraKit.RelocalizationTime.SU", "Seconds", 1.25, {{"devKey", kDevKeyHash}}},
+  };
+  size_t index = 0;
+  for (const auto& call : calls) EXPECT_EQ(call.nameSpace, "OmraKit");
+  for (const auto& w : want) {
+    SCOPED_TRACE(w.name);
+    const auto& data = calls[w.call].data;
+    const size_t i = (w.call == 0) ? index++ : 0;
+    ASSERT_EQ(data.size(), w.call == 0 ? 2u : 1u);
+    EXPECT_EQ(data[i].metricName, w.name);
+    EXPECT_EQ(data[i].unit, w.unit);
+    EXPECT_EQ(data[i].value, w.value);
+    EXPECT_EQ(data[i].dimensions, w.dimensions);
+    EXPECT_GT(data[i].timestamp, 1.6e9);
+  }
 }
 
 }  // namespace

@@ -78,11 +78,12 @@ TEST(CompressionTest, InteroperatesWithAnotherRawDeflateCodec) {
   const auto dir =
       std::filesystem::path(::testing::TempDir()) / ("omra-deflate-" + std::to_string(::getpid()));
   std::filesystem::create_directories(dir);
+  auto file = [&](const char* kind, size_t i) { return dir / (kind + std::to_string(i)); };
   const std::vector<std::string> inputs = {"", "1.000000,0.500000", repetitive(300000),
                                            randomBytes(70000, 9)};
   for (size_t i = 0; i < inputs.size(); ++i) {
-    std::ofstream(dir / ("plain" + std::to_string(i)), std::ios::binary) << inputs[i];
-    std::ofstream(dir / ("kit" + std::to_string(i)), std::ios::binary) << *compress(inputs[i]);
+    std::ofstream(file("plain", i), std::ios::binary) << inputs[i];
+    std::ofstream(file("kit", i), std::ios::binary) << *compress(inputs[i]);
   }
   const std::string script =
       "import sys, zlib, pathlib\n"
@@ -97,7 +98,7 @@ TEST(CompressionTest, InteroperatesWithAnotherRawDeflateCodec) {
                               dir.string() + "' " + std::to_string(inputs.size());
   ASSERT_EQ(std::system(command.c_str()), 0) << "Python could not inflate the kit's streams";
   for (size_t i = 0; i < inputs.size(); ++i) {
-    std::ifstream in(dir / ("py" + std::to_string(i)), std::ios::binary);
+    std::ifstream in(file("py", i), std::ios::binary);
     const std::string py((std::istreambuf_iterator<char>(in)), {});
     const auto unpacked = decompress(py);
     ASSERT_TRUE(unpacked.has_value()) << i;

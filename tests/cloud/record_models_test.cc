@@ -19,58 +19,40 @@
 #include "src/cloud/record_writer.h"
 #include "src/cloud/scene_understanding_model.h"
 #include "src/cloud/transform_result_model.h"
+#include "src/platform/memory_logger.h"
 #include "src/platform/store/memory_record_store.h"
 
 namespace omra {
 namespace {
 
-using Type = AttributeValue::Type;
-using Types = std::map<std::string, Type>;
-
-Types typesOf(const Item& item) {
-  Types t;
-  for (const auto& [name, value] : item) t[name] = value.type;
-  return t;
+// "Name:T" per attribute in name order; T is S (string), N (number), B (bytes) or M (string map).
+std::string typesOf(const Item& item) {
+  std::map<std::string, AttributeValue::Type> sorted;
+  for (const auto& [name, value] : item) sorted[name] = value.type;
+  std::string text;
+  for (const auto& [name, type] : sorted) text += " " + name + ":" + "SNBM"[static_cast<int>(type)];
+  return text.substr(1);
 }
 
 TEST(RecordModelsTest, TablesAndKeys) {
-  const auto schemas = recordTableSchemas();
-  const std::vector<std::tuple<std::string, std::string, std::string>> want = {
-      {"MapData-ImageFeatures", "SessionId", "FrameId"},
-      {"MapData-SceneUnderstanding", "SessionId", "FrameId"},
-      {"MapData-DetectedPlanes", "SessionId", "FrameId"},
-      {"MapData-CameraPath", "SessionId", "FrameId"},
-      {"MapData-PointCloud", "SessionId", "FrameId"},
-      {"Transformations", "SessionId", "Timestamp"}};
-  ASSERT_EQ(schemas.size(), want.size());
-  for (size_t i = 0; i < want.size(); ++i) {
-    EXPECT_EQ(schemas[i].name, std::get<0>(want[i]));
-    EXPECT_EQ(schemas[i].hashKey, std::get<1>(want[i]));
-    EXPECT_EQ(schemas[i].hashType, KeyType::kString);
-    EXPECT_EQ(schemas[i].rangeKey, std::get<2>(want[i]));
-    EXPECT_EQ(schemas[i].rangeType, KeyType::kNumber);
+  std::string text;
+  for (const auto& s : recordTableSchemas()) {
+    EXPECT_EQ(s.hashType, KeyType::kString) << s.name;
+    EXPECT_EQ(s.rangeType, KeyType::kNumber) << s.name;
+    text += s.name + "(" + s.hashKey + "," + s.rangeKey.value_or("none") + ") ";
   }
+  EXPECT_EQ(
+      text,
+      "MapData-ImageFeatures(SessionId,FrameId) MapData-SceneUnderstanding(SessionId,FrameId) "
+      "MapData-DetectedPlanes(SessionId,FrameId) MapData-CameraPath(SessionId,FrameId) "
+      "MapData-PointCloud(SessionId,FrameId) Transformations(SessionId,Timestamp) ");
 }
 
+// Features go out as printf("%f") texts joined by commas, compressed.
 TEST(RecordModelsTest, ImageFeaturesAreCompressedPercentFText) {
-  const std::vector<std::pair<std::vector<double>, std::string>> cases = {
-      {{1, 0.5}, "1.000000,0.500000"},
-      {{}, ""},
-      {{-0.0000004, 0.0000015, 123456789.125, -2}, "-0.000000,0.000002,123456789.125000,-2.000000"},
-      {{std::numeric_limits<double>::infinity()}, "inf"},
-  };
-  for (const auto& [features, text] : cases) {
-    EXPECT_EQ(ImageFeaturesModel::featureText(features), text);
-    const ImageFeaturesModel m("S", 3, features);
-    ASSERT_TRUE(m.featuresC.has_value());
-    EXPECT_FALSE(m.featuresC->empty());  // compressed zero bytes is still a stream
-    EXPECT_EQ(decompress(*m.featuresC).value_or("<bad>"), text);
-  }
-}
-
-TEST(RecordModelsTest, FeatureTextMatchesPrintfForAnyDouble) {
   std::mt19937_64 rng(7);
-  std::vector<double> values = {0.0000005, 2.5e-6, -1e300, 1e-320, 0.1, 1234.5678905};
+  std::vector<double> values = {1,      0.5,    -0.0000004, 0.0000015, 123456789.125, -2,
+                                2.5e-6, -1e300, 1e-320,     0.1,       1234.5678905,  INFINITY};
   for (int i = 0; i < 2000; ++i) {
     uint64_t bits = rng();
     double d;
@@ -81,27 +63,27 @@ TEST(RecordModelsTest, FeatureTextMatchesPrintfForAnyDouble) {
   std::string want;
   char buf[400];
   for (size_t i = 0; i < values.size(); ++i) {
-    if (i > 0) want += ',';
     std::snprintf(buf, sizeof buf, "%f", values[i]);
-    want += buf;
+    want += (i > 0 ? "," : "") + std::string(buf);
   }
   EXPECT_EQ(ImageFeaturesModel::featureText(values), want);
+  EXPECT_EQ(want.substr(0, 63), "1.000000,0.500000,-0.000000,0.000002,123456789.125000,-2.000000");
+  for (const auto& features : {values, std::vector<double>{}}) {
+    const ImageFeaturesModel m("S", 3, features);
+    ASSERT_TRUE(m.featuresC.has_value());
+    EXPECT_FALSE(m.featuresC->empty());  // compressed zero bytes is still a stream
+    EXPECT_EQ(decompress(*m.featuresC).value_or("<bad>"),
+              ImageFeaturesModel::featureText(features));
+  }
 }
 
 TEST(RecordModelsTest, ItemsCarryExactlyTheNamedTypedAttributes) {
   const double before = wallClockSeconds();
   const SceneUnderstandingModel object("S", 12, 0.1f, -2.5f, 3.0f, "chair", 0.875f, 7, true);
   const Item o = object.toItem();
-  EXPECT_EQ(typesOf(o), (Types{{"SessionId", Type::kString},
-                               {"FrameId", Type::kNumber},
-                               {"PositionX", Type::kNumber},
-                               {"PositionY", Type::kNumber},
-                               {"PositionZ", Type::kNumber},
-                               {"ObjectName", Type::kString},
-                               {"Confidence", Type::kNumber},
-                               {"ObjectId", Type::kNumber},
-                               {"Timestamp", Type::kNumber},
-                               {"IsLocalizationSession", Type::kNumber}}));
+  EXPECT_EQ(typesOf(o),
+            "Confidence:N FrameId:N IsLocalizationSession:N ObjectId:N ObjectName:S PositionX:N "
+            "PositionY:N PositionZ:N SessionId:S Timestamp:N");
   EXPECT_EQ(o.at("FrameId").text, "12");
   EXPECT_EQ(o.at("PositionX").text, "0.1");  // the float's shortest text, not 0.100000001
   EXPECT_EQ(o.at("PositionY").text, "-2.5");
@@ -122,21 +104,14 @@ TEST(RecordModelsTest, ItemsCarryExactlyTheNamedTypedAttributes) {
   EXPECT_EQ(p.at("IsRemoved").text, "0");
 
   const Item removal = DetectedPlaneModel("S", 5, "P-1", true, true).toItem();
-  EXPECT_EQ(typesOf(removal), (Types{{"SessionId", Type::kString},
-                                     {"FrameId", Type::kNumber},
-                                     {"PlaneId", Type::kString},
-                                     {"Timestamp", Type::kNumber},
-                                     {"IsLocalizationSession", Type::kNumber},
-                                     {"IsRemoved", Type::kNumber}}));
+  EXPECT_EQ(typesOf(removal),
+            "FrameId:N IsLocalizationSession:N IsRemoved:N PlaneId:S SessionId:S Timestamp:N");
   EXPECT_EQ(removal.at("IsRemoved").text, "1");
 
   const Item path = CameraPathModel("S", 40, {{"40", "1.0,"}}).toItem();
   EXPECT_EQ(path.at("Transforms"), AttributeValue::stringMap({{"40", "1.0,"}}));
   const Item cloud = PointCloudModel("S", 180, {}, {}).toItem();
-  EXPECT_EQ(typesOf(cloud), (Types{{"SessionId", Type::kString},
-                                   {"FrameId", Type::kNumber},
-                                   {"FramesToFeatureId_C", Type::kBytes},
-                                   {"Features_C", Type::kBytes}}));
+  EXPECT_EQ(typesOf(cloud), "Features_C:B FrameId:N FramesToFeatureId_C:B SessionId:S");
   EXPECT_TRUE(TransformResultModel().toItem().empty());
 }
 
@@ -197,36 +172,25 @@ TEST(RecordModelsTest, FromItemReadsBackAndRejectsWrongTypes) {
   EXPECT_FALSE(DetectedPlaneModel::fromItem(plane).has_value());
 }
 
-class PrintLog : public Logger {
- public:
-  void print(std::string_view m) override {
-    std::lock_guard lock(mu_);
-    prints.emplace_back(m);
-  }
-  void systemLog(LogLevel, std::string_view) override {}
-  std::mutex mu_;
-  std::vector<std::string> prints;
-};
-
 TEST(RecordWriterTest, PrintsOnlyFailedSaves) {
   auto store = std::make_shared<MemoryRecordStore>();
-  auto log = std::make_shared<PrintLog>();
+  auto log = std::make_shared<MemoryLogger>();
   RecordWriter writer(store, log);
   int failures = 0;
   writer.save(CameraPathModel("S", 0, {}), [&](bool ok) { failures += !ok; });
-  ASSERT_EQ(log->prints.size(), 1u);  // no tables yet
-  EXPECT_EQ(log->prints[0],
+  ASSERT_EQ(log->prints().size(), 1u);  // no tables yet
+  EXPECT_EQ(log->prints().at(0),
             "Amazon DynamoDB Save Error: Cannot do operations on a non-existent "
             "table: MapData-CameraPath");
   ASSERT_FALSE(ensureRecordTables(*store).has_value());
   writer.save(CameraPathModel("S", 0, {}), [&](bool ok) { failures += !ok; });
-  EXPECT_EQ(log->prints.size(), 1u);
+  EXPECT_EQ(log->prints().size(), 1u);
   EXPECT_EQ(failures, 1);
   EXPECT_EQ(store->itemCount(CameraPathModel::kTableName), 1u);
 
   RecordWriter none(nullptr, log);
   none.save(CameraPathModel("S", 0, {}));
-  EXPECT_EQ(log->prints.size(), 2u);
+  EXPECT_EQ(log->prints().size(), 2u);
 }
 
 }  // namespace

@@ -9,21 +9,11 @@
 #include "src/cloud/point_cloud_model.h"
 #include "src/cloud/point_cloud_model_queue.h"
 #include "src/cloud/record_tables.h"
+#include "src/platform/memory_logger.h"
 #include "src/platform/store/memory_record_store.h"
 
 namespace omra {
 namespace {
-
-class Prints : public Logger {
- public:
-  void print(std::string_view m) override {
-    std::lock_guard lock(mu_);
-    lines.emplace_back(m);
-  }
-  void systemLog(LogLevel, std::string_view) override {}
-  std::mutex mu_;
-  std::vector<std::string> lines;
-};
 
 Matrix4x4 translation(float x, float y, float z) {
   Matrix4x4 m;
@@ -35,26 +25,21 @@ class QueueTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_FALSE(ensureRecordTables(*store_).has_value()); }
 
-  std::vector<CameraPathModel> cameraRecords(const std::string& session = "S") {
-    std::vector<CameraPathModel> out;
-    for (const Item& i :
-         queryAll(*store_, CameraPathModel::kTableName, AttributeValue::string(session))) {
-      out.push_back(*CameraPathModel::fromItem(i));
+  // The records of one table for session "S", read back.
+  template <typename Model>
+  std::vector<Model> records() {
+    std::vector<Model> out;
+    for (const Item& i : queryAll(*store_, Model::kTableName, AttributeValue::string("S"))) {
+      out.push_back(*Model::fromItem(i));
     }
     return out;
   }
-  std::vector<PointCloudModel> cloudRecords() {
-    std::vector<PointCloudModel> out;
-    for (const Item& i :
-         queryAll(*store_, PointCloudModel::kTableName, AttributeValue::string("S"))) {
-      out.push_back(*PointCloudModel::fromItem(i));
-    }
-    return out;
-  }
+  std::vector<CameraPathModel> cameraRecords() { return records<CameraPathModel>(); }
+  std::vector<PointCloudModel> cloudRecords() { return records<PointCloudModel>(); }
 
   std::optional<std::string> session_ = "S";
   std::shared_ptr<MemoryRecordStore> store_ = std::make_shared<MemoryRecordStore>();
-  std::shared_ptr<Prints> prints_ = std::make_shared<Prints>();
+  std::shared_ptr<MemoryLogger> prints_ = std::make_shared<MemoryLogger>();
   RecordWriter writer_{store_, prints_};
   SessionIdSource sessionId_ = [this] { return session_; };
 };
@@ -88,7 +73,7 @@ TEST_F(QueueTest, CameraBlocksOfTwentyFrameNumbers) {
             "1.0,0.0,0.0,19.0,0.0,1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.0,0.0,0.0,1.0,");
   EXPECT_EQ(q.queuedCameraPathStart(), 20);
   EXPECT_EQ(q.queuedCameraPaths().size(), 1u);
-  EXPECT_TRUE(prints_->lines.empty());
+  EXPECT_TRUE(prints_->prints().empty());
 }
 
 TEST_F(QueueTest, CameraGapsStepsBackAndRepeats) {
@@ -126,8 +111,8 @@ TEST_F(QueueTest, MissingSessionIsPrintedAndNothingStored) {
   q.add(Matrix4x4::identity(), 1);
   q.save();
   EXPECT_EQ(store_->itemCount(CameraPathModel::kTableName), 0u);
-  ASSERT_EQ(prints_->lines.size(), 1u);
-  EXPECT_EQ(prints_->lines[0].rfind("Amazon DynamoDB Save Error: ", 0), 0u);
+  ASSERT_EQ(prints_->prints().size(), 1u);
+  EXPECT_EQ(prints_->prints().at(0).rfind("Amazon DynamoDB Save Error: ", 0), 0u);
 }
 
 TEST_F(QueueTest, PointCloudBlocksOfOneEightyFrameNumbers) {
@@ -156,7 +141,7 @@ TEST_F(QueueTest, PointCloudBlocksOfOneEightyFrameNumbers) {
   records = cloudRecords();
   ASSERT_EQ(records.size(), 1u);  // replaced the (S, 0) record
   EXPECT_EQ(decompress(*records[0].framesToFeatureIdC), "{10:[8],180:[7]}");
-  EXPECT_TRUE(prints_->lines.empty());
+  EXPECT_TRUE(prints_->prints().empty());
 }
 
 TEST_F(QueueTest, PointCloudWithFewerPointsThanIdentifiersIsFatal) {

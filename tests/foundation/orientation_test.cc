@@ -2,26 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include "omrakit/platform/device_info.h"
+#include "src/platform/fixed_device_info.h"
 
 namespace omra {
 namespace {
 
-class DeclaredOrientations : public DeviceInfo {
- public:
-  explicit DeclaredOrientations(std::optional<std::vector<std::string>> o)
-      : orientations_(std::move(o)) {}
-  std::optional<std::string> bundleIdentifier() const override { return "test.app"; }
-  std::string systemVersion() const override { return "1"; }
-  std::string machineName() const override { return "x86_64"; }
-  std::optional<std::string> identifierForVendor() const override { return std::nullopt; }
-  std::optional<std::vector<std::string>> supportedInterfaceOrientations() const override {
-    return orientations_;
-  }
-
- private:
-  std::optional<std::vector<std::string>> orientations_;
-};
+FixedDeviceInfo declaring(std::optional<std::vector<std::string>> orientations) {
+  FixedDeviceInfo::Values v;
+  v.supportedInterfaceOrientations = std::move(orientations);
+  return FixedDeviceInfo(v);
+}
 
 TEST(Orientation, RawValues) {
   EXPECT_EQ(phoneOrientationFromRawValue(1), phoneOrientation::portrait);
@@ -52,11 +42,11 @@ TEST(Orientation, ApplicationSupportFromDeclarations) {
       {std::nullopt, supportedOrientations::portrait},
   };
   for (const auto& c : cases) {
-    DeclaredOrientations device(c.declared);
-    EXPECT_EQ(applicationSupportedOrientations(device), c.expected);
+    EXPECT_EQ(applicationSupportedOrientations(declaring(c.declared)), c.expected)
+        << (c.declared ? c.declared->size() : 99);
   }
-  DeclaredOrientations none(std::nullopt);
-  EXPECT_FALSE(isOrientationSupported(none, "UIInterfaceOrientationLandscapeLeft"));
+  EXPECT_FALSE(
+      isOrientationSupported(declaring(std::nullopt), "UIInterfaceOrientationLandscapeLeft"));
 }
 
 TEST(Orientation, CorrectOrientationConversion) {

@@ -82,9 +82,7 @@ TEST(Vector3, ThetaIsHeadingFromPlusXTowardsPlusZ) {
 TEST(Quaternion, EulerAppliesZThenXThenY) {
   // A single y angle: (0, sin(y/2), 0, cos(y/2)).
   const Quaternion qy = Quaternion::euler(0, 90, 0);
-  EXPECT_NEAR(qy.x(), 0, kEps);
-  EXPECT_NEAR(qy.y(), std::sin(kPi / 4), kEps);
-  EXPECT_NEAR(qy.z(), 0, kEps);
+  expectNear(Vector3(qy.x(), qy.y(), qy.z()), Vector3(0, std::sin(kPi / 4), 0));
   EXPECT_NEAR(qy.w(), std::cos(kPi / 4), kEps);
   expectNear(qy.rotate(Vector3(1, 0, 0)), Vector3(0, 0, -1));
   expectNear(Quaternion::euler(90, 0, 0).rotate(Vector3(0, 1, 0)), Vector3(0, 0, 1));

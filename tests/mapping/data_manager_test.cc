@@ -138,13 +138,8 @@ TEST(DataManager, DictionaryConversion) {
 TEST(DataManager, DataDirectoryCarriesTheCreationTime) {
   MappingHarness h(SessionMode::mapping);
   std::tm t{};
-  t.tm_year = 124;
-  t.tm_mon = 0;
-  t.tm_mday = 31;
-  t.tm_hour = 15;
-  t.tm_min = 45;
-  t.tm_sec = 2;
-  t.tm_isdst = -1;
+  ASSERT_TRUE(strptime("2024-01-31 15:45:02", "%Y-%m-%d %H:%M:%S", &t));
+  t.tm_isdst = -1;  // local time, whatever the season
   auto when = std::chrono::system_clock::from_time_t(std::mktime(&t));
   auto manager = DataManager::create({h.cloudApi, h.logger, h.dispatcher.get(), nullptr},
                                      SessionMode::mapping, {"a", "u", "m"}, when);

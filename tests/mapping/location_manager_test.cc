@@ -34,17 +34,9 @@ class ScriptedSource : public LocationSource {
   std::shared_ptr<bool> stopped = std::make_shared<bool>(false);
 };
 
-Location at(double lon, double lat) {
-  Location l;
-  l.longitude = lon;
-  l.latitude = lat;
-  l.altitude = 12;
-  l.horizontalAccuracy = 5;
-  l.verticalAccuracy = 3;
-  return l;
-}
+Location at(double lon, double lat) { return Location{lon, lat, 12, 5, 3}; }
 
-TEST(LocationManager, NoSourceMeansNoLocation) {
+TEST(LocationManager, LocationsReachTheDelegateWhileItLivesAndTheLastIsKept) {
   auto manager = LocationManager::create(nullptr);
   EXPECT_FALSE(manager->currentLocation());
   EXPECT_FALSE(manager->currentHeading());
@@ -52,18 +44,19 @@ TEST(LocationManager, NoSourceMeansNoLocation) {
   EXPECT_EQ(info.cameraFrameId, 7u);
   EXPECT_FALSE(info.longitude);
   EXPECT_FALSE(info.heading);
-}
 
-TEST(LocationManager, EveryLocationReachesTheDelegateAndTheLastIsKept) {
-  auto manager = LocationManager::create(nullptr);
   auto delegate = std::make_shared<RecordingDelegate>();
   manager->setDelegate(delegate);
   manager->didUpdateLocations({at(1, 2), at(3, 4), at(5, 6)});
   ASSERT_EQ(delegate->locations.size(), 3u);
   EXPECT_EQ(delegate->locations[1].longitude, 3);
-  ASSERT_TRUE(manager->currentLocation());
-  EXPECT_EQ(manager->currentLocation()->longitude, 5);
-  EXPECT_EQ(manager->currentLocation()->latitude, 6);
+  EXPECT_EQ(manager->currentLocation().value().longitude, 5);
+  EXPECT_EQ(manager->currentLocation().value().latitude, 6);
+
+  delegate.reset();  // held weakly: a dropped delegate is not touched
+  manager->didUpdateLocations({at(7, 8)});
+  EXPECT_EQ(manager->currentLocation().value().longitude, 7);
+  EXPECT_TRUE(manager->shouldDisplayHeadingCalibration());
 }
 
 TEST(LocationManager, HeadingChoosesTrueOrMagneticByAccuracy) {
@@ -96,8 +89,7 @@ TEST(LocationManager, SourceUpdatesFlowInAndSourceStopsWithTheManager) {
   ASSERT_TRUE(source->location);
   source->location(at(10, 20));
   source->heading(271.5);
-  ASSERT_TRUE(manager->currentLocation());
-  EXPECT_EQ(manager->currentLocation()->latitude, 20);
+  EXPECT_EQ(manager->currentLocation().value().latitude, 20);
   EXPECT_EQ(*manager->currentHeading(), 271.5);
   LocationInfo info = manager->locationInfo(3);
   EXPECT_EQ(*info.altitude, 12);
@@ -106,16 +98,6 @@ TEST(LocationManager, SourceUpdatesFlowInAndSourceStopsWithTheManager) {
   manager.reset();
   EXPECT_TRUE(*stopped);
   late(at(0, 0));  // a late delivery after the manager is gone is harmless
-}
-
-TEST(LocationManager, DelegateIsHeldWeakly) {
-  auto manager = LocationManager::create(nullptr);
-  auto delegate = std::make_shared<RecordingDelegate>();
-  manager->setDelegate(delegate);
-  delegate.reset();
-  manager->didUpdateLocations({at(1, 1)});  // must not touch the dropped delegate
-  EXPECT_TRUE(manager->currentLocation());
-  EXPECT_TRUE(manager->shouldDisplayHeadingCalibration());
 }
 
 }  // namespace

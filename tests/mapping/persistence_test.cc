@@ -30,20 +30,14 @@ struct Recorder {
   }
   ~Recorder() { persistence.reset(); }
 
-  std::vector<DetectedPlaneModel> planes() const {
-    std::vector<DetectedPlaneModel> models;
-    for (const Item& item : h.records(DetectedPlaneModel::kTableName)) {
-      models.push_back(*DetectedPlaneModel::fromItem(item));
-    }
+  // The records of one table for the current session, read back.
+  template <typename Model>
+  std::vector<Model> models() const {
+    std::vector<Model> models;
+    for (const Item& item : h.records(Model::kTableName)) models.push_back(*Model::fromItem(item));
     return models;
   }
-  std::vector<SceneUnderstandingModel> objects() const {
-    std::vector<SceneUnderstandingModel> models;
-    for (const Item& item : h.records(SceneUnderstandingModel::kTableName)) {
-      models.push_back(*SceneUnderstandingModel::fromItem(item));
-    }
-    return models;
-  }
+  std::vector<DetectedPlaneModel> planes() const { return models<DetectedPlaneModel>(); }
 
   MappingHarness h;
   std::shared_ptr<Persistence> persistence;
@@ -113,23 +107,12 @@ TEST(PersistencePlanes, RecordFields) {
   r.persistence->planeRemoved(plane("AB-1", PlaneAlignment::kVertical));
   std::vector<DetectedPlaneModel> planes = r.planes();
   ASSERT_EQ(planes.size(), 2u);  // the removal replaced the record of frame 3 (same key)
-  const DetectedPlaneModel& first = planes[0];
-  EXPECT_EQ(first.sessionId, "LOC-1");
-  EXPECT_EQ(first.frameId, 2);
-  EXPECT_EQ(first.planeId, "AB-1");
-  EXPECT_EQ(first.alignment, "vertical");
-  EXPECT_EQ(first.vertices, "0.5,0.0,-1.0|1.0,0.0,2.0");
-  EXPECT_EQ(first.transformMatrix,
-            "1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.0,0.0,0.0,1.0");
-  EXPECT_EQ(first.isLocalizationSession, true);
-  EXPECT_EQ(first.isRemoved, false);
-  const DetectedPlaneModel& removal = planes[1];
-  EXPECT_EQ(removal.frameId, 3);
-  EXPECT_EQ(removal.planeId, "AB-1");
-  EXPECT_EQ(removal.alignment, "vertical");
-  EXPECT_EQ(removal.vertices, "-");
-  EXPECT_EQ(removal.transformMatrix, "-");
-  EXPECT_EQ(removal.isRemoved, true);
+  DetectedPlaneModel first("LOC-1", 2, "AB-1", "vertical", "0.5,0.0,-1.0|1.0,0.0,2.0", true,
+                           Persistence::transformString(Matrix4x4::identity()), false);
+  DetectedPlaneModel removal("LOC-1", 3, "AB-1", "vertical", "-", true, "-", true);
+  first.timestamp = planes[0].timestamp;
+  removal.timestamp = planes[1].timestamp;
+  EXPECT_EQ(planes, (std::vector<DetectedPlaneModel>{first, removal}));
 }
 
 TEST(PersistencePlanes, OldPlatformGetsThreeVerticesAroundTheCentre) {
@@ -196,16 +179,11 @@ TEST(PersistenceObjects, RecordFields) {
   Recorder r(SessionMode::localization);
   for (int i = 0; i < 4; ++i) r.persistence->advanceFrameCounter();
   r.persistence->objectsFound({object("cup", 0.75f, {1.5f, -0.25f, 2}, 42)});
-  std::vector<SceneUnderstandingModel> objects = r.objects();
+  std::vector<SceneUnderstandingModel> objects = r.models<SceneUnderstandingModel>();
   ASSERT_EQ(objects.size(), 1u);
-  EXPECT_EQ(objects[0].sessionId, "LOC-1");
-  EXPECT_EQ(objects[0].frameId, 4);
-  EXPECT_EQ(objects[0].objectName, "cup");
-  EXPECT_EQ(objects[0].positionX, 1.5f);
-  EXPECT_EQ(objects[0].positionY, -0.25f);
-  EXPECT_EQ(objects[0].confidence, 0.75f);
-  EXPECT_EQ(objects[0].objectId, 42);
-  EXPECT_EQ(objects[0].isLocalizationSession, true);
+  SceneUnderstandingModel want("LOC-1", 4, 1.5f, -0.25f, 2, "cup", 0.75f, 42, true);
+  want.timestamp = objects[0].timestamp;
+  EXPECT_EQ(objects[0], want);
 }
 
 TEST(PersistenceFrames, ActivationAndCameraPathRecords) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "omrakit/settings.h"
+#include "src/foundation/number_format.h"
 #include "src/mapping/persistence.h"
 #include "tests/mapping/mapping_testutil.h"
 
@@ -39,53 +40,55 @@ struct Relocalization {
   std::shared_ptr<Persistence> persistence;
 };
 
-TEST(Relocalization, ImageMatcherAcceptsOnlyStrictImprovements) {
-  Relocalization r;
-  for (float v : {0.2f, 0.2f, 0.3f, 0.1f}) {
-    r.persistence->transformRetrieved("full_image_matcher", "0,0,0,0", v);
+// Image-matcher results count when strictly better; scene-understanding ones from 0.55 on, when
+// better than any of their family. Once one of those is accepted, the image matcher no longer moves
+// assets. Each family's first accepted result posts its time (with and without the key), and each
+// accepted image-matcher result seeds the scene-understanding localizer.
+TEST(Relocalization, WhichAnswersMoveTheAssets) {
+  const char *IM = "full_image_matcher", *SU = "su_localizer", *SEEDED = "su_localizer_seeded";
+  auto text = [](std::optional<float> v) { return v ? formatFloatShortest(*v) : "-"; };
+  const struct {
+    std::vector<std::pair<const char*, float>> answers;
+    std::string outcome;  // moves, seeded requests, time metrics IM/SU, best values IM/SU
+    const char* log;      // a line printed on the way
+  } cases[] = {
+      {{{IM, 0.2f}, {IM, 0.2f}, {IM, 0.3f}, {IM, 0.1f}},
+       "moves 2 seeded 2 metrics 2/0 best 0.3/-",
+       "Received image matcher result full_image_matcher: 0.2"},
+      {{{SU, 0.5f}, {SU, 0.6f}, {SU, 0.58f}, {SU, 0.7f}, {SU, 0.55f}},
+       "moves 2 seeded 0 metrics 0/2 best -/0.7",
+       "Received SU result su_localizer: 0.7"},
+      {{{SU, 0.7f}, {SEEDED, 0.65f}, {SEEDED, 0.8f}},
+       "moves 2 seeded 0 metrics 0/2 best -/0.8",
+       "Received SU result su_localizer_seeded: 0.8"},
+      {{{SU, 0.6f}, {IM, 0.9f}},
+       "moves 1 seeded 1 metrics 2/2 best 0.9/0.6",
+       "Received image matcher result full_image_matcher: 0.9"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.log);
+    Relocalization r;
+    for (const auto& [localizer, value] : c.answers) {
+      r.persistence->transformRetrieved(localizer, "0,0,0,0", value);
+    }
+    EXPECT_EQ("moves " + std::to_string(r.h.assetsFound().size()) + " seeded " +
+                  std::to_string(r.seededRequests()) + " metrics " +
+                  std::to_string(r.metric("OmraKit.RelocalizationTime.FullImageMatcher")) + "/" +
+                  std::to_string(r.metric("OmraKit.RelocalizationTime.SU")) + " best " +
+                  text(r.persistence->bestImageMatcherMatchValue()) + "/" +
+                  text(r.persistence->bestSULocalizerMatchValue()),
+              c.outcome);
+    EXPECT_TRUE(r.h.logger->contains(c.log));
   }
-  EXPECT_EQ(r.h.assetsFound().size(), 2u);
-  EXPECT_EQ(r.persistence->bestImageMatcherMatchValue(), 0.3f);
-  // The time to the first accepted result, with and without the developer key.
-  EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.FullImageMatcher"), 2u);
-  EXPECT_EQ(r.seededRequests(), 2u);  // each accepted result seeds the SU localizer
-  EXPECT_TRUE(r.h.logger->contains("Received image matcher result full_image_matcher: 0.2"));
-}
-
-TEST(Relocalization, SceneUnderstandingNeedsAtLeast055AndImprovements) {
-  Relocalization r;
-  for (float v : {0.5f, 0.6f, 0.58f, 0.7f, 0.55f}) {
-    r.persistence->transformRetrieved("su_localizer", "0,0,0,0", v);
-  }
-  EXPECT_EQ(r.h.assetsFound().size(), 2u);
-  EXPECT_EQ(r.persistence->bestSULocalizerMatchValue(), 0.7f);
-  EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.SU"), 2u);
-  // The seeded localizer shares the family's best value.
-  r.persistence->transformRetrieved("su_localizer_seeded", "0,0,0,0", 0.65f);
-  EXPECT_EQ(r.h.assetsFound().size(), 2u);
-  r.persistence->transformRetrieved("su_localizer_seeded", "0,0,0,0", 0.8f);
-  EXPECT_EQ(r.h.assetsFound().size(), 3u);
-  EXPECT_EQ(r.seededRequests(), 0u);
-}
-
-TEST(Relocalization, SceneUnderstandingTakesPrecedenceOverImageMatcher) {
-  Relocalization r;
-  r.persistence->transformRetrieved("su_localizer", "0,0,0,0", 0.6f);
-  r.persistence->transformRetrieved("full_image_matcher", "5,0,0,0", 0.9f);
-  EXPECT_EQ(r.h.assetsFound().size(), 1u);  // the image matcher no longer moves assets
-  EXPECT_EQ(r.persistence->bestImageMatcherMatchValue(), 0.9f);
-  EXPECT_EQ(r.seededRequests(), 1u);
 }
 
 TEST(Relocalization, AssetsAreMovedIntoTheSessionFrame) {
   Relocalization r;
   r.persistence->transformRetrieved("su_localizer", "1,0,2,0", 0.6f);
   ASSERT_EQ(r.h.assetsFound().size(), 1u);
-  std::vector<MapAsset> assets = r.h.assetsFound()[0];
+  const std::vector<MapAsset> assets = r.h.assetsFound()[0];
   ASSERT_EQ(assets.size(), 2u);
-  EXPECT_EQ(assets[0].assetID, "lamp");
-  EXPECT_EQ(assets[0].position, Vector3(2, 1, 3));
-  EXPECT_FLOAT_EQ(assets[0].orientation, 0.5f);
+  EXPECT_EQ(assets[0], MapAsset("lamp", Vector3(2, 1, 3), 0.5f));
   EXPECT_EQ(assets[0].confidence, 0.5f);
   EXPECT_EQ(assets[0].matrix, "");
   EXPECT_TRUE(r.h.logger->contains("Relocalized asset new position (2.0, 1.0, 3.0) - dist: "));
@@ -107,25 +110,27 @@ TEST(Relocalization, MalformedInputIsDroppedNotFatal) {
   EXPECT_EQ(r.metric("OmraKit.RelocalizationTime.SU"), 0u);
 
   // Placements with missing or mistyped fields are skipped; the others are returned.
-  Relocalization bad;
-  bad.h.findAssetsReply = Json::parse(R"({"placements":[
-      {"placement":{"x":1,"y":1,"z":1},"asset":{"id":"no-ori"}},
-      {"placement":{"x":"1","y":1,"z":1,"ori":0},"asset":{"id":"text-x"}},
-      {"placement":{"x":1,"y":1,"z":1,"ori":0},"asset":{}},
-      7,
-      {"placement":{"x":0,"y":0,"z":0,"ori":0},"asset":{"id":"ok"}}]})");
-  bool fetched = false;
-  bad.h.dataManager->retrieveAssets([&](const Json&) { fetched = true; });
-  bad.h.pumpUntil([&] { return fetched; });
-  std::vector<MapAsset> assets = bad.persistence->convertAssetsToLocalFrame("0,0,0,0");
-  ASSERT_EQ(assets.size(), 1u);
-  EXPECT_EQ(assets[0].assetID, "ok");
-
-  bad.h.findAssetsReply = Json::parse(R"({"placements":{"not":"an array"}})");
-  fetched = false;
-  bad.h.dataManager->retrieveAssets([&](const Json&) { fetched = true; });
-  bad.h.pumpUntil([&] { return fetched; });
-  EXPECT_TRUE(bad.persistence->convertAssetsToLocalFrame("0,0,0,0").empty());
+  const std::pair<const char*, std::vector<std::string>> replies[] = {
+      {R"({"placements":[
+          {"placement":{"x":1,"y":1,"z":1},"asset":{"id":"no-ori"}},
+          {"placement":{"x":"1","y":1,"z":1,"ori":0},"asset":{"id":"text-x"}},
+          {"placement":{"x":1,"y":1,"z":1,"ori":0},"asset":{}},
+          7,
+          {"placement":{"x":0,"y":0,"z":0,"ori":0},"asset":{"id":"ok"}}]})",
+       {"ok"}},
+      {R"({"placements":{"not":"an array"}})", {}},
+  };
+  for (const auto& [reply, ids] : replies) {
+    r.h.findAssetsReply = Json::parse(reply);
+    bool fetched = false;
+    r.h.dataManager->retrieveAssets([&](const Json&) { fetched = true; });
+    r.h.pumpUntil([&] { return fetched; });
+    std::vector<std::string> found;
+    for (const MapAsset& a : r.persistence->convertAssetsToLocalFrame("0,0,0,0")) {
+      found.push_back(a.assetID);
+    }
+    EXPECT_EQ(found, ids) << reply;
+  }
 }
 
 TEST(Relocalization, PollingEveryIntervalUntilRestart) {

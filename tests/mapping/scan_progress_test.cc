@@ -10,61 +10,48 @@
 namespace omra {
 namespace {
 
-// Runs events through a ScanProgress with the two registrations Persistence makes, and logs
-// which trigger fired at which event.
-struct ProgressRun {
-  explicit ProgressRun(SessionMode mode) : harness(mode) {
-    progress = std::make_unique<ScanProgress>(harness.state,
-                                              [this](int64_t count) { counts.push_back(count); });
-    progress->registerTrigger([this] { fired.push_back("image@" + std::to_string(counts.back())); },
-                              1);
-    progress->registerTrigger(
-        [this] { fired.push_back("transform@" + std::to_string(counts.back())); }, 4);
-  }
-  size_t metricCount() const {
-    size_t n = 0;
-    for (const std::string& name : harness.metricNames()) {
-      n += name == "OmraKit.TriggerTransformComputeTime";
+// Events through a ScanProgress with the two registrations Persistence makes: the counts reported,
+// which trigger fired at which count, and the trigger-time metrics posted.
+TEST(ScanProgress, TriggersByModeAndReadiness) {
+  const struct {
+    SessionMode mode;
+    bool ready;
+    int events;
+    const char* fired;
+    size_t metrics;
+  } cases[] = {
+      {SessionMode::mapping, true, 4, "", 0},
+      // From each threshold on; the metric once per trigger, with and without devKey.
+      {SessionMode::localization, true, 5,
+       " image@1 image@2 image@3 image@4 transform@4 image@5 transform@5", 4},
+      // No ready time: the event that reaches a threshold is skipped, later ones fire unmeasured.
+      {SessionMode::localization, false, 2, " image@2", 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.fired);
+    MappingHarness harness(c.mode);
+    std::vector<int64_t> counts, want;
+    std::string fired;
+    ScanProgress progress(harness.state, [&](int64_t count) { counts.push_back(count); });
+    progress.registerTrigger([&] { fired += " image@" + std::to_string(counts.back()); }, 1);
+    progress.registerTrigger([&] { fired += " transform@" + std::to_string(counts.back()); }, 4);
+    if (c.ready) harness.setReadyNow();
+    for (int i = 1; i <= c.events; ++i) {
+      progress.increment();
+      want.push_back(i);
     }
-    return n;
+    EXPECT_EQ(counts, want);
+    EXPECT_EQ(fired, c.fired);
+    std::vector<MetricDatum> data = harness.metrics->data();
+    std::erase_if(data, [](const MetricDatum& d) {
+      return d.metricName != "OmraKit.TriggerTransformComputeTime";
+    });
+    EXPECT_EQ(data.size(), c.metrics);
+    for (const MetricDatum& d : data) {
+      EXPECT_EQ(d.unit, "Seconds");
+      EXPECT_GE(d.value, 0.0);
+    }
   }
-  MappingHarness harness;
-  std::unique_ptr<ScanProgress> progress;
-  std::vector<int64_t> counts;
-  std::vector<std::string> fired;
-};
-
-TEST(ScanProgress, MappingModeReportsCountsAndFiresNothing) {
-  ProgressRun run(SessionMode::mapping);
-  run.harness.setReadyNow();
-  for (int i = 0; i < 4; ++i) run.progress->increment();
-  EXPECT_EQ(run.counts, (std::vector<int64_t>{1, 2, 3, 4}));
-  EXPECT_TRUE(run.fired.empty());
-  EXPECT_EQ(run.metricCount(), 0u);
-}
-
-TEST(ScanProgress, LocalizationFiresFromEachThresholdOn) {
-  ProgressRun run(SessionMode::localization);
-  run.harness.setReadyNow();
-  for (int i = 0; i < 5; ++i) run.progress->increment();
-  EXPECT_EQ(run.fired, (std::vector<std::string>{"image@1", "image@2", "image@3", "image@4",
-                                                 "transform@4", "image@5", "transform@5"}));
-  // Once per trigger, at the event that reaches its threshold; each with and without devKey.
-  EXPECT_EQ(run.metricCount(), 4u);
-  std::vector<MetricDatum> data = run.harness.metrics->data();
-  ASSERT_FALSE(data.empty());
-  EXPECT_EQ(data[0].unit, "Seconds");
-  EXPECT_GE(data[0].value, 0.0);
-}
-
-TEST(ScanProgress, NoReadyTimeSkipsTheEventThatReachesAThreshold) {
-  ProgressRun run(SessionMode::localization);
-  run.progress->increment();  // reaches threshold 1 before the session is ready
-  EXPECT_TRUE(run.fired.empty());
-  EXPECT_EQ(run.counts, (std::vector<int64_t>{1}));
-  run.progress->increment();  // past the threshold: fires without a metric
-  EXPECT_EQ(run.fired, (std::vector<std::string>{"image@2"}));
-  EXPECT_EQ(run.metricCount(), 0u);
 }
 
 TEST(ScanProgress, ConcurrentEventsGetDistinctCounts) {

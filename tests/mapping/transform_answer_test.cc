@@ -32,7 +32,7 @@ TEST(BestTransformAnswer, OutcomesByShape) {
       {R"({})", 0},
       {R"({"Localizer":"su_localizer","Transform":"1,2,3,4"})", 0},  // no MatchValue yet
       {R"([1,2])", 0},
-      {R"({"MatchValue":"0.42","Localizer":"su_localizer","Transform":"1,2,3,4"})", 1},
+      {R"({"MatchValue":"0.42","Localizer":"su_localizer_seeded","Transform":"1,0,2,0"})", 1},
       {R"({"MatchValue":0.42,"Localizer":"su_localizer","Transform":"1,2,3,4"})", 2},
       {R"({"MatchValue":"high","Localizer":"su_localizer","Transform":"1,2,3,4"})", 2},
       {R"({"MatchValue":"0.4","Transform":"1,2,3,4"})", 2},
@@ -44,13 +44,12 @@ TEST(BestTransformAnswer, OutcomesByShape) {
     SCOPED_TRACE(c.json);
     TransformAnswerOutcome outcome = readBestTransformAnswer(Json::parse(c.json));
     EXPECT_EQ(static_cast<int>(outcome.index()), c.kind);
+    if (const auto* answer = std::get_if<BestTransformAnswer>(&outcome)) {
+      EXPECT_EQ(answer->localizer, "su_localizer_seeded");
+      EXPECT_EQ(answer->transform, "1,0,2,0");
+      EXPECT_EQ(answer->matchValue, 0.42f);
+    }
   }
-  TransformAnswerOutcome good = readBestTransformAnswer(Json::parse(
-      R"({"MatchValue":"0.42","Localizer":"su_localizer_seeded","Transform":"1,0,2,0"})"));
-  const auto& answer = std::get<BestTransformAnswer>(good);
-  EXPECT_EQ(answer.localizer, "su_localizer_seeded");
-  EXPECT_EQ(answer.transform, "1,0,2,0");
-  EXPECT_EQ(answer.matchValue, 0.42f);
 }
 
 TEST(TransformText, PiecesAndPrefixes) {

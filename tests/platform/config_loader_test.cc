@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <tuple>
 
 #include "src/platform/fixed_location_source.h"
 
@@ -29,9 +30,9 @@ TEST(ConfigLoaderTest, DefaultsRunLocally) {
   auto c = loadConfig(envOf({}), &error, "");
   ASSERT_TRUE(c.has_value());
   EXPECT_EQ(error, "");
-  EXPECT_EQ(c->endpoints.mapsBeta, "http://127.0.0.1:8080");
-  EXPECT_EQ(c->recordStore, "sqlite:omra-records.db");
-  EXPECT_EQ(c->metricsSink, "file:omra-metrics.jsonl");
+  EXPECT_EQ(
+      std::tie(c->endpoints.mapsBeta, c->recordStore, c->metricsSink),
+      std::tuple("http://127.0.0.1:8080", "sqlite:omra-records.db", "file:omra-metrics.jsonl"));
   EXPECT_FALSE(c->bundleIdentifier.has_value());
   EXPECT_EQ(c->httpIdleTimeoutSeconds, 60);
 }
@@ -57,28 +58,24 @@ TEST(ConfigLoaderTest, EnvironmentValues) {
                {"OMRA_HTTP_IDLE_TIMEOUT", "2.5"}},
               &error);
   EXPECT_EQ(error, "");
-  EXPECT_EQ(c.endpoints.mapsBeta, "https://maps.example.com");       // trailing slash dropped
-  EXPECT_EQ(c.endpoints.mapsProd, "https://prod.example.com:8443");  // specific beats shared
-  EXPECT_EQ(c.endpoints.imageMatcherBeta, "http://127.0.0.1:9000");
-  EXPECT_EQ(c.endpoints.imageMatcherProd, "http://127.0.0.1:9000");
-  EXPECT_EQ(c.endpoints.linearOptimizerBeta, "http://lo-beta");
-  EXPECT_EQ(c.endpoints.linearOptimizerProd, "http://127.0.0.1:8080");
-  EXPECT_EQ(c.recordStore, "dynamodb:http://127.0.0.1:4567");
-  EXPECT_EQ(c.metricsSink, "cloudwatch");
-  EXPECT_EQ(c.aws.region, "eu-central-1");
-  EXPECT_EQ(c.aws.accessKeyId, "AKID");
-  EXPECT_EQ(c.aws.secretAccessKey, "secret");
-  EXPECT_EQ(c.aws.sessionToken, "token");
-  EXPECT_EQ(c.modelPath, "/models/ssd.onnx");
+  const auto& e = c.endpoints;
+  // Trailing slash dropped; a specific host beats the shared one; unset ones keep the default.
+  EXPECT_EQ(std::tie(e.mapsBeta, e.mapsProd),
+            std::tuple("https://maps.example.com", "https://prod.example.com:8443"));
+  EXPECT_EQ(std::tie(e.imageMatcherBeta, e.imageMatcherProd),
+            std::tuple("http://127.0.0.1:9000", "http://127.0.0.1:9000"));
+  EXPECT_EQ(std::tie(e.linearOptimizerBeta, e.linearOptimizerProd),
+            std::tuple("http://lo-beta", "http://127.0.0.1:8080"));
+  EXPECT_EQ(std::tie(c.recordStore, c.metricsSink, c.modelPath),
+            std::tuple("dynamodb:http://127.0.0.1:4567", "cloudwatch", "/models/ssd.onnx"));
+  EXPECT_EQ(std::tie(c.aws.region, c.aws.accessKeyId, c.aws.secretAccessKey, c.aws.sessionToken),
+            std::tuple("eu-central-1", "AKID", "secret", "token"));
   EXPECT_EQ(c.bundleIdentifier, "com.example.app");
   EXPECT_EQ(c.supportedOrientations,
             (std::vector<std::string>{"UIInterfaceOrientationPortrait",
                                       "UIInterfaceOrientationLandscapeLeft"}));
-  EXPECT_EQ(c.longitude, -122.4);
-  EXPECT_EQ(c.latitude, 37.8);
-  EXPECT_EQ(c.altitude, 12.5);
-  EXPECT_EQ(c.horizontalAccuracy, 5);
-  EXPECT_EQ(c.verticalAccuracy, 3);
+  EXPECT_EQ(std::tie(c.longitude, c.latitude, c.altitude, c.horizontalAccuracy, c.verticalAccuracy),
+            std::tuple(-122.4, 37.8, 12.5, 5.0, 3.0));
   EXPECT_EQ(c.httpIdleTimeoutSeconds, 2.5);
 }
 
@@ -119,10 +116,8 @@ TEST(ConfigLoaderTest, BadValuesGiveAClearError) {
 }
 
 TEST(ConfigLoaderTest, FileThenEnvironment) {
-  const auto dir =
-      std::filesystem::temp_directory_path() / ("omra-config-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir);
-  const auto file = (dir / "omra.json").string();
+  const std::string file =
+      ::testing::TempDir() + "omra-config-" + std::to_string(::getpid()) + ".json";
   std::ofstream(file) << R"({
     "mapsHost": "https://file.example.com",
     "metricsSink": "stdout",
@@ -150,7 +145,7 @@ TEST(ConfigLoaderTest, FileThenEnvironment) {
   EXPECT_EQ(c->metricsSink, "stdout");
   EXPECT_FALSE(loadConfig(envOf({{"OMRA_CONFIG", file + ".missing"}}), &error, "").has_value());
   EXPECT_NE(error.find("does not exist"), std::string::npos);
-  std::filesystem::remove_all(dir);
+  std::filesystem::remove(file);
 }
 
 TEST(ConfigLoaderTest, BadFiles) {
@@ -189,10 +184,9 @@ TEST(FixedLocationSourceTest, FromConfig) {
   source->start([&](const Location& l) { seen.push_back(l); }, [](double) { FAIL(); });
   source->stop();
   ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].longitude, 10);
-  EXPECT_EQ(seen[0].latitude, 20);
-  EXPECT_EQ(seen[0].horizontalAccuracy, 4);
-  EXPECT_EQ(seen[0].verticalAccuracy, 0);
+  EXPECT_EQ(std::tie(seen[0].longitude, seen[0].latitude, seen[0].horizontalAccuracy,
+                     seen[0].verticalAccuracy),
+            std::tuple(10.0, 20.0, 4.0, 0.0));
 }
 
 }  // namespace

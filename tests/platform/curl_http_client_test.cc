@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <thread>
 
@@ -25,10 +24,11 @@ class CurlHttpClientTest : public ::testing::Test {
  protected:
   CurlHttpClientTest() { dispatcher_.installMainQueue(main_); }
 
-  HttpResponse await(CurlHttpClient& client, HttpRequest request) {
+  // Sends through `send` (given the completion) and waits for exactly one completion.
+  HttpResponse await(const std::function<void(HttpClient::Completion)>& send) {
     std::optional<HttpResponse> got;
     int calls = 0;
-    client.send(std::move(request), [&](HttpResponse r) {
+    send([&](HttpResponse r) {
       EXPECT_TRUE(main_->isCurrent());
       ++calls;
       got = std::move(r);
@@ -38,6 +38,9 @@ class CurlHttpClientTest : public ::testing::Test {
     EXPECT_EQ(calls, 1);
     return got.value_or(HttpResponse{});
   }
+  HttpResponse get(CurlHttpClient& client, const std::string& url) {
+    return await([&](HttpClient::Completion done) { client.get(url, std::move(done)); });
+  }
 
   AsioDispatcher dispatcher_;
   std::shared_ptr<ManualMainQueue> main_ = std::make_shared<ManualMainQueue>();
@@ -45,43 +48,31 @@ class CurlHttpClientTest : public ::testing::Test {
 };
 
 TEST_F(CurlHttpClientTest, PostsJsonAndGets) {
-  std::mutex m;
-  std::string seenBody, seenType, seenMethod;
-  server_.server().Post("/create_map", [&](const httplib::Request& req, httplib::Response& res) {
-    std::lock_guard<std::mutex> lock(m);
-    seenBody = req.body;
-    seenType = req.get_header_value("Content-Type");
-    res.set_content(R"([{"map_id":"m1"}])", "application/json");
+  // The server answers with what it received.
+  server_.server().Post("/create_map", [](const httplib::Request& req, httplib::Response& res) {
+    const Json seen = {{"body", req.body}, {"type", req.get_header_value("Content-Type")}};
+    res.set_content(Json::array({seen}).dump(), "application/json");
   });
-  server_.server().Get("/list", [&](const httplib::Request& req, httplib::Response& res) {
-    std::lock_guard<std::mutex> lock(m);
-    seenMethod = req.method + " " + req.get_param_value("lat");
-    res.set_content(R"({"maps":[1,2]})", "application/json");
+  server_.server().Get("/list", [](const httplib::Request& req, httplib::Response& res) {
+    const Json seen = {{"maps", {1, 2}}, {"seen", req.method + " " + req.get_param_value("lat")}};
+    res.set_content(seen.dump(), "application/json");
   });
   const std::string base = server_.start();
   CurlHttpClient client(dispatcher_);
 
-  Json body;
-  body["z_key"] = 1;
-  body["a_key"] = "x";
-  std::optional<HttpResponse> post;
-  client.postJson(base + "/create_map", body, [&](HttpResponse r) { post = std::move(r); });
-  ASSERT_TRUE(main_->runUntil([&] { return post.has_value(); }, 10s));
-  EXPECT_EQ(post->status, 200);
-  EXPECT_TRUE(post->transportError.empty());
-  ASSERT_TRUE(post->json.has_value());
-  EXPECT_EQ((*post->json)[0]["map_id"], "m1");
-
-  std::optional<HttpResponse> get;
-  client.get(base + "/list?lat=1.5", [&](HttpResponse r) { get = std::move(r); });
-  ASSERT_TRUE(main_->runUntil([&] { return get.has_value(); }, 10s));
-  EXPECT_EQ(get->status, 200);
-  EXPECT_EQ(get->json->at("maps").size(), 2u);
-
-  std::lock_guard<std::mutex> lock(m);
-  EXPECT_EQ(seenBody, R"({"z_key":1,"a_key":"x"})");  // key order kept
-  EXPECT_EQ(seenType, "application/json");
-  EXPECT_EQ(seenMethod, "GET 1.5");
+  HttpResponse post = await([&](HttpClient::Completion done) {
+    client.postJson(base + "/create_map", Json{{"z_key", 1}, {"a_key", "x"}}, std::move(done));
+  });
+  EXPECT_EQ(post.status, 200);
+  EXPECT_TRUE(post.transportError.empty());
+  ASSERT_TRUE(post.json.has_value());
+  EXPECT_EQ((*post.json)[0]["body"], R"({"z_key":1,"a_key":"x"})");  // key order kept
+  EXPECT_EQ((*post.json)[0]["type"], "application/json");
+  HttpResponse got = get(client, base + "/list?lat=1.5");
+  EXPECT_EQ(got.status, 200);
+  ASSERT_TRUE(got.json.has_value());
+  EXPECT_EQ(got.json->at("maps").size(), 2u);
+  EXPECT_EQ(got.json->at("seen"), "GET 1.5");
 }
 
 TEST_F(CurlHttpClientTest, BodiesThatAreNotJson) {
@@ -110,9 +101,7 @@ TEST_F(CurlHttpClientTest, BodiesThatAreNotJson) {
   CurlHttpClient client(dispatcher_);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    HttpRequest req;
-    req.url = base + "/" + c.name;
-    HttpResponse r = await(client, req);
+    HttpResponse r = get(client, base + "/" + c.name);
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.body, c.body);
     EXPECT_EQ(r.json.has_value(), c.json);
@@ -134,16 +123,12 @@ TEST_F(CurlHttpClientTest, TransportFailures) {
   CurlHttpClient client(dispatcher_,
                         CurlHttpOptions{.idleTimeoutSeconds = 1, .maxResponseBytes = 1024});
 
-  HttpRequest refused;
-  refused.url = "http://127.0.0.1:" + std::to_string(deadPort) + "/x";
-  HttpResponse r = await(client, refused);
+  HttpResponse r = get(client, "http://127.0.0.1:" + std::to_string(deadPort) + "/x");
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.transportError.find("onnect"), std::string::npos) << r.transportError;
 
-  HttpRequest stall;
-  stall.url = base + "/stall";
   auto start = std::chrono::steady_clock::now();
-  r = await(client, stall);
+  r = get(client, base + "/stall");
   auto took = std::chrono::steady_clock::now() - start;
   EXPECT_EQ(r.status, 0);
   EXPECT_FALSE(r.transportError.empty());
@@ -151,15 +136,11 @@ TEST_F(CurlHttpClientTest, TransportFailures) {
   EXPECT_LT(took, 2900ms);  // failed by the idle limit, not by the server's late answer
   *release = true;
 
-  HttpRequest big;
-  big.url = base + "/big";
-  r = await(client, big);
+  r = get(client, base + "/big");
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.transportError.find("larger"), std::string::npos) << r.transportError;
 
-  HttpRequest badScheme;
-  badScheme.url = "file:///etc/passwd";
-  r = await(client, badScheme);
+  r = get(client, "file:///etc/passwd");
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(r.body.empty());
 }
@@ -168,10 +149,8 @@ TEST_F(CurlHttpClientTest, ManyConcurrentRequestsEachCompleteOnce) {
   server_.server().new_task_queue = [] { return new httplib::ThreadPool(16); };
   std::atomic<int> inside{0}, maxInside{0};
   server_.server().Post("/echo", [&](const httplib::Request& req, httplib::Response& res) {
-    int now = ++inside;
-    int seen = maxInside.load();
-    while (now > seen && !maxInside.compare_exchange_weak(seen, now)) {
-    }
+    int now = ++inside, seen = maxInside;
+    while (now > seen && !maxInside.compare_exchange_weak(seen, now)) continue;
     std::this_thread::sleep_for(30ms);
     --inside;
     res.set_content(req.body, "application/json");

@@ -3,14 +3,13 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <future>
 #include <sstream>
 #include <thread>
 
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/cloudwatch_metrics_sink.h"
 #include "src/platform/json_lines_metrics_sink.h"
-#include "src/platform/manual_main_queue.h"
 #include "src/platform/memory_logger.h"
 #include "src/platform/metric_format.h"
 #include "src/platform/metrics_sink_factory.h"
@@ -69,6 +68,14 @@ TEST(CloudWatchBodyTest, QueryProtocolMembers) {
             "Action=PutMetricData&Version=2010-08-01&Namespace=OmraKit");
 }
 
+CloudWatchSettings settingsFor(const std::string& endpoint) {
+  CloudWatchSettings s;
+  s.accessKeyId = "AKID";
+  s.secretAccessKey = "secret";
+  s.endpoint = endpoint;
+  return s;
+}
+
 std::string runCommand(const std::string& command) {
   std::string out;
   FILE* p = popen(command.c_str(), "r");
@@ -99,40 +106,29 @@ TEST_P(CloudWatchSigningTest, MatchesTheAwsSdkSigner) {
   }
   const std::string sessionToken = GetParam();
 
-  std::mutex m;
-  std::optional<httplib::Request> captured;
+  std::promise<httplib::Request> captured;
+  auto request = captured.get_future();
   testing::LoopbackServer server;
   server.server().Post("/", [&](const httplib::Request& req, httplib::Response& res) {
-    std::lock_guard<std::mutex> lock(m);
-    captured = req;
+    captured.set_value(req);
     res.set_content("<PutMetricDataResponse/>", "text/xml");
   });
   const std::string base = server.start();
 
   AsioDispatcher dispatcher;
-  auto logger = std::make_shared<MemoryLogger>();
-  CloudWatchSettings settings;
+  CloudWatchSettings settings = settingsFor(base);
   settings.region = "eu-west-2";
   settings.accessKeyId = "AKIDEXAMPLE";
   settings.secretAccessKey = "wJalrXUtnFEMI/K7MDENG+bPxRfiCYEXAMPLEKEY";
   settings.sessionToken = sessionToken;
-  settings.endpoint = base;
   {
-    CloudWatchMetricsSink sink(dispatcher, logger, settings);
+    CloudWatchMetricsSink sink(dispatcher, std::make_shared<MemoryLogger>(), settings);
     EXPECT_EQ(sink.endpoint(), base + "/");
     sink.putMetricData("OmraKit", {datum("OmraKit.RelocalizationTime.SU", 2.75, "Seconds",
                                          {{"devKey", "0123456789abcdef"}})});
-    for (int i = 0; i < 500; ++i) {
-      {
-        std::lock_guard<std::mutex> lock(m);
-        if (captured) break;
-      }
-      std::this_thread::sleep_for(10ms);
-    }
+    ASSERT_EQ(request.wait_for(5s), std::future_status::ready);
   }
-  std::lock_guard<std::mutex> lock(m);
-  ASSERT_TRUE(captured.has_value());
-  const httplib::Request& req = *captured;
+  const httplib::Request req = request.get();
   EXPECT_EQ(req.target, "/");  // nothing in the URL
   EXPECT_NE(req.body.find("MetricData.member.1.Value=2.75"), std::string::npos);
   EXPECT_EQ(req.get_header_value("X-Amz-Security-Token"), sessionToken);
@@ -142,15 +138,14 @@ TEST_P(CloudWatchSigningTest, MatchesTheAwsSdkSigner) {
   EXPECT_EQ(field(auth, "Credential"),
             "AKIDEXAMPLE/" + amzDate.substr(0, 8) + "/eu-west-2/monitoring/aws4_request");
 
-  Json input;
-  input["method"] = "POST";
-  input["host"] = req.get_header_value("Host");
-  input["path"] = "/";
-  input["body"] = req.body;
-  input["region"] = "eu-west-2";
-  input["service"] = "monitoring";
-  input["accessKeyId"] = settings.accessKeyId;
-  input["secretAccessKey"] = settings.secretAccessKey;
+  Json input = {{"method", "POST"},
+                {"host", req.get_header_value("Host")},
+                {"path", "/"},
+                {"body", req.body},
+                {"region", "eu-west-2"},
+                {"service", "monitoring"},
+                {"accessKeyId", settings.accessKeyId},
+                {"secretAccessKey", settings.secretAccessKey}};
   if (!sessionToken.empty()) input["sessionToken"] = sessionToken;
   input["amzDate"] = amzDate;
   Json headers = Json::object();
@@ -184,12 +179,8 @@ TEST(CloudWatchSinkTest, FailuresAreLoggedNotReported) {
   const std::string base = server.start();
   AsioDispatcher dispatcher;
   auto logger = std::make_shared<MemoryLogger>();
-  CloudWatchSettings s;
-  s.accessKeyId = "AKID";
-  s.secretAccessKey = "secret";
-  s.endpoint = base;
   {
-    CloudWatchMetricsSink sink(dispatcher, logger, s);
+    CloudWatchMetricsSink sink(dispatcher, logger, settingsFor(base));
     sink.putMetricData("OmraKit", {datum("OmraKit.AssetSaved", 1, "Count")});
     for (int i = 0; i < 500 && !logger->contains("403"); ++i) std::this_thread::sleep_for(10ms);
   }

@@ -113,25 +113,21 @@ TEST(SSDPostProcessorTest, ThresholdIsStrictAndBackgroundIsNeverRead) {
   EXPECT_EQ(lists[4][0].anchor, OrientedBoundingBox::fromAnchor(SSDAnchors::ssdAnchors()[9]));
 }
 
+void expectBoxNear(const OrientedBoundingBox& got, std::array<double, 4> want) {
+  const double g[] = {got.yMin, got.xMin, got.yMax, got.xMax};
+  for (int i = 0; i < 4; ++i) EXPECT_NEAR(g[i], want[i], 1e-12) << i;
+}
+
 TEST(SSDPostProcessorTest, DecodingFollowsTheBoxCoder) {
   const OrientedBoundingBox anchor{0.2, 0.3, 0.6, 0.5, 300, 300};
   // Zero encoding is the anchor itself.
-  const auto same = decodeBox(anchor, {});
-  EXPECT_NEAR(same.yMin, 0.2, 1e-12);
-  EXPECT_NEAR(same.xMax, 0.5, 1e-12);
-  // ty = 10 moves the centre by one anchor height; th = 5 * ln 2 doubles the height.
-  const auto moved = decodeBox(anchor, {10, -5, 5 * std::log(2.0), 0});
-  EXPECT_NEAR((moved.yMin + moved.yMax) / 2, 0.4 + 0.4, 1e-12);
-  EXPECT_NEAR((moved.xMin + moved.xMax) / 2, 0.4 - 0.1, 1e-12);
-  EXPECT_NEAR(moved.yMax - moved.yMin, 0.8, 1e-12);
-  EXPECT_NEAR(moved.xMax - moved.xMin, 0.2, 1e-12);
+  expectBoxNear(decodeBox(anchor, {}), {0.2, 0.3, 0.6, 0.5});
+  // ty = 10 moves the centre by one anchor height (to 0.8), tx = -5 by half a width (to 0.3);
+  // th = 5 * ln 2 doubles the height.
+  expectBoxNear(decodeBox(anchor, {10, -5, 5 * std::log(2.0), 0}), {0.4, 0.2, 1.2, 0.4});
   // encodeBox is its inverse.
   const OrientedBoundingBox box{0.1, 0.15, 0.45, 0.7, 300, 300};
-  const auto back = decodeBox(anchor, encodeBox(anchor, box));
-  EXPECT_NEAR(back.yMin, box.yMin, 1e-12);
-  EXPECT_NEAR(back.xMin, box.xMin, 1e-12);
-  EXPECT_NEAR(back.yMax, box.yMax, 1e-12);
-  EXPECT_NEAR(back.xMax, box.xMax, 1e-12);
+  expectBoxNear(decodeBox(anchor, encodeBox(anchor, box)), {0.1, 0.15, 0.45, 0.7});
 }
 
 TEST(SSDPostProcessorTest, SuppressionKeepsIouOfExactlyPointThreeAndDropsAbove) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <future>
 #include <thread>
 
@@ -79,9 +80,17 @@ class ProtocolTest : public ::testing::Test {
     return await<Json>(
         [&](auto cb) { api_->initiateMappingSession("com.example.app", user, map, where, cb); });
   }
-  std::shared_ptr<DataManager> dataManager(SessionMode mode, const std::string& map) {
+  // A data manager whose session on map is opened, expecting `want`.
+  std::shared_ptr<DataManager> opened(SessionMode mode, const std::string& map,
+                                      MapStatus want = MapStatus::initialized) {
     DataManager::Deps deps{api_, logger_, dispatcher_.get(), nullptr};
-    return DataManager::create(deps, mode, {"com.example.app", "ana", map});
+    auto dm = DataManager::create(deps, mode, {"com.example.app", "ana", map});
+    EXPECT_EQ(await<MapStatus>([&](auto cb) {
+                mode == SessionMode::mapping ? dm->setMappingMode(cb) : dm->setLocalizationMode(cb);
+              }),
+              want)
+        << map;
+    return dm;
   }
 
   std::shared_ptr<MemoryRecordStore> store_ = std::make_shared<MemoryRecordStore>();
@@ -101,36 +110,24 @@ TEST_F(ProtocolTest, OpensMapsAndLocalizationSessionsOnBothStages) {
   EXPECT_TRUE(isUpperUuid(newest)) << newest;
   EXPECT_NE(first["uuid"], second["uuid"]);
 
+  auto session = [](CloudAPI& api, const char* map) {
+    return await<Json>(
+        [&](auto cb) { api.initiateLocalizationSession("com.example.app", "bo", map, {}, cb); });
+  };
   for (bool beta : {false, true}) {
     auto api = client(beta, kDevKey);
-    const Json s = await<Json>([&](auto cb) {
-      api->initiateLocalizationSession("com.example.app", "bo", "kitchen", {}, cb);
-    });
+    const Json s = session(*api, "kitchen");
     EXPECT_EQ(s.value("map_uuid", ""), newest) << "the newest map of that name";
     EXPECT_TRUE(isUpperUuid(s.value("session_uuid", "")));
-    const Json missing = await<Json>([&](auto cb) {
-      api->initiateLocalizationSession("com.example.app", "bo", "attic", {}, cb);
-    });
-    EXPECT_EQ(missing.value("errorMessage", ""), "Cannot find the map attic");
+    EXPECT_EQ(session(*api, "attic").value("errorMessage", ""), "Cannot find the map attic");
   }
   // Another developer key does not see the map.
-  auto other = client(false, kOtherDevKey);
-  const Json foreign = await<Json>([&](auto cb) {
-    other->initiateLocalizationSession("com.example.app", "bo", "kitchen", {}, cb);
-  });
-  EXPECT_TRUE(foreign.contains("errorMessage"));
+  EXPECT_TRUE(session(*client(false, kOtherDevKey), "kitchen").contains("errorMessage"));
 
   // The data manager reads the answers into its statuses.
-  auto mapping = dataManager(SessionMode::mapping, "hall");
-  EXPECT_EQ(await<MapStatus>([&](auto cb) { mapping->setMappingMode(cb); }),
-            MapStatus::initialized);
-  auto found = dataManager(SessionMode::localization, "hall");
-  EXPECT_EQ(await<MapStatus>([&](auto cb) { found->setLocalizationMode(cb); }),
-            MapStatus::initialized);
-  EXPECT_EQ(found->mapUUID(), mapping->mapUUID());
-  auto lost = dataManager(SessionMode::localization, "cellar");
-  EXPECT_EQ(await<MapStatus>([&](auto cb) { lost->setLocalizationMode(cb); }),
-            MapStatus::mapNotFound);
+  auto mapping = opened(SessionMode::mapping, "hall");
+  EXPECT_EQ(opened(SessionMode::localization, "hall")->mapUUID(), mapping->mapUUID());
+  opened(SessionMode::localization, "cellar", MapStatus::mapNotFound);
 }
 
 TEST_F(ProtocolTest, PlacesAndFindsAssetsInFirstPlacedOrder) {
@@ -144,11 +141,9 @@ TEST_F(ProtocolTest, PlacesAndFindsAssetsInFirstPlacedOrder) {
   place({{"vase", {4, 0, 4}, 1}, {"lamp", {-1, 0.5f, 2}, 1.5f}});
 
   const Json found = await<Json>([&](auto cb) { api_->findAssetsOnTheMap(map, cb); });
-  ASSERT_EQ(found["placements"].size(), 3u);
-  const char* order[] = {"lamp", "rug", "vase"};
-  for (size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(found["placements"][i]["asset"]["id"], order[i]);
-  }
+  std::vector<std::string> order;
+  for (const Json& p : found["placements"]) order.push_back(p["asset"]["id"]);
+  ASSERT_EQ(order, (std::vector<std::string>{"lamp", "rug", "vase"}));
   const Json& lamp = found["placements"][0]["placement"];
   EXPECT_FLOAT_EQ(lamp["x"].get<float>(), -1);
   EXPECT_FLOAT_EQ(lamp["y"].get<float>(), 0.5f);
@@ -158,12 +153,6 @@ TEST_F(ProtocolTest, PlacesAndFindsAssetsInFirstPlacedOrder) {
   const Json none = await<Json>(
       [&](auto cb) { api_->findAssetsOnTheMap("00000000-0000-4000-8000-000000000000", cb); });
   EXPECT_EQ(none, Json::parse(R"({"placements": []})"));
-  // The data manager keeps the map's assets when a localization session opens.
-  createMap("den");
-  auto dm = dataManager(SessionMode::localization, "den");
-  // The newest "den" has no assets; the test only needs the preload to have run.
-  ASSERT_EQ(await<MapStatus>([&](auto cb) { dm->setLocalizationMode(cb); }),
-            MapStatus::initialized);
 }
 
 TEST_F(ProtocolTest, ListsNearbyMapsInsideTheBoxNewestFirst) {
@@ -184,63 +173,51 @@ TEST_F(ProtocolTest, ListsNearbyMapsInsideTheBoxNewestFirst) {
     return await<std::vector<Map>>(
         [&](auto cb) { api_->listNearby("com.example.app", user, key, 10, 50, 2, 1, cb); });
   };
-  const std::vector<Map> all = list(std::nullopt, kDevKey);
-  ASSERT_EQ(all.size(), 3u);
-  EXPECT_EQ(all[0].mapID, "bos");
-  EXPECT_EQ(all[1].mapID, "corner-sw");
-  EXPECT_EQ(all[2].mapID, "corner-ne");
-  EXPECT_EQ(all[2], Map("ana", "corner-ne", 50.5, 11, 12, 5, 3));
-  const std::vector<Map> anas = list("ana", kDevKey);
-  ASSERT_EQ(anas.size(), 2u);
-  EXPECT_EQ(anas[0].mapID, "corner-sw");
-  const std::vector<Map> others = list(std::nullopt, kOtherDevKey);
-  ASSERT_EQ(others.size(), 1u);
-  EXPECT_EQ(others[0].mapID, "foreign");
+  auto ids = [&](std::optional<std::string> user, const std::string& key) {
+    std::vector<std::string> out;
+    for (const Map& m : list(user, key)) out.push_back(m.mapID);
+    return out;
+  };
+  using Ids = std::vector<std::string>;
+  ASSERT_EQ(ids(std::nullopt, kDevKey), (Ids{"bos", "corner-sw", "corner-ne"}));
+  EXPECT_EQ(ids("ana", kDevKey), (Ids{"corner-sw", "corner-ne"}));
+  EXPECT_EQ(ids(std::nullopt, kOtherDevKey), Ids{"foreign"});
+  EXPECT_EQ(list(std::nullopt, kDevKey).back(), Map("ana", "corner-ne", 50.5, 11, 12, 5, 3));
 }
 
 TEST_F(ProtocolTest, BestTransformIgnoresSuppressedResults) {
-  auto dm = dataManager(SessionMode::localization, "office");
   createMap("office");
-  ASSERT_EQ(await<MapStatus>([&](auto cb) { dm->setLocalizationMode(cb); }),
-            MapStatus::initialized);
+  auto dm = opened(SessionMode::localization, "office");
+  ASSERT_TRUE(dm->localizationSessionUUID());
   const std::string session = *dm->localizationSessionUUID();
 
   std::mutex mu;
+  std::condition_variable arrived;
   std::vector<std::tuple<std::string, std::string, float>> answers;
   dm->setTransformRetrievedHandler([&](const std::string& a, const std::string& t, float v) {
     std::lock_guard<std::mutex> lock(mu);
     answers.emplace_back(a, t, v);
+    arrived.notify_all();
   });
   // Asks for the three localizers' answers; waits for `expected` of them, then a little longer
   // so that an unexpected extra one would be seen too.
   auto poll = [&](size_t expected) {
-    {
-      std::lock_guard<std::mutex> lock(mu);
-      answers.clear();
-    }
+    std::unique_lock<std::mutex> lock(mu);
+    answers.clear();
+    lock.unlock();
     dm->getLatestTransform();
-    const auto deadline = std::chrono::steady_clock::now() + kWait;
-    while (std::chrono::steady_clock::now() < deadline) {
-      {
-        std::lock_guard<std::mutex> lock(mu);
-        if (answers.size() >= expected) break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    lock.lock();
+    arrived.wait_for(lock, kWait, [&] { return answers.size() >= expected; });
+    lock.unlock();
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
-    std::lock_guard<std::mutex> lock(mu);
+    lock.lock();
     return answers;
   };
   EXPECT_TRUE(poll(0).empty()) << "no result yet: {}";
 
   auto put = [&](double ts, const char* value, const char* localizer, bool suppress) {
-    TransformResultModel r;
-    r.sessionId = session;
-    r.timestamp = ts;
-    r.matchValue = value;
-    r.transform = std::string("1,2,3,") + value;
-    r.localizer = localizer;
-    r.suppress = suppress;
+    const TransformResultModel r{session,   ts,      value, std::string("1,2,3,") + value,
+                                 localizer, suppress};
     ASSERT_FALSE(store_->put(TransformResultModel::kTableName, r.toItem()));
   };
   put(100, "0.6", kSuLocalizer, false);
@@ -258,12 +235,9 @@ TEST_F(ProtocolTest, BestTransformIgnoresSuppressedResults) {
 
 // Records written with the kit's own models, localizers triggered through the data manager.
 TEST_F(ProtocolTest, TriggersRunTheLocalizersAndWriteResults) {
-  auto mapping = dataManager(SessionMode::mapping, "studio");
-  ASSERT_EQ(await<MapStatus>([&](auto cb) { mapping->setMappingMode(cb); }),
-            MapStatus::initialized);
-  auto loc = dataManager(SessionMode::localization, "studio");
-  ASSERT_EQ(await<MapStatus>([&](auto cb) { loc->setLocalizationMode(cb); }),
-            MapStatus::initialized);
+  auto mapping = opened(SessionMode::mapping, "studio");
+  auto loc = opened(SessionMode::localization, "studio");
+  ASSERT_TRUE(mapping->mapUUID() && loc->localizationSessionUUID());
   const std::string mapId = *mapping->mapUUID(), sessionId = *loc->localizationSessionUUID();
   const Pose4 truth{0.8, 0, -1.2, 0.7};
 
@@ -274,9 +248,8 @@ TEST_F(ProtocolTest, TriggersRunTheLocalizersAndWriteResults) {
        {std::pair{mapId, room}, std::pair{sessionId, testing::seenFrom(room, truth, 0.005, 6)}}) {
     for (int k = 0; k < 3; ++k) {
       for (const Landmark& l : landmarks) {
-        SceneUnderstandingModel m(
-            id, ++frame, static_cast<float>(l.position[0]), static_cast<float>(l.position[1]),
-            static_cast<float>(l.position[2]), l.label, 0.9f, l.objectId, id == sessionId);
+        SceneUnderstandingModel m(id, ++frame, l.position[0], l.position[1], l.position[2], l.label,
+                                  0.9f, l.objectId, id == sessionId);
         ASSERT_FALSE(store_->put(SceneUnderstandingModel::kTableName, m.toItem()));
       }
     }
@@ -289,13 +262,10 @@ TEST_F(ProtocolTest, TriggersRunTheLocalizersAndWriteResults) {
     std::map<int64_t, std::map<std::string, std::string>> blocks;
     for (size_t i = 0; i < frames.size(); ++i) {
       const int64_t f = static_cast<int64_t>(i) * 10;
+      const auto& p = frames[i].cameraPose;
       Matrix4x4 m;
-      for (int c = 0; c < 4; ++c) {
-        const auto& p = frames[i].cameraPose;
-        m.columns[static_cast<size_t>(c)] = {static_cast<float>(p[static_cast<size_t>(c)]),
-                                             static_cast<float>(p[static_cast<size_t>(4 + c)]),
-                                             static_cast<float>(p[static_cast<size_t>(8 + c)]),
-                                             static_cast<float>(p[static_cast<size_t>(12 + c)])};
+      for (size_t c = 0; c < 4; ++c) {
+        m.columns[c] = {float(p[c]), float(p[4 + c]), float(p[8 + c]), float(p[12 + c])};
       }
       blocks[f / 20 * 20][std::to_string(f)] = CameraPathModelQueue::poseText(m);
       std::vector<double> v(frames[i].features.begin(), frames[i].features.end());

@@ -30,11 +30,22 @@ ScriptedBackend::ScriptedBackend() : server_(std::make_unique<httplib::Server>()
       if (!query.empty()) query += '&';
       query += key + "=" + value;
     }
-    int status = 404;
-    std::string answer;
-    handle(path, query, req.body, &status, &answer);
-    res.status = status;
-    res.set_content(answer, "application/json");
+    Request request{path, query, Json()};
+    Json parsed = Json::parse(req.body, nullptr, false);
+    if (!parsed.is_discarded()) request.body = std::move(parsed);
+    Handler handler;
+    std::chrono::milliseconds delay;
+    {
+      std::lock_guard lock(mutex_);
+      requests_.push_back(request);
+      auto it = handlers_.find(path);
+      if (it != handlers_.end()) handler = it->second;
+      delay = delay_;
+    }
+    if (delay.count() > 0) std::this_thread::sleep_for(delay);
+    const Reply reply = handler ? handler(request) : Reply{404, ""};
+    res.status = reply.status;
+    res.set_content(reply.body, "application/json");
   };
   server_->Get(".*", route);
   server_->Post(".*", route);
@@ -77,88 +88,46 @@ std::vector<ScriptedBackend::Request> ScriptedBackend::requests(const std::strin
   return matching;
 }
 
-void ScriptedBackend::handle(const std::string& path, const std::string& query,
-                             const std::string& body, int* status, std::string* answer) {
-  Request request{path, query, Json()};
-  Json parsed = Json::parse(body, nullptr, false);
-  if (!parsed.is_discarded()) request.body = std::move(parsed);
-  Handler handler;
-  std::chrono::milliseconds delay;
-  {
-    std::lock_guard lock(mutex_);
-    requests_.push_back(request);
-    auto it = handlers_.find(path);
-    if (it != handlers_.end()) handler = it->second;
-    delay = delay_;
-  }
-  if (delay.count() > 0) std::this_thread::sleep_for(delay);
-  if (!handler) return;
-  Reply reply = handler(request);
-  *status = reply.status;
-  *answer = reply.body;
-}
-
-GatedRecordStore::GatedRecordStore() : inner_(std::make_shared<MemoryRecordStore>()) {
-  ensureRecordTables(*inner_);
-}
-
-std::optional<StoreError> GatedRecordStore::createTable(const TableSchema& schema) {
-  return inner_->createTable(schema);
-}
+GatedRecordStore::GatedRecordStore() { ensureRecordTables(*this); }
 
 void GatedRecordStore::save(const std::string& table, Item item, SaveCompletion completion) {
   std::chrono::milliseconds delay;
   {
-    std::unique_lock lock(mutex_);
+    std::unique_lock lock(gateMutex_);
     ++waiting_;
     cv_.wait(lock, [&] { return !closed_; });
     --waiting_;
     delay = delay_;
   }
   if (delay.count() > 0) std::this_thread::sleep_for(delay);
-  inner_->save(table, std::move(item), std::move(completion));
-}
-
-std::optional<StoreError> GatedRecordStore::put(const std::string& table, Item item) {
-  return inner_->put(table, std::move(item));
-}
-
-std::optional<Item> GatedRecordStore::get(const std::string& table, const Item& key,
-                                          std::optional<StoreError>* error) {
-  return inner_->get(table, key, error);
-}
-
-QueryPage GatedRecordStore::query(const std::string& table, const AttributeValue& hashValue,
-                                  const std::optional<Item>& startKey, int limit,
-                                  std::optional<StoreError>* error) {
-  return inner_->query(table, hashValue, startKey, limit, error);
+  MemoryRecordStore::save(table, std::move(item), std::move(completion));
 }
 
 void GatedRecordStore::close() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(gateMutex_);
   closed_ = true;
 }
 
 void GatedRecordStore::open() {
   {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(gateMutex_);
     closed_ = false;
   }
   cv_.notify_all();
 }
 
 void GatedRecordStore::setDelay(std::chrono::milliseconds delay) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(gateMutex_);
   delay_ = delay;
 }
 
 int GatedRecordStore::waiting() const {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(gateMutex_);
   return waiting_;
 }
 
 std::vector<Item> GatedRecordStore::items(const std::string& table, const std::string& sessionId) {
-  return queryAll(*inner_, table, AttributeValue::string(sessionId));
+  return queryAll(*this, table, AttributeValue::string(sessionId));
 }
 
 TestEnv::TestEnv()

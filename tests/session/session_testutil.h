@@ -58,9 +58,6 @@ class ScriptedBackend {
   size_t requestCount(const std::string& path) const { return requests(path).size(); }
 
  private:
-  void handle(const std::string& path, const std::string& query, const std::string& body,
-              int* status, std::string* answer);
-
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
   int port_ = 0;
@@ -70,19 +67,11 @@ class ScriptedBackend {
   std::chrono::milliseconds delay_{0};
 };
 
-// A record store over MemoryRecordStore whose saves can be held at a gate or slowed down.
-// Thread-safe.
-class GatedRecordStore : public RecordStore {
+// A MemoryRecordStore whose saves can be held at a gate or slowed down. Thread-safe.
+class GatedRecordStore : public MemoryRecordStore {
  public:
   GatedRecordStore();
-  std::optional<StoreError> createTable(const TableSchema& schema) override;
   void save(const std::string& table, Item item, SaveCompletion completion) override;
-  std::optional<StoreError> put(const std::string& table, Item item) override;
-  std::optional<Item> get(const std::string& table, const Item& key,
-                          std::optional<StoreError>* error = nullptr) override;
-  QueryPage query(const std::string& table, const AttributeValue& hashValue,
-                  const std::optional<Item>& startKey, int limit,
-                  std::optional<StoreError>* error = nullptr) override;
 
   // While closed, save() blocks its caller.
   void close();
@@ -94,8 +83,7 @@ class GatedRecordStore : public RecordStore {
   std::vector<Item> items(const std::string& table, const std::string& sessionId);
 
  private:
-  std::shared_ptr<MemoryRecordStore> inner_;
-  mutable std::mutex mutex_;
+  mutable std::mutex gateMutex_;
   std::condition_variable cv_;
   bool closed_ = false;
   int waiting_ = 0;

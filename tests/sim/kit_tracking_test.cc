@@ -8,25 +8,13 @@
 
 #include "sim/recording_player.h"
 #include "sim/sim_detector.h"
+#include "src/platform/fixed_device_info.h"
 #include "src/scene/object_3d_tracker.h"
 #include "src/scene/ssd_post_processor.h"
 #include "tests/sim/sim_testutil.h"
 
 namespace omra::sim {
 namespace {
-
-// A host that holds the phone in landscape and declares both landscape orientations.
-class LandscapeDevice : public DeviceInfo {
- public:
-  std::optional<std::string> bundleIdentifier() const override { return "com.example.sim"; }
-  std::string systemVersion() const override { return "13.0"; }
-  std::string machineName() const override { return "x86_64"; }
-  std::optional<std::string> identifierForVendor() const override { return std::nullopt; }
-  std::optional<std::vector<std::string>> supportedInterfaceOrientations() const override {
-    return std::vector<std::string>{"UIInterfaceOrientationLandscapeLeft",
-                                    "UIInterfaceOrientationLandscapeRight"};
-  }
-};
 
 TEST(KitTracking, DetectedObjectsLandOnTheRoomsObjects) {
   ScenarioOptions options = testing::shortScenarioOptions(31);
@@ -37,8 +25,12 @@ TEST(KitTracking, DetectedObjectsLandOnTheRoomsObjects) {
   RecordingPlayer player(rec);
   SimDetectorModel model(rec);
   SSDPostProcessor post(1917, 90, 0.01);
-  // A phone screen in landscape: the kit's screen conversions and their inverse must agree.
-  Object3DTracker tracker(390, 844, std::make_shared<LandscapeDevice>());
+  // A phone screen in landscape, on a host that declares both landscape orientations: the kit's
+  // screen conversions and their inverse must agree.
+  FixedDeviceInfo::Values landscape;
+  landscape.supportedInterfaceOrientations = {"UIInterfaceOrientationLandscapeLeft",
+                                              "UIInterfaceOrientationLandscapeRight"};
+  Object3DTracker tracker(390, 844, std::make_shared<FixedDeviceInfo>(landscape));
   const YawTransform roomFromSession = rec->truth->sessionFromRoom.inverse();
 
   std::map<int, std::vector<double>> errorsByObject;

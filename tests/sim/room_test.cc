@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,16 +12,8 @@
 namespace omra::sim {
 namespace {
 
-std::vector<std::string> labelList() {
-  std::vector<std::string> out;
-  std::stringstream ss(SSDPostProcessor::kClassNamesRaw);
-  std::string item;
-  while (std::getline(ss, item, ',')) out.push_back(item);
-  return out;
-}
-
 TEST(ObjectClasses, IndicesNameTheKitsLabels) {
-  auto labels = labelList();
+  const std::vector<std::string> labels = *SSDPostProcessor(1917, 90, 0.01).classNames;
   ASSERT_EQ(labels.size(), 91u);
   std::vector<ObjectClass> all(furnitureClasses().begin(), furnitureClasses().end());
   all.push_back(tableClass());
@@ -110,13 +101,9 @@ TEST(GenerateRoom, FeaturePointsLieOnTheirSurfaces) {
 
 TEST(Room, CastRayFindsNearestSurface) {
   Room r;
-  r.width = 6;
-  r.depth = 4;
-  r.height = 2.5;
+  r.width = 6, r.depth = 4, r.height = 2.5;
   SimObject box;
-  box.id = 1;
-  box.center = {2, 0.5, 0};
-  box.size = {0.4, 1.0, 0.4};
+  box.id = 1, box.center = {2, 0.5, 0}, box.size = {0.4, 1.0, 0.4};
   r.objects.push_back(box);
   struct Case {
     Vec3 o, d;
@@ -132,15 +119,12 @@ TEST(Room, CastRayFindsNearestSurface) {
   for (const Case& c : cases) {
     RayHit h = r.castRay(c.o, c.d);
     EXPECT_NEAR(h.distance, c.distance, 1e-9);
-    EXPECT_EQ(h.objectId, c.objectId);
-    EXPECT_EQ(h.surfaceId, c.surfaceId);
+    EXPECT_EQ(std::make_pair(h.objectId, h.surfaceId), std::make_pair(c.objectId, c.surfaceId));
   }
   EXPECT_TRUE(r.occluded({0, 0.5, 0}, {3, 0.5, 0}, 0));
   EXPECT_FALSE(r.occluded({0, 0.5, 0}, {3, 0.5, 0}, 1));  // its own surface does not hide it
   EXPECT_FALSE(r.occluded({0, 1.2, 0}, {3, 1.2, 0}, 0));  // passes over the box
-  SimObject table = box;
-  table.slabOnly = true;  // only the top 4 cm block sight
-  r.objects[0] = table;
+  r.objects[0].slabOnly = true;                           // only the top 4 cm block sight
   EXPECT_FALSE(r.occluded({0, 0.5, 0}, {3, 0.5, 0}, 0));
   EXPECT_TRUE(r.occluded({0, 0.98, 0}, {3, 0.98, 0}, 0));
 }

@@ -64,18 +64,10 @@ std::unique_ptr<DynaliteServer> DynaliteServer::start(std::string* why) {
   for (int tries = 0; tries < 3; ++tries) {
     const int port = freeLoopbackPort();
     const std::string portText = std::to_string(port);
-    std::vector<std::string> args = {"node",
-                                     cli,
-                                     "--host",
-                                     "127.0.0.1",
-                                     "--port",
-                                     portText,
-                                     "--createTableMs",
-                                     "0",
-                                     "--deleteTableMs",
-                                     "0",
-                                     "--updateTableMs",
-                                     "0"};
+    std::vector<std::string> args = {"node", cli, "--host", "127.0.0.1", "--port", portText};
+    for (const char* flag : {"--createTableMs", "--deleteTableMs", "--updateTableMs"}) {
+      args.insert(args.end(), {flag, "0"});
+    }
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

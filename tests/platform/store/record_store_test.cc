@@ -6,7 +6,6 @@
 #include <cmath>
 #include <filesystem>
 #include <future>
-#include <mutex>
 
 #include "src/cloud/camera_path_model.h"
 #include "src/cloud/detected_plane_model.h"
@@ -16,6 +15,7 @@
 #include "src/cloud/record_writer.h"
 #include "src/cloud/scene_understanding_model.h"
 #include "src/cloud/transform_result_model.h"
+#include "src/platform/memory_logger.h"
 #include "src/platform/store/dynamodb_record_store.h"
 #include "src/platform/store/memory_record_store.h"
 #include "src/platform/store/sqlite_record_store.h"
@@ -23,23 +23,6 @@
 
 namespace omra {
 namespace {
-
-class PrintLog : public Logger {
- public:
-  void print(std::string_view m) override {
-    std::lock_guard lock(mu_);
-    prints_.emplace_back(m);
-  }
-  void systemLog(LogLevel, std::string_view) override {}
-  std::vector<std::string> prints() {
-    std::lock_guard lock(mu_);
-    return prints_;
-  }
-
- private:
-  std::mutex mu_;
-  std::vector<std::string> prints_;
-};
 
 std::string tempPath(const std::string& name) {
   const auto dir = std::filesystem::temp_directory_path() /
@@ -115,23 +98,26 @@ class RecordStoreTest : public ::testing::Test {
     return done.get_future().get();
   }
 
+  // Saves the model, reads it back by its keys and checks the same attributes come back with the
+  // same types; DynamoDB may rewrite number texts ("1e-05" as "0.00001"), so values are compared
+  // through the model.
   template <class Model>
-  std::optional<Model> readBack(const Model& m) {
+  void roundTrip(const Model& m) {
     const Item item = m.toItem();
+    const std::string table = Model::dynamoDBTableName();
+    const auto saveError = saveAndWait(table, item);
+    ASSERT_FALSE(saveError.has_value()) << table << ": " << saveError->message;
     Item key{{Model::hashKeyAttribute(), item.at(Model::hashKeyAttribute())},
              {Model::rangeKeyAttribute(), item.at(Model::rangeKeyAttribute())}};
     std::optional<StoreError> error;
-    auto got = store_->get(Model::dynamoDBTableName(), key, &error);
-    EXPECT_FALSE(error.has_value()) << error->message;
-    if (!got) return std::nullopt;
-    // Same attributes of the same types; DynamoDB may rewrite number texts ("1e-05" as
-    // "0.00001"), so values are compared through the model.
-    EXPECT_EQ(got->size(), item.size());
+    auto got = store_->get(table, key, &error);
+    ASSERT_TRUE(got.has_value()) << table << (error ? ": " + error->message : "");
+    EXPECT_EQ(got->size(), item.size()) << table;
     for (const auto& [name, value] : item) {
       const auto it = got->find(name);
-      EXPECT_TRUE(it != got->end() && it->second.type == value.type) << name;
+      EXPECT_TRUE(it != got->end() && it->second.type == value.type) << table << " " << name;
     }
-    return Model::fromItem(*got);
+    EXPECT_EQ(Model::fromItem(*got), m) << table;
   }
 
   Kind kind_;
@@ -143,15 +129,6 @@ TYPED_TEST_SUITE(RecordStoreTest, Kinds);
 
 TYPED_TEST(RecordStoreTest, EveryModelSavedAndReadBackEqual) {
   const std::string s = "A1B2C3D4-0000-4000-8000-000000000001";
-  ImageFeaturesModel features(s, 7, {1, 0.5, -3.25});
-  SceneUnderstandingModel object(s, 8, 0.1f, -2.5f, 1e-05f, "chair", 0.875f, 42, true);
-  DetectedPlaneModel plane(s, 9, "PLANE-1", "horizontal", "0.1,0.0,0.2|0.3,0.0,0.4", false,
-                           "1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.5,0.0,-1.0,1.0",
-                           false);
-  DetectedPlaneModel removal(s, 10, "PLANE-1", true, true);
-  CameraPathModel path(s, 20, {{"20", "1.0,0.0,"}, {"21", "2.0,0.0,"}});
-  PointCloudModel cloud(s, 180, {{180, {12, 99}}, {181, {99}}},
-                        {{12, {0.5f, -1.25f, 2.0f}}, {99, {1, 2, 3}}});
   TransformResultModel result;
   result.sessionId = s;
   result.timestamp = 1763770000.123456;
@@ -159,25 +136,16 @@ TYPED_TEST(RecordStoreTest, EveryModelSavedAndReadBackEqual) {
   result.transform = "0.1,0.0,-0.2,1.5707964";
   result.localizer = "su_localizer";
   result.suppress = false;
-
-  for (auto [table, item] : std::vector<std::pair<std::string, Item>>{
-           {ImageFeaturesModel::kTableName, features.toItem()},
-           {SceneUnderstandingModel::kTableName, object.toItem()},
-           {DetectedPlaneModel::kTableName, plane.toItem()},
-           {DetectedPlaneModel::kTableName, removal.toItem()},
-           {CameraPathModel::kTableName, path.toItem()},
-           {PointCloudModel::kTableName, cloud.toItem()},
-           {TransformResultModel::kTableName, result.toItem()}}) {
-    const auto error = this->saveAndWait(table, item);
-    ASSERT_FALSE(error.has_value()) << table << ": " << error->message;
-  }
-  EXPECT_EQ(this->readBack(features), features);
-  EXPECT_EQ(this->readBack(object), object);
-  EXPECT_EQ(this->readBack(plane), plane);
-  EXPECT_EQ(this->readBack(removal), removal);
-  EXPECT_EQ(this->readBack(path), path);
-  EXPECT_EQ(this->readBack(cloud), cloud);
-  EXPECT_EQ(this->readBack(result), result);
+  this->roundTrip(ImageFeaturesModel(s, 7, {1, 0.5, -3.25}));
+  this->roundTrip(SceneUnderstandingModel(s, 8, 0.1f, -2.5f, 1e-05f, "chair", 0.875f, 42, true));
+  this->roundTrip(DetectedPlaneModel(
+      s, 9, "PLANE-1", "horizontal", "0.1,0.0,0.2|0.3,0.0,0.4", false,
+      "1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.0,0.0,0.0,1.0,0.0,0.5,0.0,-1.0,1.0", false));
+  this->roundTrip(DetectedPlaneModel(s, 10, "PLANE-1", true, true));
+  this->roundTrip(CameraPathModel(s, 20, {{"20", "1.0,0.0,"}, {"21", "2.0,0.0,"}}));
+  this->roundTrip(PointCloudModel(s, 180, {{180, {12, 99}}, {181, {99}}},
+                                  {{12, {0.5f, -1.25f, 2.0f}}, {99, {1, 2, 3}}}));
+  this->roundTrip(result);
 }
 
 TYPED_TEST(RecordStoreTest, QueryFollowsNumericRangeOrderOverPages) {
@@ -217,18 +185,20 @@ TYPED_TEST(RecordStoreTest, QueryFollowsNumericRangeOrderOverPages) {
 
 TYPED_TEST(RecordStoreTest, DoubleRangeKeysOrderAndReplace) {
   const std::string table = TransformResultModel::kTableName;
-  for (double t : {1763770000.5, 99.25, 1763770000.125, 99.25}) {
+  using Row = std::pair<double, std::string>;  // timestamp, localizer
+  for (const Row& row : std::vector<Row>{
+           {1763770000.5, "a"}, {99.25, "old"}, {1763770000.125, "b"}, {99.25, "new"}}) {
     TransformResultModel r;
     r.sessionId = "L";
-    r.timestamp = t;
-    r.localizer = t == 99.25 ? "second" : "first";
+    std::tie(r.timestamp, r.localizer) = row;
     ASSERT_FALSE(this->store_->put(table, r.toItem()));
   }
-  const auto items = queryAll(*this->store_, table, AttributeValue::string("L"));
-  ASSERT_EQ(items.size(), 3u);
-  EXPECT_EQ(TransformResultModel::fromItem(items[0])->timestamp, 99.25);
-  EXPECT_EQ(TransformResultModel::fromItem(items[1])->timestamp, 1763770000.125);
-  EXPECT_EQ(TransformResultModel::fromItem(items[2])->timestamp, 1763770000.5);
+  std::vector<Row> rows;
+  for (const Item& item : queryAll(*this->store_, table, AttributeValue::string("L"))) {
+    const auto r = TransformResultModel::fromItem(item);
+    rows.emplace_back(r->timestamp.value_or(0), r->localizer.value_or(""));
+  }
+  EXPECT_EQ(rows, (std::vector<Row>{{99.25, "new"}, {1763770000.125, "b"}, {1763770000.5, "a"}}));
 }
 
 TYPED_TEST(RecordStoreTest, RefusesOversizeAndMalformedItems) {
@@ -260,7 +230,7 @@ TYPED_TEST(RecordStoreTest, RefusesOversizeAndMalformedItems) {
 TYPED_TEST(RecordStoreTest, FailureUnderneathIsPrintedNotFatal) {
   auto store = this->kind_.broken();
   if (!store) GTEST_SKIP() << "this store cannot fail underneath";
-  auto log = std::make_shared<PrintLog>();
+  auto log = std::make_shared<MemoryLogger>();
   RecordWriter writer(store, log);
   std::promise<bool> done;
   writer.save(CameraPathModel("S", 40, {{"40", "1.0,"}}), [&](bool ok) { done.set_value(ok); });

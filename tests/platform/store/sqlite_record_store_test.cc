@@ -23,13 +23,17 @@ std::string freshPath(const std::string& name) {
   return (dir / "records.db").string();
 }
 
+std::shared_ptr<SqliteRecordStore> openOrFail(const std::string& path) {
+  std::string error;
+  auto store = SqliteRecordStore::open(path, &error);
+  EXPECT_TRUE(store) << error;
+  return store;
+}
+
 TEST(SqliteRecordStoreTest, TwoStoresShareOneFileWhileBothWrite) {
   const std::string path = freshPath("shared");
-  std::string error;
-  auto kit = SqliteRecordStore::open(path, &error);
-  ASSERT_TRUE(kit) << error;
-  auto server = SqliteRecordStore::open(path, &error);
-  ASSERT_TRUE(server) << error;
+  auto kit = openOrFail(path), server = openOrFail(path);
+  ASSERT_TRUE(kit && server);
   // Tables made through one are known to the other, which opened before they existed.
   ASSERT_FALSE(ensureRecordTables(*kit).has_value());
 
@@ -55,17 +59,16 @@ TEST(SqliteRecordStoreTest, TwoStoresShareOneFileWhileBothWrite) {
 
 TEST(SqliteRecordStoreTest, ItemsSurviveReopeningAndPendingSavesAreWrittenOnClose) {
   const std::string path = freshPath("reopen");
-  std::string error;
   {
-    auto store = SqliteRecordStore::open(path, &error);
-    ASSERT_TRUE(store) << error;
+    auto store = openOrFail(path);
+    ASSERT_TRUE(store);
     ASSERT_FALSE(ensureRecordTables(*store).has_value());
     for (int i = 0; i < 50; ++i) {
       store->save(CameraPathModel::kTableName, CameraPathModel("S", i * 20, {}).toItem(), {});
     }
   }  // destroyed with saves still queued
-  auto store = SqliteRecordStore::open(path, &error);
-  ASSERT_TRUE(store) << error;
+  auto store = openOrFail(path);
+  ASSERT_TRUE(store);
   EXPECT_EQ(queryAll(*store, CameraPathModel::kTableName, AttributeValue::string("S")).size(), 50u);
   // Re-creating with the same keys is fine; with other keys it is refused.
   EXPECT_FALSE(store->createTable(CameraPathModel::schema()).has_value());

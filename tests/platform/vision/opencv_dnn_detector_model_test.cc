@@ -83,30 +83,23 @@ TEST_F(OpenCvDnnDetectorModelTest, OrientationAndCentreCropReachTheModel) {
 }
 
 TEST(OpenCvDnnDetectorModelLoadTest, RefusesBadModelsWithTheReason) {
-  std::string error;
-  EXPECT_EQ(OpenCvDnnDetectorModel::load("/nonexistent/model.onnx", {}, &error), nullptr);
-  EXPECT_EQ(error.rfind("Can't load VisionML model: ", 0), 0u) << error;
-
+  // The load error, or "loaded".
+  const auto refusal = [](const std::string& path, OpenCvDnnOptions options = {}) {
+    std::string error;
+    return OpenCvDnnDetectorModel::load(path, options, &error) ? "loaded" : error;
+  };
+  const std::string small = testing::smallModelPath();
+  ASSERT_FALSE(small.empty());
   const std::string garbage = std::string(OMRA_BINARY_DIR) + "/test_models/garbage.onnx";
-  ASSERT_FALSE(testing::smallModelPath().empty());
   std::ofstream(garbage) << "not a model";
-  error.clear();
-  EXPECT_EQ(OpenCvDnnDetectorModel::load(garbage, {}, &error), nullptr);
-  EXPECT_EQ(error.rfind("Can't load VisionML model: ", 0), 0u) << error;
-
   const std::string noScores =
       testing::generatedModel("no_scores.onnx", "--kind small --drop-output concat_1__0");
   ASSERT_FALSE(noScores.empty());
-  error.clear();
-  EXPECT_EQ(OpenCvDnnDetectorModel::load(noScores, {}, &error), nullptr);
-  EXPECT_NE(error.find("concat_1__0"), std::string::npos) << error;
-
+  EXPECT_EQ(refusal("/nonexistent/model.onnx").rfind("Can't load VisionML model: ", 0), 0u);
+  EXPECT_EQ(refusal(garbage).rfind("Can't load VisionML model: ", 0), 0u);
+  EXPECT_NE(refusal(noScores).find("concat_1__0"), std::string::npos);
   // A model whose outputs do not have the sizes the decoder reads.
-  OpenCvDnnOptions fewer;
-  fewer.numAnchors = 1000;
-  error.clear();
-  EXPECT_EQ(OpenCvDnnDetectorModel::load(testing::smallModelPath(), fewer, &error), nullptr);
-  EXPECT_NE(error.find("expected"), std::string::npos) << error;
+  EXPECT_NE(refusal(small, {.numAnchors = 1000}).find("expected"), std::string::npos);
 }
 
 TEST(ImageOpsTest, ScalingAndPngOutput) {
