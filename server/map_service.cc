@@ -35,6 +35,49 @@ struct MapService::Opening {
 MapService::MapService(RecordStore& store, JobRunner& jobs, MapServiceOptions options)
     : store_(store), jobs_(jobs), options_(std::move(options)) {}
 
+Answer MapService::handle(const Request& request) {
+  using Body = Answer (MapService::*)(const std::string&);
+  struct PostRoute {
+    const char* path;
+    Body method;
+  };
+  static constexpr PostRoute kPostRoutes[] = {
+      {"/maps/create_map", &MapService::createMap},
+      {"/maps/create_localization_session", &MapService::createLocalizationSession},
+      {"/maps/list_nearby_maps", &MapService::listNearbyMaps},
+      {"/maps/place_asset_on_map", &MapService::placeAssetOnMap},
+      {"/maps/find_assets_on_the_map", &MapService::findAssetsOnTheMap},
+      {"/full-image-matcher", &MapService::triggerImageMatcher},
+      {"/linear-optimizer/initial_transforms", &MapService::triggerTransforms},
+  };
+  std::string_view path = request.path;
+  bool staged = false;
+  for (std::string_view stage : {"/beta", "/prod"}) {
+    if (path.substr(0, stage.size()) == stage) {
+      path.remove_prefix(stage.size());
+      staged = true;
+      break;
+    }
+  }
+  if (staged) {
+    if (path == "/maps/get_best_transform") {
+      if (request.method != "GET") return error(405, "Use GET for " + std::string(path));
+      auto param = [&](const char* name) -> std::optional<std::string> {
+        auto it = request.query.find(name);
+        if (it == request.query.end()) return std::nullopt;
+        return it->second;
+      };
+      return getBestTransform(param("session_id"), param("localizer"));
+    }
+    for (const PostRoute& route : kPostRoutes) {
+      if (path != route.path) continue;
+      if (request.method != "POST") return error(405, "Use POST for " + std::string(path));
+      return (this->*route.method)(request.body);
+    }
+  }
+  return error(kNotFound, "Unknown route " + request.method + " " + request.path);
+}
+
 Answer MapService::error(int status, const std::string& message) {
   return {status, Json{{"errorMessage", message}}};
 }

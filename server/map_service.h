@@ -14,13 +14,9 @@
 #include "server/job_runner.h"
 #include "server/localizer_jobs.h"
 #include "server/map_store.h"
+#include "server/request.h"
 
 namespace omra::server {
-
-struct Answer {
-  int status = 200;
-  Json body;
-};
 
 struct MapServiceOptions {
   // When not empty, only these developer-key digests may open or list maps.
@@ -33,6 +29,10 @@ struct MapServiceOptions {
 class MapService {
  public:
   MapService(RecordStore& store, JobRunner& jobs, MapServiceOptions options);
+
+  // Every route under "/beta" and "/prod": picks the handler by method and path. An unknown
+  // route answers 404, a known path with another method 405.
+  Answer handle(const Request& request);
 
   Answer createMap(const std::string& body);
   Answer createLocalizationSession(const std::string& body);

@@ -1,5 +1,6 @@
 #include "server/plane_records.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <map>
@@ -29,11 +30,19 @@ std::optional<PlaneObservation> parsePlaneTransform(const std::string& text) {
 
 std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& sessionId,
                                          std::optional<StoreError>* error) {
-  std::map<std::string, std::optional<PlaneObservation>> newest;
+  // Records come in the order the kit wrote them; a plane's state is the one of its latest frame
+  // (the stable sort keeps write order within a frame).
+  std::vector<DetectedPlaneModel> events;
   for (const Item& item :
        queryAll(store, DetectedPlaneModel::kTableName, AttributeValue::string(sessionId), error)) {
     std::optional<DetectedPlaneModel> m = DetectedPlaneModel::fromItem(item);
-    if (!m || !m->planeId) continue;
+    if (m && m->planeId) events.push_back(std::move(*m));
+  }
+  std::stable_sort(events.begin(), events.end(), [](const auto& a, const auto& b) {
+    return a.frameId.value_or(0) < b.frameId.value_or(0);
+  });
+  std::map<std::string, std::optional<PlaneObservation>> newest;
+  for (const DetectedPlaneModel* m = events.data(); m != events.data() + events.size(); ++m) {
     if (m->isRemoved.value_or(false)) {
       newest[*m->planeId] = std::nullopt;
       continue;

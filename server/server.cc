@@ -3,6 +3,7 @@
 #include <httplib.h>
 #include <sys/socket.h>
 
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 
@@ -17,12 +18,8 @@ thread_local std::chrono::steady_clock::time_point requestStart;
 
 void reply(httplib::Response& res, const Answer& a) {
   res.status = a.status;
+  for (const auto& [name, value] : a.headers) res.set_header(name, value);
   res.set_content(a.body.dump(), "application/json");
-}
-
-std::optional<std::string> param(const httplib::Request& req, const char* name) {
-  if (!req.has_param(name)) return std::nullopt;
-  return req.get_param_value(name);
 }
 
 }  // namespace
@@ -116,27 +113,24 @@ bool Server::start(std::string* error) {
   }
 
   MapService* svc = service_.get();
-  using Body = Answer (MapService::*)(const std::string&);
-  auto post = [&](const std::string& path, Body method) {
-    for (const char* stage : {"/beta", "/prod"}) {
-      s.Post(stage + path, [svc, method](const httplib::Request& req, httplib::Response& res) {
-        reply(res, (svc->*method)(req.body));
-      });
+  auto handler = [svc](const httplib::Request& req, httplib::Response& res) {
+    Request request;
+    request.method = req.method;
+    request.path = req.path;
+    for (const auto& [name, value] : req.params) request.query.emplace(name, value);
+    for (const auto& [name, value] : req.headers) {
+      std::string lower = name;
+      for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      request.headers.emplace(std::move(lower), value);
     }
+    request.body = req.body;
+    reply(res, svc->handle(request));
   };
-  post("/maps/create_map", &MapService::createMap);
-  post("/maps/create_localization_session", &MapService::createLocalizationSession);
-  post("/maps/list_nearby_maps", &MapService::listNearbyMaps);
-  post("/maps/place_asset_on_map", &MapService::placeAssetOnMap);
-  post("/maps/find_assets_on_the_map", &MapService::findAssetsOnTheMap);
-  post("/full-image-matcher", &MapService::triggerImageMatcher);
-  post("/linear-optimizer/initial_transforms", &MapService::triggerTransforms);
-  for (const char* stage : {"/beta", "/prod"}) {
-    s.Get(std::string(stage) + "/maps/get_best_transform",
-          [svc](const httplib::Request& req, httplib::Response& res) {
-            reply(res, svc->getBestTransform(param(req, "session_id"), param(req, "localizer")));
-          });
-  }
+  s.Get(".*", handler);
+  s.Post(".*", handler);
+  s.Put(".*", handler);
+  s.Delete(".*", handler);
+  s.Patch(".*", handler);
 
   int bound = options_.port == 0
                   ? s.bind_to_any_port(options_.host)

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "omrakit/platform/record_store.h"
+#include "src/cloud/record_item.h"
 
 namespace omra {
 
@@ -16,7 +17,7 @@ class CameraPathModel {
   static constexpr const char* kTableName = "MapData-CameraPath";
   static std::string dynamoDBTableName() { return kTableName; }
   static std::string hashKeyAttribute() { return "SessionId"; }
-  static std::string rangeKeyAttribute() { return "FrameId"; }
+  static std::string rangeKeyAttribute() { return kRecordIdAttribute; }
   static TableSchema schema();
 
   CameraPathModel() = default;

@@ -6,6 +6,7 @@
 
 #include "omrakit/settings.h"
 #include "omrakit/version.h"
+#include "src/cloud/account_http_client.h"
 #include "src/cloud/metrics.h"
 #include "src/cloud/model_name.h"
 #include "src/foundation/fatal.h"
@@ -63,9 +64,9 @@ CloudAPI::CloudAPI(bool useBeta, std::string appID, std::string devKeyHash, Clou
       address_(urls_.mapsUrlBase(useBeta)),
       appID_(std::move(appID)),
       developerKeyHash_(std::move(devKeyHash)),
-      http_(std::move(services.http)),
       metrics_(std::move(services.metrics)) {
-  OMRA_CHECK(http_ != nullptr, "CloudAPI needs an HTTP client");
+  OMRA_CHECK(services.http != nullptr, "CloudAPI needs an HTTP client");
+  http_ = std::make_shared<AccountHttpClient>(std::move(services.http), developerKeyHash_);
   OMRA_CHECK(services.device != nullptr, "CloudAPI needs the device information");
   deviceVersion_ = services.device->systemVersion();
   deviceModel_ = modelName(*services.device);

@@ -87,6 +87,7 @@ class CloudAPI {
   const std::optional<std::string>& deviceUUID() const { return deviceUUID_; }
   // The endpoints this client was made with (for the relocalization requests).
   const Urls& urls() const { return urls_; }
+  // The client every request of this account goes through: it carries the account header.
   const std::shared_ptr<HttpClient>& http() const { return http_; }
 
  private:
@@ -99,7 +100,7 @@ class CloudAPI {
   const std::string address_;
   const std::string appID_;
   const std::string developerKeyHash_;
-  const std::shared_ptr<HttpClient> http_;
+  std::shared_ptr<HttpClient> http_;  // adds the account header to every request
   const std::shared_ptr<MetricsSink> metrics_;
   std::string deviceVersion_;
   std::string deviceModel_;

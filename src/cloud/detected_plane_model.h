@@ -5,6 +5,7 @@
 #include <string>
 
 #include "omrakit/platform/record_store.h"
+#include "src/cloud/record_item.h"
 
 namespace omra {
 
@@ -15,7 +16,7 @@ class DetectedPlaneModel {
   static constexpr const char* kTableName = "MapData-DetectedPlanes";
   static std::string dynamoDBTableName() { return kTableName; }
   static std::string hashKeyAttribute() { return "SessionId"; }
-  static std::string rangeKeyAttribute() { return "FrameId"; }
+  static std::string rangeKeyAttribute() { return kRecordIdAttribute; }
   static TableSchema schema();
 
   DetectedPlaneModel() = default;

@@ -10,7 +10,7 @@
 namespace omra {
 
 TableSchema ImageFeaturesModel::schema() {
-  return {kTableName, "SessionId", KeyType::kString, "FrameId", KeyType::kNumber};
+  return {kTableName, "SessionId", KeyType::kString, kRecordIdAttribute, KeyType::kNumber};
 }
 
 ImageFeaturesModel::ImageFeaturesModel(std::string sessionId_, int64_t frameId_,

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "omrakit/platform/record_store.h"
+#include "src/cloud/record_item.h"
 
 namespace omra {
 
@@ -16,7 +17,7 @@ class ImageFeaturesModel {
   static constexpr const char* kTableName = "MapData-ImageFeatures";
   static std::string dynamoDBTableName() { return kTableName; }
   static std::string hashKeyAttribute() { return "SessionId"; }
-  static std::string rangeKeyAttribute() { return "FrameId"; }
+  static std::string rangeKeyAttribute() { return kRecordIdAttribute; }
   static TableSchema schema();
 
   ImageFeaturesModel() = default;

@@ -19,7 +19,7 @@ void appendInteger(std::string& out, Int value) {
 }  // namespace
 
 TableSchema PointCloudModel::schema() {
-  return {kTableName, "SessionId", KeyType::kString, "FrameId", KeyType::kNumber};
+  return {kTableName, "SessionId", KeyType::kString, kRecordIdAttribute, KeyType::kNumber};
 }
 
 PointCloudModel::PointCloudModel(std::string sessionId_, int64_t frameId_,

@@ -9,6 +9,7 @@
 
 #include "omrakit/geometry.h"
 #include "omrakit/platform/record_store.h"
+#include "src/cloud/record_item.h"
 
 namespace omra {
 
@@ -22,7 +23,7 @@ class PointCloudModel {
   static constexpr const char* kTableName = "MapData-PointCloud";
   static std::string dynamoDBTableName() { return kTableName; }
   static std::string hashKeyAttribute() { return "SessionId"; }
-  static std::string rangeKeyAttribute() { return "FrameId"; }
+  static std::string rangeKeyAttribute() { return kRecordIdAttribute; }
   static TableSchema schema();
 
   PointCloudModel() = default;

@@ -114,4 +114,9 @@ bool readStringMap(const Item& item, const std::string& name,
   return ok;
 }
 
+Item withRecordId(Item item, int64_t recordId) {
+  item.insert_or_assign(kRecordIdAttribute, integerNumber(recordId));
+  return item;
+}
+
 }  // namespace omra

@@ -12,6 +12,13 @@
 
 namespace omra {
 
+// The range key of the five tables the kit writes: a per-session sequence number that the kit's
+// writer gives each record, so that two records of one frame (two objects, two plane events) keep
+// distinct keys, and a record sent twice replaces itself. "FrameId" stays an ordinary attribute.
+inline constexpr const char* kRecordIdAttribute = "RecordId";
+// The item with its "RecordId" set.
+Item withRecordId(Item item, int64_t recordId);
+
 AttributeValue integerNumber(int64_t value);
 // The shortest text that reads back to the same float (or double). Non-finite values give texts
 // that no store accepts as numbers, as DynamoDB refuses them.

@@ -1,5 +1,7 @@
 #include "src/cloud/record_writer.h"
 
+#include "src/cloud/record_item.h"
+
 namespace omra {
 
 RecordWriter::RecordWriter(std::shared_ptr<RecordStore> store, std::shared_ptr<Logger> logger)
@@ -10,6 +12,7 @@ void RecordWriter::saveItem(const std::string& table, Item item, Done done) cons
     if (error && logger) logger->print(std::string(kSaveErrorPrefix) + error->message);
     if (done) done(!error);
   };
+  item = withRecordId(std::move(item), lastRecordId_->fetch_add(1) + 1);
   if (!store_) {
     report(StoreError{"no record store is configured"});
     return;

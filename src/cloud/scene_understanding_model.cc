@@ -5,7 +5,7 @@
 namespace omra {
 
 TableSchema SceneUnderstandingModel::schema() {
-  return {kTableName, "SessionId", KeyType::kString, "FrameId", KeyType::kNumber};
+  return {kTableName, "SessionId", KeyType::kString, kRecordIdAttribute, KeyType::kNumber};
 }
 
 SceneUnderstandingModel::SceneUnderstandingModel(std::string sessionId_, int64_t frameId_,

@@ -132,6 +132,8 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
   };
 
   s.developerKeyHash = md5Hex(developerKey);
+  // Records go out under this session's account (CloudAPI does the same for requests).
+  s.env.records = storeForAccount(s.env.records, s.developerKeyHash);
   CloudServices services{s.env.http, s.env.device, s.env.metrics,
                          s.options.endpoints ? Urls(*s.options.endpoints) : Urls::shared()};
   s.cloudApi = std::make_shared<CloudAPI>(OmraSettings::USE_BETA_ALGO.load(), s.appID,

@@ -43,9 +43,9 @@ TEST(RecordModelsTest, TablesAndKeys) {
   }
   EXPECT_EQ(
       text,
-      "MapData-ImageFeatures(SessionId,FrameId) MapData-SceneUnderstanding(SessionId,FrameId) "
-      "MapData-DetectedPlanes(SessionId,FrameId) MapData-CameraPath(SessionId,FrameId) "
-      "MapData-PointCloud(SessionId,FrameId) Transformations(SessionId,Timestamp) ");
+      "MapData-ImageFeatures(SessionId,RecordId) MapData-SceneUnderstanding(SessionId,RecordId) "
+      "MapData-DetectedPlanes(SessionId,RecordId) MapData-CameraPath(SessionId,RecordId) "
+      "MapData-PointCloud(SessionId,RecordId) Transformations(SessionId,Timestamp) ");
 }
 
 // Features go out as printf("%f") texts joined by commas, compressed.

@@ -99,9 +99,10 @@ TEST_F(QueueTest, CameraGapsStepsBackAndRepeats) {
 
   q.save();  // written now under the current start, and still queued
   records = cameraRecords();
-  ASSERT_EQ(records.size(), 1u);  // same key (S, 0): replaced
-  EXPECT_EQ(records[0].transforms->size(), 2u);
-  EXPECT_TRUE(records[0].transforms->count("47"));
+  ASSERT_EQ(records.size(), 2u);  // a record of its own: readers take the newest for a frame
+  EXPECT_EQ(records[1].frameId, 0);
+  EXPECT_EQ(records[1].transforms->size(), 2u);
+  EXPECT_TRUE(records[1].transforms->count("47"));
   EXPECT_EQ(q.queuedCameraPaths().size(), 2u);
 }
 
@@ -139,8 +140,9 @@ TEST_F(QueueTest, PointCloudBlocksOfOneEightyFrameNumbers) {
   EXPECT_EQ(q.queuedFrameStart(), 0);
   q.save();
   records = cloudRecords();
-  ASSERT_EQ(records.size(), 1u);  // replaced the (S, 0) record
-  EXPECT_EQ(decompress(*records[0].framesToFeatureIdC), "{10:[8],180:[7]}");
+  ASSERT_EQ(records.size(), 2u);  // kept beside the first block's record
+  EXPECT_EQ(records[1].frameId, 0);
+  EXPECT_EQ(decompress(*records[1].framesToFeatureIdC), "{10:[8],180:[7]}");
   EXPECT_TRUE(prints_->prints().empty());
 }
 

@@ -88,7 +88,7 @@ TEST(PersistencePlanes, CountingByAlignmentAndPlatform) {
     Recorder r(SessionMode::mapping, c.version);
     int n = 0;
     for (PlaneAlignment a : c.planes) {
-      r.persistence->advanceFrameCounter();  // records of one frame share a key
+      r.persistence->advanceFrameCounter();
       r.persistence->planeDetected(plane("P" + std::to_string(n++), a));
     }
     EXPECT_EQ(r.progress.size(), c.increments);
@@ -106,13 +106,16 @@ TEST(PersistencePlanes, RecordFields) {
   r.persistence->planeDetected(plane("AB-2", PlaneAlignment::kHorizontal));  // no vertices
   r.persistence->planeRemoved(plane("AB-1", PlaneAlignment::kVertical));
   std::vector<DetectedPlaneModel> planes = r.planes();
-  ASSERT_EQ(planes.size(), 2u);  // the removal replaced the record of frame 3 (same key)
+  ASSERT_EQ(planes.size(), 3u);  // two events of frame 3, each kept
   DetectedPlaneModel first("LOC-1", 2, "AB-1", "vertical", "0.5,0.0,-1.0|1.0,0.0,2.0", true,
                            Persistence::transformString(Matrix4x4::identity()), false);
+  DetectedPlaneModel second("LOC-1", 3, "AB-2", "horizontal", "-", true,
+                            Persistence::transformString(Matrix4x4::identity()), false);
   DetectedPlaneModel removal("LOC-1", 3, "AB-1", "vertical", "-", true, "-", true);
   first.timestamp = planes[0].timestamp;
-  removal.timestamp = planes[1].timestamp;
-  EXPECT_EQ(planes, (std::vector<DetectedPlaneModel>{first, removal}));
+  second.timestamp = planes[1].timestamp;
+  removal.timestamp = planes[2].timestamp;
+  EXPECT_EQ(planes, (std::vector<DetectedPlaneModel>{first, second, removal}));
 }
 
 TEST(PersistencePlanes, OldPlatformGetsThreeVerticesAroundTheCentre) {

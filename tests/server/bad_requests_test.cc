@@ -140,7 +140,7 @@ TEST_F(BadRequestTest, BadBodiesParametersAndRoutesAnswer4xxSayingWhatIsWrong) {
       {best + "localizer=su_localizer", {}, 400, "\"session_id\""},
       {best + "session_id=S", {}, 400, "\"localizer\""},
       {best + "session_id=S&localizer=bogus", {}, 400, "Unknown localizer"},
-      {m + "create_map", {}, 404, "Unknown route GET /prod/maps/create_map"},
+      {m + "create_map", {}, 405, "Use POST for /maps/create_map"},
       {"/staging/maps/get_best_transform?session_id=S&localizer=su_localizer",
        {},
        404,

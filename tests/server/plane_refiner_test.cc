@@ -11,6 +11,7 @@
 
 #include "server/plane_records.h"
 #include "src/cloud/detected_plane_model.h"
+#include "src/cloud/record_item.h"
 #include "src/cloud/record_tables.h"
 #include "src/platform/store/record_store_factory.h"
 
@@ -171,8 +172,10 @@ TEST(PlaneRecords, TransformTextGivesOriginAndNormal) {
 TEST(PlaneRecords, NewestStateOfEachPlaneThatIsStillThere) {
   std::shared_ptr<RecordStore> store = makeRecordStore("memory", {}, nullptr);
   ASSERT_FALSE(ensureRecordTables(*store).has_value());
+  int64_t recordId = 0;  // write order differs from frame order: the frame decides
   auto save = [&](const DetectedPlaneModel& m) {
-    ASSERT_FALSE(store->put(DetectedPlaneModel::kTableName, m.toItem()).has_value());
+    ASSERT_FALSE(store->put(DetectedPlaneModel::kTableName, withRecordId(m.toItem(), ++recordId))
+                     .has_value());
   };
   const std::string wall = "0,0,-1,0,1,0,0,0,0,1,0,0,2,1,0,1";  // normal +x, at x = 2
   const std::string moved = "0,0,-1,0,1,0,0,0,0,1,0,0,2.5,1,0,1";

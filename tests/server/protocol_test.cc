@@ -13,6 +13,7 @@
 #include "src/cloud/camera_path_model_queue.h"
 #include "src/cloud/cloud_api.h"
 #include "src/cloud/image_features_model.h"
+#include "src/cloud/record_item.h"
 #include "src/cloud/scene_understanding_model.h"
 #include "src/cloud/transform_result_model.h"
 #include "src/mapping/data_manager.h"
@@ -243,14 +244,15 @@ TEST_F(ProtocolTest, TriggersRunTheLocalizersAndWriteResults) {
 
   // Objects: three sightings each, in both sessions.
   const auto room = testing::makeRoom(10, 12, 5);
-  int64_t frame = 0;
+  int64_t frame = 0, recordId = 0;
   for (const auto& [id, landmarks] :
        {std::pair{mapId, room}, std::pair{sessionId, testing::seenFrom(room, truth, 0.005, 6)}}) {
     for (int k = 0; k < 3; ++k) {
       for (const Landmark& l : landmarks) {
         SceneUnderstandingModel m(id, ++frame, l.position[0], l.position[1], l.position[2], l.label,
                                   0.9f, l.objectId, id == sessionId);
-        ASSERT_FALSE(store_->put(SceneUnderstandingModel::kTableName, m.toItem()));
+        ASSERT_FALSE(
+            store_->put(SceneUnderstandingModel::kTableName, withRecordId(m.toItem(), ++recordId)));
       }
     }
   }
@@ -270,11 +272,13 @@ TEST_F(ProtocolTest, TriggersRunTheLocalizersAndWriteResults) {
       blocks[f / 20 * 20][std::to_string(f)] = CameraPathModelQueue::poseText(m);
       std::vector<double> v(frames[i].features.begin(), frames[i].features.end());
       ASSERT_FALSE(
-          store_->put(ImageFeaturesModel::kTableName, ImageFeaturesModel(id, f + 2, v).toItem()));
+          store_->put(ImageFeaturesModel::kTableName,
+                      withRecordId(ImageFeaturesModel(id, f + 2, v).toItem(), ++recordId)));
     }
     for (auto& [start, poses] : blocks) {
       ASSERT_FALSE(
-          store_->put(CameraPathModel::kTableName, CameraPathModel(id, start, poses).toItem()));
+          store_->put(CameraPathModel::kTableName,
+                      withRecordId(CameraPathModel(id, start, poses).toItem(), ++recordId)));
     }
   }
 

@@ -231,7 +231,7 @@ TEST(OmraSession, ScanProgressAndTriggers) {
 
   // Planes were recorded with the frame numbers the plane events advanced.
   std::vector<Item> planes = run.t.store->items(DetectedPlaneModel::kTableName, "LOC-1");
-  EXPECT_EQ(planes.size(), 5u);  // the list entry shares frame 5 with V3
+  EXPECT_EQ(planes.size(), 6u);  // the list entry shares frame 5 with V3, and both are kept
   std::optional<DetectedPlaneModel> first = DetectedPlaneModel::fromItem(planes.front());
   EXPECT_EQ(first->frameId, 1);
   EXPECT_EQ(first->vertices, "0.0,0.0,0.0|1.0,0.0,0.0|1.0,0.0,1.0");

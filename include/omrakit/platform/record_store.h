@@ -8,10 +8,12 @@
 // saves pending still completes each of them first.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -61,6 +63,13 @@ struct StoreError {
   std::string message;
 };
 
+// One item of a batch write.
+struct TableItem {
+  std::string table;
+  Item item;
+  bool operator==(const TableItem&) const = default;
+};
+
 struct QueryPage {
   std::vector<Item> items;  // in range-key order
   // Present when more items may follow: query again from it. (A remote store may hand out a key
@@ -87,7 +96,29 @@ class RecordStore {
   virtual QueryPage query(const std::string& table, const AttributeValue& hashValue,
                           const std::optional<Item>& startKey, int limit,
                           std::optional<StoreError>* error = nullptr) = 0;
+
+  // Blocking write of every item, replacing items with the same keys. Each item is checked before
+  // anything is written; a store that can (SQLite, memory, DynamoDB transactions) writes all or
+  // none. The default puts the items one by one and may stop part-way.
+  virtual std::optional<StoreError> writeBatch(const std::vector<TableItem>& items);
+
+  // Waits at most timeout until every save accepted so far has left the process's memory for
+  // where the store keeps it. True when nothing is left pending. The default has nothing to wait
+  // for.
+  virtual bool flush(std::chrono::milliseconds timeout);
+
+ protected:
+  friend std::shared_ptr<RecordStore> storeForAccount(const std::shared_ptr<RecordStore>& store,
+                                                      const std::string& accountDigest);
+  // A store that writes on an account's behalf (the back end's ingest route) returns a view of
+  // itself bound to the account; the others return null, meaning themselves.
+  virtual std::shared_ptr<RecordStore> viewForAccount(const std::string& accountDigest);
 };
+
+// The store a session of that account writes through: the store itself, or its view bound to the
+// account (see viewForAccount). Thread-safe.
+std::shared_ptr<RecordStore> storeForAccount(const std::shared_ptr<RecordStore>& store,
+                                             const std::string& accountDigest);
 
 // Every item with this hash key value, in range-key order, following the pages. On an error the
 // items read so far are returned and *error is set.

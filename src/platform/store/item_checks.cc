@@ -161,3 +161,25 @@ std::vector<Item> queryAll(RecordStore& store, const std::string& table,
 }
 
 }  // namespace omra
+
+namespace omra {
+
+std::optional<StoreError> RecordStore::writeBatch(const std::vector<TableItem>& items) {
+  for (const TableItem& t : items) {
+    if (auto e = put(t.table, t.item)) return e;
+  }
+  return std::nullopt;
+}
+
+bool RecordStore::flush(std::chrono::milliseconds) { return true; }
+
+std::shared_ptr<RecordStore> RecordStore::viewForAccount(const std::string&) { return nullptr; }
+
+std::shared_ptr<RecordStore> storeForAccount(const std::shared_ptr<RecordStore>& store,
+                                             const std::string& accountDigest) {
+  if (!store) return store;
+  std::shared_ptr<RecordStore> view = store->viewForAccount(accountDigest);
+  return view ? view : store;
+}
+
+}  // namespace omra

@@ -16,6 +16,7 @@
 #include "src/cloud/detected_plane_model.h"
 #include "src/cloud/image_features_model.h"
 #include "src/cloud/point_cloud_model.h"
+#include "src/cloud/record_item.h"
 #include "src/cloud/record_tables.h"
 #include "src/cloud/scene_understanding_model.h"
 #include "src/cloud/transform_result_model.h"
@@ -152,12 +153,16 @@ TEST(DynamoDbRecordStoreTest, AwsJavaScriptSdkReadsTheAttributeTypesWeMean) {
   result.localizer = "full_image_matcher";
   result.suppress = true;
   for (auto [table, item] : std::vector<std::pair<std::string, Item>>{
-           {ImageFeaturesModel::kTableName, features.toItem()},
+           {ImageFeaturesModel::kTableName, withRecordId(features.toItem(), 1)},
            {SceneUnderstandingModel::kTableName,
-            SceneUnderstandingModel(s, 4, 0.5f, 1, 2, "cup", 0.75f, 9, false).toItem()},
-           {DetectedPlaneModel::kTableName, DetectedPlaneModel(s, 5, "P", false, true).toItem()},
-           {CameraPathModel::kTableName, CameraPathModel(s, 0, {{"1", "1.0,"}}).toItem()},
-           {PointCloudModel::kTableName, PointCloudModel(s, 0, {{1, {7}}}, {{7, {}}}).toItem()},
+            withRecordId(SceneUnderstandingModel(s, 4, 0.5f, 1, 2, "cup", 0.75f, 9, false).toItem(),
+                         2)},
+           {DetectedPlaneModel::kTableName,
+            withRecordId(DetectedPlaneModel(s, 5, "P", false, true).toItem(), 3)},
+           {CameraPathModel::kTableName,
+            withRecordId(CameraPathModel(s, 0, {{"1", "1.0,"}}).toItem(), 4)},
+           {PointCloudModel::kTableName,
+            withRecordId(PointCloudModel(s, 0, {{1, {7}}}, {{7, {}}}).toItem(), 5)},
            {TransformResultModel::kTableName, result.toItem()}}) {
     const auto error = saveAndWait(store, table, item);
     ASSERT_FALSE(error.has_value()) << error->message;
@@ -190,14 +195,16 @@ TEST(DynamoDbRecordStoreTest, AwsJavaScriptSdkReadsTheAttributeTypesWeMean) {
     return t;
   };
   const std::vector<std::pair<const char*, const char*>> tables = {
-      {"MapData-ImageFeatures", "SessionId:S FrameId:N Timestamp:N Features_C:B"},
+      {"MapData-ImageFeatures", "SessionId:S RecordId:N FrameId:N Timestamp:N Features_C:B"},
       {"MapData-SceneUnderstanding",
-       "SessionId:S FrameId:N PositionX:N PositionY:N PositionZ:N ObjectName:S Confidence:N "
+       "SessionId:S RecordId:N FrameId:N PositionX:N PositionY:N PositionZ:N ObjectName:S "
+       "Confidence:N "
        "ObjectId:N Timestamp:N IsLocalizationSession:N"},
       {"MapData-DetectedPlanes",
-       "SessionId:S FrameId:N PlaneId:S Timestamp:N IsLocalizationSession:N IsRemoved:N"},
-      {"MapData-CameraPath", "SessionId:S FrameId:N Timestamp:N Transforms:M"},
-      {"MapData-PointCloud", "SessionId:S FrameId:N FramesToFeatureId_C:B Features_C:B"},
+       "SessionId:S RecordId:N FrameId:N PlaneId:S Timestamp:N IsLocalizationSession:N "
+       "IsRemoved:N"},
+      {"MapData-CameraPath", "SessionId:S RecordId:N FrameId:N Timestamp:N Transforms:M"},
+      {"MapData-PointCloud", "SessionId:S RecordId:N FrameId:N FramesToFeatureId_C:B Features_C:B"},
       {"Transformations", "SessionId:S Timestamp:N Localizer:S Suppress:N"},
   };
   for (const auto& [table, pairs] : tables) EXPECT_EQ(types(table), expected(pairs)) << table;

@@ -11,6 +11,7 @@
 #include "src/cloud/detected_plane_model.h"
 #include "src/cloud/image_features_model.h"
 #include "src/cloud/point_cloud_model.h"
+#include "src/cloud/record_item.h"
 #include "src/cloud/record_tables.h"
 #include "src/cloud/record_writer.h"
 #include "src/cloud/scene_understanding_model.h"
@@ -103,7 +104,7 @@ class RecordStoreTest : public ::testing::Test {
   // through the model.
   template <class Model>
   void roundTrip(const Model& m) {
-    const Item item = m.toItem();
+    const Item item = withRecordId(m.toItem(), 7);
     const std::string table = Model::dynamoDBTableName();
     const auto saveError = saveAndWait(table, item);
     ASSERT_FALSE(saveError.has_value()) << table << ": " << saveError->message;
@@ -155,9 +156,11 @@ TYPED_TEST(RecordStoreTest, QueryFollowsNumericRangeOrderOverPages) {
   for (int64_t f = 23 * 20; f >= 0; f -= 20) frames.push_back(f);
   frames.push_back(1000000000000);
   for (int64_t f : frames) {
-    ASSERT_FALSE(this->store_->put(table, CameraPathModel("query-S", f, {{"0", "x"}}).toItem()));
+    ASSERT_FALSE(this->store_->put(
+        table, withRecordId(CameraPathModel("query-S", f, {{"0", "x"}}).toItem(), f)));
   }
-  ASSERT_FALSE(this->store_->put(table, CameraPathModel("query-T", 5, {}).toItem()));
+  ASSERT_FALSE(
+      this->store_->put(table, withRecordId(CameraPathModel("query-T", 5, {}).toItem(), 5)));
 
   std::vector<int64_t> seen;
   std::optional<Item> start;
@@ -207,20 +210,20 @@ TYPED_TEST(RecordStoreTest, RefusesOversizeAndMalformedItems) {
   big.sessionId = "S";
   big.frameId = 1;
   big.featuresC = std::string(kMaxItemBytes, 'x');
-  const auto error = this->saveAndWait(table, big.toItem());
+  const auto error = this->saveAndWait(table, withRecordId(big.toItem(), 1));
   ASSERT_TRUE(error.has_value());
   EXPECT_EQ(error->message.rfind(kItemTooLargeMessage, 0), 0u) << error->message;
-  EXPECT_TRUE(this->store_->put(table, big.toItem()).has_value());
+  EXPECT_TRUE(this->store_->put(table, withRecordId(big.toItem(), 1)).has_value());
 
   big.featuresC = std::string(kMaxItemBytes - 100, 'x');  // just under the limit
-  EXPECT_FALSE(this->saveAndWait(table, big.toItem()).has_value());
+  EXPECT_FALSE(this->saveAndWait(table, withRecordId(big.toItem(), 1)).has_value());
 
   SceneUnderstandingModel nan("S", 2, std::nanf(""), 0, 0, "cup", 1, 1, false);
-  EXPECT_TRUE(this->saveAndWait(SceneUnderstandingModel::kTableName, nan.toItem()).has_value());
-  Item noRange = CameraPathModel("S", 3, {}).toItem();
-  noRange.erase("FrameId");
+  EXPECT_TRUE(this->saveAndWait(SceneUnderstandingModel::kTableName, withRecordId(nan.toItem(), 2))
+                  .has_value());
+  const Item noRange = CameraPathModel("S", 3, {}).toItem();  // no "RecordId"
   EXPECT_TRUE(this->saveAndWait(CameraPathModel::kTableName, noRange).has_value());
-  EXPECT_TRUE(this->saveAndWait("NoSuchTable", CameraPathModel("S", 3, {}).toItem()).has_value());
+  EXPECT_TRUE(this->saveAndWait("NoSuchTable", withRecordId(noRange, 3)).has_value());
   std::optional<StoreError> getError;
   EXPECT_FALSE(
       this->store_->get("NoSuchTable", {{"SessionId", AttributeValue::string("S")}}, &getError));

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "src/cloud/camera_path_model.h"
+#include "src/cloud/record_item.h"
 #include "src/cloud/record_tables.h"
 
 namespace omra {
@@ -41,7 +42,8 @@ TEST(SqliteRecordStoreTest, TwoStoresShareOneFileWhileBothWrite) {
   std::atomic<int> failures{0};
   auto writeFrom = [&](SqliteRecordStore& store, const std::string& session) {
     for (int i = 0; i < kEach; ++i) {
-      store.save(CameraPathModel::kTableName, CameraPathModel(session, i, {{"0", "x"}}).toItem(),
+      store.save(CameraPathModel::kTableName,
+                 withRecordId(CameraPathModel(session, i, {{"0", "x"}}).toItem(), i + 1),
                  [&](std::optional<StoreError> e) { failures += e.has_value(); });
     }
     store.waitForSaves();
@@ -64,7 +66,8 @@ TEST(SqliteRecordStoreTest, ItemsSurviveReopeningAndPendingSavesAreWrittenOnClos
     ASSERT_TRUE(store);
     ASSERT_FALSE(ensureRecordTables(*store).has_value());
     for (int i = 0; i < 50; ++i) {
-      store->save(CameraPathModel::kTableName, CameraPathModel("S", i * 20, {}).toItem(), {});
+      store->save(CameraPathModel::kTableName,
+                  withRecordId(CameraPathModel("S", i * 20, {}).toItem(), i + 1), {});
     }
   }  // destroyed with saves still queued
   auto store = openOrFail(path);
