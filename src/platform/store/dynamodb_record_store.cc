@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <mutex>
 #include <random>
 
@@ -319,6 +320,41 @@ std::optional<StoreError> DynamoDbRecordStore::put(const std::string& table, Ite
   std::optional<StoreError> error;
   const Json request = {{"TableName", table}, {"Item", itemToJson(item)}};
   if (!callPooled("PutItem", request, &error)) return error;
+  return std::nullopt;
+}
+
+std::optional<StoreError> DynamoDbRecordStore::writeBatch(const std::vector<TableItem>& items) {
+  for (const TableItem& t : items) {
+    std::optional<StoreError> e;
+    const auto schema = schemaFor(t.table, &e);
+    if (!schema) return e;
+    if (auto bad = checkItem(*schema, t.item)) return bad;
+  }
+  constexpr size_t kChunk = 25;  // BatchWriteItem's limit
+  thread_local std::mt19937 rng{std::random_device{}()};
+  for (size_t begin = 0; begin < items.size(); begin += kChunk) {
+    Json requestItems = Json::object();
+    for (size_t i = begin; i < std::min(items.size(), begin + kChunk); ++i) {
+      requestItems[items[i].table].push_back(
+          Json{{"PutRequest", Json{{"Item", itemToJson(items[i].item)}}}});
+    }
+    // Items the service did not take this time (throttled) go again after a growing wait.
+    for (int attempt = 1;; ++attempt) {
+      std::optional<StoreError> e;
+      auto answer = callPooled("BatchWriteItem", Json{{"RequestItems", requestItems}}, &e);
+      if (!answer) return e;
+      const auto left = answer->find("UnprocessedItems");
+      if (left == answer->end() || !left->is_object() || left->empty()) break;
+      if (attempt >= options_.maxAttempts * 4) {
+        return StoreError{"BatchWriteItem left items unprocessed after " + std::to_string(attempt) +
+                          " attempts"};
+      }
+      requestItems = *left;
+      const auto ceiling = options_.backoffBase * (1 << std::min(attempt - 1, 10));
+      std::uniform_int_distribution<int64_t> pick(ceiling.count() / 2, ceiling.count());
+      std::this_thread::sleep_for(std::chrono::milliseconds(pick(rng)));
+    }
+  }
   return std::nullopt;
 }
 
