@@ -24,8 +24,8 @@ struct ServerCommandOptions {
   // Per-account quotas, the server's defaults; 0 turns one off.
   double requestsPerSecond = 200;
   double requestBurst = 2000;
-  double bytesPerSecond = 32.0 * 1024 * 1024;
-  double byteBurst = 256.0 * 1024 * 1024;
+  uint64_t bytesPerSecond = 32 << 20;
+  uint64_t byteBurst = 256 << 20;
 };
 
 int runRecord(const RecordOptions& options);

@@ -46,11 +46,9 @@ int main(int argc, char** argv) {
   serverCmd
       ->add_option("--bytes-per-second", server.bytesPerSecond,
                    "Sustained request-body bytes per account and second (0: no limit)")
-      ->capture_default_str()
-      ->check(CLI::NonNegativeNumber);
+      ->capture_default_str();
   serverCmd->add_option("--byte-burst", server.byteBurst, "Request-body bytes an account may burst")
-      ->capture_default_str()
-      ->check(CLI::NonNegativeNumber);
+      ->capture_default_str();
 
   std::string tablesStore;
   CLI::App* tablesCmd =

@@ -66,8 +66,8 @@ int runServer(const ServerCommandOptions& options) {
   }
   s.quotas.requestsPerSecond = options.requestsPerSecond;
   s.quotas.requestBurst = options.requestBurst;
-  s.quotas.bytesPerSecond = options.bytesPerSecond;
-  s.quotas.byteBurst = options.byteBurst;
+  s.quotas.bytesPerSecond = static_cast<double>(options.bytesPerSecond);
+  s.quotas.byteBurst = static_cast<double>(options.byteBurst);
   std::optional<AwsSettings> aws = configuredAws();
   if (!aws) return 1;
   s.aws = *aws;

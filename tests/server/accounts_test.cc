@@ -107,6 +107,42 @@ TEST(AccountHash, IsSha256OfTheDigestAndTheDigestIsNeverStored) {
   EXPECT_EQ(everything.find("DeveloperKey"), std::string::npos);
 }
 
+TEST(AllowedKeysFile, ReadsOneDigestALineAndNamesTheFirstBadLine) {
+  const std::string a = kAccountA, b = kAccountB;
+  struct Case {
+    const char* name;
+    std::string text;
+    std::set<std::string> keys;  // when it parses
+    std::string error;           // otherwise
+  };
+  const Case cases[] = {
+      {"empty", "", {}, ""},
+      {"comments, blanks and spaces",
+       "# accounts\n\n  " + a + "  # the first\r\n\t" + b,
+       {a, b},
+       ""},
+      {"repeated", a + "\n" + a + "\n", {a}, ""},
+      {"upper case",
+       "# x\n" + a + "\n0123456789ABCDEF0123456789ABCDEF\n",
+       {},
+       "line 3: not a developer-key digest (32 lower-case hexadecimal digits)"},
+      {"two on a line", a + " " + b, {}, "line 1: not a developer-key digest"},
+      {"the raw key", "developer key of A", {}, "line 1: not a developer-key digest"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::set<std::string> keys;
+    std::string error;
+    const bool ok = parseAllowedKeys(c.text, &keys, &error);
+    EXPECT_EQ(ok, c.error.empty());
+    if (ok) {
+      EXPECT_EQ(keys, c.keys);
+    } else {
+      EXPECT_EQ(error.rfind(c.error, 0), 0u) << error;
+    }
+  }
+}
+
 // Account A holds a located map with a placement, a localization session on it, records under
 // both and a transform result; account B tries every route on them.
 class IsolationTest : public ::testing::Test {
