@@ -324,19 +324,29 @@ std::optional<StoreError> DynamoDbRecordStore::put(const std::string& table, Ite
 }
 
 std::optional<StoreError> DynamoDbRecordStore::writeBatch(const std::vector<TableItem>& items) {
-  for (const TableItem& t : items) {
+  // The service refuses a batch naming one key twice: the last item of a key wins, as it would
+  // written one by one.
+  std::vector<std::pair<std::string, std::string>> keys;  // table and key text of each item
+  std::map<std::pair<std::string, std::string>, size_t> lastOfKey;
+  for (size_t i = 0; i < items.size(); ++i) {
     std::optional<StoreError> e;
-    const auto schema = schemaFor(t.table, &e);
+    const auto schema = schemaFor(items[i].table, &e);
     if (!schema) return e;
-    if (auto bad = checkItem(*schema, t.item)) return bad;
+    if (auto bad = checkItem(*schema, items[i].item)) return bad;
+    keys.emplace_back(items[i].table, itemToJson(keyOf(*schema, items[i].item)).dump());
+    lastOfKey[keys.back()] = i;
+  }
+  std::vector<const TableItem*> unique;
+  for (size_t i = 0; i < items.size(); ++i) {
+    if (lastOfKey.at(keys[i]) == i) unique.push_back(&items[i]);
   }
   constexpr size_t kChunk = 25;  // BatchWriteItem's limit
   thread_local std::mt19937 rng{std::random_device{}()};
-  for (size_t begin = 0; begin < items.size(); begin += kChunk) {
+  for (size_t begin = 0; begin < unique.size(); begin += kChunk) {
     Json requestItems = Json::object();
-    for (size_t i = begin; i < std::min(items.size(), begin + kChunk); ++i) {
-      requestItems[items[i].table].push_back(
-          Json{{"PutRequest", Json{{"Item", itemToJson(items[i].item)}}}});
+    for (size_t i = begin; i < std::min(unique.size(), begin + kChunk); ++i) {
+      requestItems[unique[i]->table].push_back(
+          Json{{"PutRequest", Json{{"Item", itemToJson(unique[i]->item)}}}});
     }
     // Items the service did not take this time (throttled) go again after a growing wait.
     for (int attempt = 1;; ++attempt) {

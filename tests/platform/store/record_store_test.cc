@@ -277,7 +277,10 @@ TYPED_TEST(RecordStoreTest, WriteBatchIsAllOrNothing) {
     EXPECT_TRUE(stored(SceneUnderstandingModel::kTableName).empty());
   }
   ASSERT_FALSE(this->store_->writeBatch(batch(3, "first")));
-  ASSERT_FALSE(this->store_->writeBatch(batch(29, "second")));
+  // A key named twice in one batch: the later item wins.
+  auto twice = batch(29, "second");
+  twice.insert(twice.begin() + 5, batch(6, "early").at(5));
+  ASSERT_FALSE(this->store_->writeBatch(twice));
   const auto items = stored(path);
   ASSERT_EQ(items.size(), 29u);
   for (const Item& item : items) {
