@@ -280,7 +280,8 @@ TYPED_TEST(RecordStoreTest, WriteBatchIsAllOrNothing) {
   // A key named twice in one batch: the later item wins.
   auto twice = batch(29, "second");
   twice.insert(twice.begin() + 5, batch(6, "early").at(5));
-  ASSERT_FALSE(this->store_->writeBatch(twice));
+  const auto twiceError = this->store_->writeBatch(twice);
+  ASSERT_FALSE(twiceError) << twiceError->message;
   const auto items = stored(path);
   ASSERT_EQ(items.size(), 29u);
   for (const Item& item : items) {
