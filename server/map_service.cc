@@ -1,20 +1,34 @@
 #include "server/map_service.h"
 
 #include <cmath>
+#include <map>
 
+#include "server/account.h"
 #include "server/body_reader.h"
 #include "server/ids.h"
+#include "server/record_batch.h"
 
 namespace omra::server {
 namespace {
 
 constexpr int kBadRequest = 400;
+constexpr int kUnauthorized = 401;
 constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
+constexpr int kTooManyRequests = 429;
 constexpr int kUnavailable = 503;
+// Bounds the memory of the ownership answers; past it they are learnt again.
+constexpr size_t kMaxOwnedEntries = 200000;
+// DynamoDB's limit on a range key, which an asset id is.
+constexpr size_t kMaxAssetIdBytes = 1024;
 
 Answer storeFailure(const StoreError& e) {
   return MapService::error(kUnavailable, "Store unavailable: " + e.message);
+}
+
+Answer writeFailure(const WriteFailure& f) {
+  if (f.itemRefused) return MapService::error(kBadRequest, f.error.message);
+  return storeFailure(f.error);
 }
 
 // Longitude difference folded into [-180, 180], so that a box may straddle the date line.
@@ -28,66 +42,89 @@ double longitudeGap(double a, double b) {
 }  // namespace
 
 struct MapService::Opening {
-  std::string appId, userId, mapId, developerKey;
+  std::string appId, userId, mapId;
   std::optional<GeoLocation> location;
 };
 
 MapService::MapService(RecordStore& store, JobRunner& jobs, MapServiceOptions options)
-    : store_(store), jobs_(jobs), options_(std::move(options)) {}
+    : store_(store),
+      jobs_(jobs),
+      options_(std::move(options)),
+      quotas_(options_.quotas, options_.clock) {
+  for (const std::string& digest : options_.allowedDeveloperKeys) {
+    allowedAccounts_.insert(accountHash(digest));
+  }
+  options_.allowedDeveloperKeys.clear();  // only the hashes stay
+}
 
 Answer MapService::handle(const Request& request) {
-  using Body = Answer (MapService::*)(const std::string&);
-  struct PostRoute {
+  struct RouteEntry {
+    const char* method;
     const char* path;
-    Body method;
+    Route handler;
   };
-  static constexpr PostRoute kPostRoutes[] = {
-      {"/maps/create_map", &MapService::createMap},
-      {"/maps/create_localization_session", &MapService::createLocalizationSession},
-      {"/maps/list_nearby_maps", &MapService::listNearbyMaps},
-      {"/maps/place_asset_on_map", &MapService::placeAssetOnMap},
-      {"/maps/find_assets_on_the_map", &MapService::findAssetsOnTheMap},
-      {"/full-image-matcher", &MapService::triggerImageMatcher},
-      {"/linear-optimizer/initial_transforms", &MapService::triggerTransforms},
+  static constexpr RouteEntry kRoutes[] = {
+      {"POST", "/maps/create_map", &MapService::createMap},
+      {"POST", "/maps/create_localization_session", &MapService::createLocalizationSession},
+      {"POST", "/maps/list_nearby_maps", &MapService::listNearbyMaps},
+      {"POST", "/maps/place_asset_on_map", &MapService::placeAssetOnMap},
+      {"POST", "/maps/find_assets_on_the_map", &MapService::findAssetsOnTheMap},
+      {"GET", "/maps/get_best_transform", &MapService::getBestTransform},
+      {"POST", "/full-image-matcher", &MapService::triggerImageMatcher},
+      {"POST", "/linear-optimizer/initial_transforms", &MapService::triggerTransforms},
+      {"POST", "/records/batch_write", &MapService::writeRecords},
   };
   std::string_view path = request.path;
-  bool staged = false;
+  const RouteEntry* route = nullptr;
   for (std::string_view stage : {"/beta", "/prod"}) {
-    if (path.substr(0, stage.size()) == stage) {
-      path.remove_prefix(stage.size());
-      staged = true;
-      break;
+    if (!path.starts_with(stage)) continue;
+    path.remove_prefix(stage.size());
+    for (const RouteEntry& r : kRoutes) {
+      if (path == r.path) route = &r;
     }
+    break;
   }
-  if (staged) {
-    if (path == "/maps/get_best_transform") {
-      if (request.method != "GET") return error(405, "Use GET for " + std::string(path));
-      auto param = [&](const char* name) -> std::optional<std::string> {
-        auto it = request.query.find(name);
-        if (it == request.query.end()) return std::nullopt;
-        return it->second;
-      };
-      return getBestTransform(param("session_id"), param("localizer"));
-    }
-    for (const PostRoute& route : kPostRoutes) {
-      if (path != route.path) continue;
-      if (request.method != "POST") return error(405, "Use POST for " + std::string(path));
-      return (this->*route.method)(request.body);
-    }
+  if (route == nullptr) {
+    return error(kNotFound, "Unknown route " + request.method + " " + request.path);
   }
-  return error(kNotFound, "Unknown route " + request.method + " " + request.path);
+  if (request.method != route->method) {
+    return error(405, "Use " + std::string(route->method) + " for " + std::string(path));
+  }
+  Caller caller;
+  caller.digest = request.header(kAccountHeader);
+  if (!isAccountDigest(caller.digest)) {
+    return error(kUnauthorized, "Missing or malformed X-Omra-Account header");
+  }
+  caller.account = accountHash(caller.digest);
+  if (!allowedAccounts_.empty() && !allowedAccounts_.contains(caller.account)) {
+    return error(kForbidden, "Invalid developer key");
+  }
+  const AccountQuotas::Verdict verdict = quotas_.charge(caller.account, request.body.size());
+  if (!verdict.allowed) {
+    Answer a = error(kTooManyRequests, "Too many requests for this account");
+    a.headers["Retry-After"] = std::to_string(verdict.retryAfterSeconds);
+    return a;
+  }
+  return (this->*route->handler)(caller, request);
 }
 
 Answer MapService::error(int status, const std::string& message) {
   return {status, Json{{"errorMessage", message}}};
 }
 
-std::optional<Answer> MapService::readOpening(const std::string& body, Opening& out) {
+// A body that names a developer key must name the caller's.
+static std::optional<Answer> keyMismatch(const std::string& bodyKey, const std::string& digest) {
+  if (bodyKey == digest) return std::nullopt;
+  return MapService::error(kForbidden, "The developer key does not match the account");
+}
+
+std::optional<Answer> MapService::readOpening(const Caller& caller, const std::string& body,
+                                              Opening& out) {
   BodyReader r(body);
   out.appId = r.string("app_id");
   out.userId = r.string("user_id", true);
   out.mapId = r.string("map_id");
-  out.developerKey = r.string("developer_key");
+  const std::string developerKey = r.string("developer_key");
   for (const char* key :
        {"pod_version", "data_version", "device_version", "device_model", "device_uuid"}) {
     r.optionalString(key);
@@ -109,36 +146,32 @@ std::optional<Answer> MapService::readOpening(const std::string& body, Opening& 
     out.location = GeoLocation{*v[0], *v[1], *v[2], *v[3], *v[4]};
   }
   if (!r.ok()) return error(kBadRequest, r.error());
-  if (!options_.allowedDeveloperKeys.empty() &&
-      !options_.allowedDeveloperKeys.contains(out.developerKey)) {
-    return error(kForbidden, "Invalid developer key");
-  }
-  return std::nullopt;
+  return keyMismatch(developerKey, caller.digest);
 }
 
-Answer MapService::createMap(const std::string& body) {
+Answer MapService::createMap(const Caller& caller, const Request& request) {
   Opening o;
-  if (auto bad = readOpening(body, o)) return *bad;
-  MapRecord m{newUuid(), o.appId, o.developerKey, o.userId, o.mapId, uniqueMicros(), o.location};
-  if (auto e = store_.addMap(m)) return storeFailure(*e);
+  if (auto bad = readOpening(caller, request.body, o)) return *bad;
+  MapRecord m{newUuid(), o.appId, caller.account, o.userId, o.mapId, uniqueMicros(), o.location};
+  if (auto f = store_.addMap(m)) return writeFailure(*f);
   return {200, Json{{"uuid", m.uuid}}};
 }
 
-Answer MapService::createLocalizationSession(const std::string& body) {
+Answer MapService::createLocalizationSession(const Caller& caller, const Request& request) {
   Opening o;
-  if (auto bad = readOpening(body, o)) return *bad;
+  if (auto bad = readOpening(caller, request.body, o)) return *bad;
   std::optional<StoreError> e;
-  auto map = store_.newestMap(o.appId, o.developerKey, o.mapId, &e);
+  auto map = store_.newestMap(o.appId, caller.account, o.mapId, &e);
   if (e) return storeFailure(*e);
   if (!map) return error(kNotFound, "Cannot find the map " + o.mapId);
   LocalizationSessionRecord s{newUuid(),      map->uuid, o.appId,
-                              o.developerKey, o.userId,  uniqueMicros()};
+                              caller.account, o.userId,  uniqueMicros()};
   if (auto se = store_.addSession(s)) return storeFailure(*se);
   return {200, Json{{"session_uuid", s.uuid}, {"map_uuid", map->uuid}}};
 }
 
-Answer MapService::listNearbyMaps(const std::string& body) {
-  BodyReader r(body);
+Answer MapService::listNearbyMaps(const Caller& caller, const Request& request) {
+  BodyReader r(request.body);
   const std::string appId = r.string("app_id");
   const double longitude = r.number("longitude");
   const double latitude = r.number("latitude");
@@ -153,12 +186,9 @@ Answer MapService::listNearbyMaps(const std::string& body) {
     r.fail("\"longitude_delta\" and \"latitude_delta\" must not be negative");
   }
   if (!r.ok()) return error(kBadRequest, r.error());
-  if (!options_.allowedDeveloperKeys.empty() &&
-      !options_.allowedDeveloperKeys.contains(developerKey)) {
-    return error(kForbidden, "Invalid developer key");
-  }
+  if (auto bad = keyMismatch(developerKey, caller.digest)) return *bad;
   std::optional<StoreError> e;
-  auto maps = store_.accountMaps(appId, developerKey, &e);
+  auto maps = store_.accountMaps(appId, caller.account, &e);
   if (e) return storeFailure(*e);
   // The box's edges belong to it; the slack absorbs the rounding of the halved deltas.
   constexpr double kSlack = 1e-9;
@@ -178,8 +208,8 @@ Answer MapService::listNearbyMaps(const std::string& body) {
   return {200, std::move(out)};
 }
 
-Answer MapService::placeAssetOnMap(const std::string& body) {
-  BodyReader r(body);
+Answer MapService::placeAssetOnMap(const Caller& caller, const Request& request) {
+  BodyReader r(request.body);
   const std::string mapUuid = r.string("map_uuid");
   const Json* list = r.array("placements");
   const double timestamp = r.number("timestamp");
@@ -194,6 +224,10 @@ Answer MapService::placeAssetOnMap(const std::string& body) {
       rec.y = p.number("y");
       rec.z = p.number("z");
       rec.orientation = p.number("orientation");
+      if (p.ok() && rec.assetId.size() > kMaxAssetIdBytes) {
+        p.fail("placements[" + std::to_string(i) + "] \"asset_id\" is over " +
+               std::to_string(kMaxAssetIdBytes) + " bytes");
+      }
       rec.placementId = placementId;
       rec.timestamp = timestamp;
       if (!p.ok()) r.fail(p.error());
@@ -202,18 +236,22 @@ Answer MapService::placeAssetOnMap(const std::string& body) {
   }
   if (!r.ok()) return error(kBadRequest, r.error());
   std::optional<StoreError> e;
-  auto map = store_.map(mapUuid, &e);
+  auto map = ownMap(caller, mapUuid, &e);
   if (e) return storeFailure(*e);
   if (!map) return error(kNotFound, "Cannot find the map " + mapUuid);
-  if (auto pe = store_.place(mapUuid, std::move(placements))) return storeFailure(*pe);
+  if (auto f = store_.place(mapUuid, std::move(placements))) return writeFailure(*f);
   return {200, Json{{"placement_id", placementId}}};
 }
 
-Answer MapService::findAssetsOnTheMap(const std::string& body) {
-  BodyReader r(body);
+Answer MapService::findAssetsOnTheMap(const Caller& caller, const Request& request) {
+  BodyReader r(request.body);
   const std::string mapUuid = r.string("map_uuid");
   if (!r.ok()) return error(kBadRequest, r.error());
   std::optional<StoreError> e;
+  // Another account's map answers as an unknown one does: no placements.
+  auto map = ownMap(caller, mapUuid, &e);
+  if (e) return storeFailure(*e);
+  if (!map) return {200, Json{{"placements", Json::array()}}};
   auto placements = store_.placements(mapUuid, &e);
   if (e) return storeFailure(*e);
   Json list = Json::array();
@@ -225,8 +263,14 @@ Answer MapService::findAssetsOnTheMap(const std::string& body) {
   return {200, Json{{"placements", std::move(list)}}};
 }
 
-Answer MapService::getBestTransform(const std::optional<std::string>& sessionId,
-                                    const std::optional<std::string>& localizer) {
+Answer MapService::getBestTransform(const Caller& caller, const Request& request) {
+  auto param = [&](const char* name) -> std::optional<std::string> {
+    auto it = request.query.find(name);
+    if (it == request.query.end()) return std::nullopt;
+    return it->second;
+  };
+  const std::optional<std::string> sessionId = param("session_id");
+  const std::optional<std::string> localizer = param("localizer");
   if (!sessionId || sessionId->empty()) {
     return error(kBadRequest, "Missing query parameter \"session_id\"");
   }
@@ -235,6 +279,10 @@ Answer MapService::getBestTransform(const std::optional<std::string>& sessionId,
   }
   if (!isLocalizerName(*localizer)) return error(kBadRequest, "Unknown localizer " + *localizer);
   std::optional<StoreError> e;
+  // Another account's session answers as an unknown one does: no result.
+  auto session = ownSession(caller, *sessionId, &e);
+  if (e) return storeFailure(*e);
+  if (!session) return {200, Json::object()};
   auto best = store_.bestTransform(*sessionId, *localizer, &e);
   if (e) return storeFailure(*e);
   if (!best) return {200, Json::object()};
@@ -257,12 +305,12 @@ bool MapService::queue(const std::string& localizer, const std::string& mapUuid,
   });
 }
 
-Answer MapService::triggerImageMatcher(const std::string& body) {
-  BodyReader r(body);
+Answer MapService::triggerImageMatcher(const Caller& caller, const Request& request) {
+  BodyReader r(request.body);
   const std::string sessionUuid = r.string("uuid");
   if (!r.ok()) return error(kBadRequest, r.error());
   std::optional<StoreError> e;
-  auto session = store_.session(sessionUuid, &e);
+  auto session = ownSession(caller, sessionUuid, &e);
   if (e) return storeFailure(*e);
   if (!session) return error(kNotFound, "Cannot find the localization session " + sessionUuid);
   if (!queue(kImageMatcher, session->mapUuid, sessionUuid)) {
@@ -271,23 +319,92 @@ Answer MapService::triggerImageMatcher(const std::string& body) {
   return {200, Json{{"status", "queued"}}};
 }
 
-Answer MapService::triggerTransforms(const std::string& body) {
-  BodyReader r(body);
+Answer MapService::triggerTransforms(const Caller& caller, const Request& request) {
+  BodyReader r(request.body);
   const std::string mapUuid = r.string("mapping_session_id");
   const std::string sessionUuid = r.string("localization_session_id");
   const bool seeded = r.boolean("is_seeded");
   if (!r.ok()) return error(kBadRequest, r.error());
   std::optional<StoreError> e;
-  auto session = store_.session(sessionUuid, &e);
+  auto session = ownSession(caller, sessionUuid, &e);
   if (e) return storeFailure(*e);
   if (!session) return error(kNotFound, "Cannot find the localization session " + sessionUuid);
-  auto map = store_.map(mapUuid, &e);
+  auto map = ownMap(caller, mapUuid, &e);
   if (e) return storeFailure(*e);
   if (!map) return error(kNotFound, "Cannot find the map " + mapUuid);
+  // The localizer compares the session with its own map, never with another one.
+  if (session->mapUuid != mapUuid) {
+    return error(kBadRequest, "The map " + mapUuid +
+                                  " is not the map of the localization session " + sessionUuid);
+  }
   if (!queue(seeded ? kSuLocalizerSeeded : kSuLocalizer, mapUuid, sessionUuid)) {
     return error(kUnavailable, "The server is stopping");
   }
   return {200, Json{{"status", "queued"}}};
+}
+
+std::optional<MapRecord> MapService::ownMap(const Caller& caller, const std::string& uuid,
+                                            std::optional<StoreError>* error) {
+  auto map = store_.map(uuid, error);
+  if (!map || map->account != caller.account) return std::nullopt;
+  return map;
+}
+
+std::optional<LocalizationSessionRecord> MapService::ownSession(const Caller& caller,
+                                                                const std::string& uuid,
+                                                                std::optional<StoreError>* error) {
+  auto session = store_.session(uuid, error);
+  if (!session || session->account != caller.account) return std::nullopt;
+  return session;
+}
+
+bool MapService::ownsRecordSession(const Caller& caller, const std::string& uuid,
+                                   std::optional<StoreError>* error) {
+  const std::string key = caller.account + "/" + uuid;
+  {
+    std::lock_guard lock(ownedMu_);
+    if (owned_.contains(key)) return true;
+  }
+  bool owned = ownMap(caller, uuid, error).has_value();
+  if (!owned && !(error && *error)) owned = ownSession(caller, uuid, error).has_value();
+  if (owned) {
+    std::lock_guard lock(ownedMu_);
+    if (owned_.size() >= kMaxOwnedEntries) owned_.clear();
+    owned_.insert(key);
+  }
+  return owned;
+}
+
+Answer MapService::writeRecords(const Caller& caller, const Request& request) {
+  std::optional<BatchProblem> problem;
+  RecordBatch batch = parseRecordBatch(request.body, &problem);
+  auto answer = [](int status, const BatchProblem& p) {
+    Answer a = error(status, p.message);
+    if (p.table) {
+      a.body["table"] = *p.table;
+      a.body["index"] = p.index;
+    }
+    return a;
+  };
+  if (problem) return answer(kBadRequest, *problem);
+  std::set<std::string> checked;
+  for (size_t i = 0; i < batch.items.size(); ++i) {
+    const std::string& session = batch.items[i].item.at("SessionId").text;
+    if (!checked.insert(session).second) continue;
+    std::optional<StoreError> e;
+    const bool owned = ownsRecordSession(caller, session, &e);
+    if (e) return storeFailure(*e);
+    if (!owned) {
+      return answer(kNotFound,
+                    {"Cannot find the session " + session, batch.items[i].table, batch.indexes[i]});
+    }
+  }
+  if (auto e = store_.records().writeBatch(batch.items)) return storeFailure(*e);
+  std::map<std::string, size_t> counts;  // tables in name order, whatever the body's order
+  for (const TableItem& t : batch.items) ++counts[t.table];
+  Json stored = Json::object();
+  for (const auto& [table, n] : counts) stored[table] = n;
+  return {200, Json{{"stored", std::move(stored)}, {"UnprocessedItems", Json::object()}}};
 }
 
 }  // namespace omra::server

@@ -9,6 +9,7 @@
 #include "server/ids.h"
 #include "server/server_tables.h"
 #include "src/cloud/record_item.h"
+#include "src/platform/store/item_checks.h"
 
 namespace omra::server {
 namespace {
@@ -18,7 +19,7 @@ AttributeValue str(const std::string& s) { return AttributeValue::string(s); }
 void putMapFields(Item& item, const MapRecord& m) {
   item["MapUuid"] = str(m.uuid);
   item["AppId"] = str(m.appId);
-  item["DeveloperKey"] = str(m.developerKey);
+  item["Account"] = str(m.account);
   item["UserId"] = str(m.userId);
   item["MapId"] = str(m.mapId);
   if (m.location) {
@@ -32,15 +33,15 @@ void putMapFields(Item& item, const MapRecord& m) {
 
 // Items that do not read back as a map (written by something else) are skipped, not fatal.
 std::optional<MapRecord> mapFromItem(const Item& item) {
-  std::optional<std::string> uuid, app, dev, user, name;
+  std::optional<std::string> uuid, app, account, user, name;
   std::optional<int64_t> created;
   if (!readString(item, "MapUuid", uuid) || !readString(item, "AppId", app) ||
-      !readString(item, "DeveloperKey", dev) || !readString(item, "UserId", user) ||
+      !readString(item, "Account", account) || !readString(item, "UserId", user) ||
       !readString(item, "MapId", name) || !readInteger(item, "Created", created) || !uuid || !app ||
-      !dev || !user || !name || !created) {
+      !account || !user || !name || !created) {
     return std::nullopt;
   }
-  MapRecord m{*uuid, *app, *dev, *user, *name, std::abs(*created), std::nullopt};
+  MapRecord m{*uuid, *app, *account, *user, *name, std::abs(*created), std::nullopt};
   std::optional<double> lon, lat, alt, hor, ver;
   if (readDouble(item, "Longitude", lon) && readDouble(item, "Latitude", lat) &&
       readDouble(item, "Altitude", alt) && readDouble(item, "HorizontalAccuracy", hor) &&
@@ -61,29 +62,36 @@ std::optional<double> parseMatchValue(const std::string& text) {
 
 }  // namespace
 
-std::string nameKey(const std::string& appId, const std::string& developerKey,
+std::string nameKey(const std::string& appId, const std::string& account,
                     const std::string& mapId) {
-  return Json::array({appId, developerKey, mapId}).dump();
+  return Json::array({appId, account, mapId}).dump();
 }
 
-std::string accountKey(const std::string& appId, const std::string& developerKey) {
-  return Json::array({appId, developerKey}).dump();
+std::string accountKey(const std::string& appId, const std::string& account) {
+  return Json::array({appId, account}).dump();
 }
 
-std::optional<StoreError> MapStore::addMap(const MapRecord& m) {
+std::optional<WriteFailure> MapStore::write(const std::vector<TableItem>& items) {
+  for (const TableItem& t : items) {
+    if (auto e = checkItemContents(t.item)) return WriteFailure{true, std::move(*e)};
+  }
+  if (auto e = store_.writeBatch(items)) return WriteFailure{false, std::move(*e)};
+  return std::nullopt;
+}
+
+std::optional<WriteFailure> MapStore::addMap(const MapRecord& m) {
   Item main;
   putMapFields(main, m);
   main["Created"] = integerNumber(m.createdMicros);
-  // Lookups first: a map is only reachable through them once they are complete.
   Item byName = main;
-  byName["NameKey"] = str(nameKey(m.appId, m.developerKey, m.mapId));
+  byName["NameKey"] = str(nameKey(m.appId, m.account, m.mapId));
   byName["Created"] = integerNumber(-m.createdMicros);  // newest first in key order
   Item byAccount = main;
-  byAccount["AccountKey"] = str(accountKey(m.appId, m.developerKey));
+  byAccount["AccountKey"] = str(accountKey(m.appId, m.account));
   byAccount["Created"] = integerNumber(-m.createdMicros);
-  if (auto e = store_.put(kMapsTable, std::move(main))) return e;
-  if (auto e = store_.put(kMapsByAccountTable, std::move(byAccount))) return e;
-  return store_.put(kMapsByNameTable, std::move(byName));
+  return write({{kMapsTable, std::move(main)},
+                {kMapsByAccountTable, std::move(byAccount)},
+                {kMapsByNameTable, std::move(byName)}});
 }
 
 std::optional<MapRecord> MapStore::map(const std::string& uuid, std::optional<StoreError>* error) {
@@ -92,15 +100,14 @@ std::optional<MapRecord> MapStore::map(const std::string& uuid, std::optional<St
   return mapFromItem(*item);
 }
 
-std::optional<MapRecord> MapStore::newestMap(const std::string& appId,
-                                             const std::string& developerKey,
+std::optional<MapRecord> MapStore::newestMap(const std::string& appId, const std::string& account,
                                              const std::string& mapId,
                                              std::optional<StoreError>* error) {
   std::optional<Item> start;
   // Newest first: the first readable item is the answer.
   for (int guard = 0; guard < 1000; ++guard) {
     QueryPage page =
-        store_.query(kMapsByNameTable, str(nameKey(appId, developerKey, mapId)), start, 16, error);
+        store_.query(kMapsByNameTable, str(nameKey(appId, account, mapId)), start, 16, error);
     if (error && *error) return std::nullopt;
     for (const Item& item : page.items) {
       if (auto m = mapFromItem(item)) return m;
@@ -111,12 +118,11 @@ std::optional<MapRecord> MapStore::newestMap(const std::string& appId,
   return std::nullopt;
 }
 
-std::vector<MapRecord> MapStore::accountMaps(const std::string& appId,
-                                             const std::string& developerKey,
+std::vector<MapRecord> MapStore::accountMaps(const std::string& appId, const std::string& account,
                                              std::optional<StoreError>* error) {
   std::vector<MapRecord> out;
   for (const Item& item :
-       queryAll(store_, kMapsByAccountTable, str(accountKey(appId, developerKey)), error)) {
+       queryAll(store_, kMapsByAccountTable, str(accountKey(appId, account)), error)) {
     if (auto m = mapFromItem(item)) out.push_back(std::move(*m));
   }
   return out;
@@ -124,7 +130,7 @@ std::vector<MapRecord> MapStore::accountMaps(const std::string& appId,
 
 std::optional<StoreError> MapStore::addSession(const LocalizationSessionRecord& s) {
   Item item{{"SessionUuid", str(s.uuid)}, {"MapUuid", str(s.mapUuid)},
-            {"AppId", str(s.appId)},      {"DeveloperKey", str(s.developerKey)},
+            {"AppId", str(s.appId)},      {"Account", str(s.account)},
             {"UserId", str(s.userId)},    {"Created", integerNumber(s.createdMicros)}};
   return store_.put(kLocalizationSessionsTable, std::move(item));
 }
@@ -133,29 +139,31 @@ std::optional<LocalizationSessionRecord> MapStore::session(const std::string& uu
                                                            std::optional<StoreError>* error) {
   auto item = store_.get(kLocalizationSessionsTable, {{"SessionUuid", str(uuid)}}, error);
   if (!item) return std::nullopt;
-  std::optional<std::string> id, map, app, dev, user;
+  std::optional<std::string> id, map, app, account, user;
   std::optional<int64_t> created;
+  // A session without an account belongs to nobody.
   if (!readString(*item, "SessionUuid", id) || !readString(*item, "MapUuid", map) ||
-      !readString(*item, "AppId", app) || !readString(*item, "DeveloperKey", dev) ||
+      !readString(*item, "AppId", app) || !readString(*item, "Account", account) ||
       !readString(*item, "UserId", user) || !readInteger(*item, "Created", created) || !id ||
-      !map) {
+      !map || !account) {
     return std::nullopt;
   }
   return LocalizationSessionRecord{
-      *id, *map, app.value_or(""), dev.value_or(""), user.value_or(""), created.value_or(0)};
+      *id, *map, app.value_or(""), *account, user.value_or(""), created.value_or(0)};
 }
 
-std::optional<StoreError> MapStore::place(const std::string& mapUuid,
-                                          std::vector<PlacementRecord> placements) {
+std::optional<WriteFailure> MapStore::place(const std::string& mapUuid,
+                                            std::vector<PlacementRecord> placements) {
   // One writer per map at a time here, so that two requests moving the same asset cannot both
   // take it for new.
   std::lock_guard<std::mutex> lock(
       placementLocks_[std::hash<std::string>{}(mapUuid) % placementLocks_.size()]);
+  std::vector<TableItem> items;
   for (PlacementRecord& p : placements) {
     std::optional<StoreError> error;
     auto old = store_.get(kPlacementsTable,
                           {{"MapUuid", str(mapUuid)}, {"AssetId", str(p.assetId)}}, &error);
-    if (error) return error;
+    if (error) return WriteFailure{false, std::move(*error)};
     std::optional<int64_t> first;
     if (old && readInteger(*old, "FirstPlaced", first) && first) {
       p.firstPlacedMicros = *first;
@@ -171,9 +179,9 @@ std::optional<StoreError> MapStore::place(const std::string& mapUuid,
               {"PlacementId", str(p.placementId)},
               {"Timestamp", doubleNumber(p.timestamp)},
               {"FirstPlaced", integerNumber(p.firstPlacedMicros)}};
-    if (auto e = store_.put(kPlacementsTable, std::move(item))) return e;
+    items.push_back({kPlacementsTable, std::move(item)});
   }
-  return std::nullopt;
+  return write(items);
 }
 
 std::vector<PlacementRecord> MapStore::placements(const std::string& mapUuid,

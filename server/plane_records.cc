@@ -30,8 +30,8 @@ std::optional<PlaneObservation> parsePlaneTransform(const std::string& text) {
 
 std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& sessionId,
                                          std::optional<StoreError>* error) {
-  // Records come in the order the kit wrote them; a plane's state is the one of its latest frame
-  // (the stable sort keeps write order within a frame).
+  // Records come in "RecordId" order, the order the kit wrote them; a plane's state is the one of
+  // its latest frame (the stable sort keeps write order within a frame).
   std::vector<DetectedPlaneModel> events;
   for (const Item& item :
        queryAll(store, DetectedPlaneModel::kTableName, AttributeValue::string(sessionId), error)) {

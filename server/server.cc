@@ -58,7 +58,8 @@ bool Server::start(std::string* error) {
   }
   jobs_ = std::make_unique<JobRunner>(options_.jobWorkers);
   MapServiceOptions serviceOptions;
-  serviceOptions.allowedDeveloperKeys = options_.allowedDeveloperKeys;
+  serviceOptions.allowedDeveloperKeys = std::move(options_.allowedDeveloperKeys);
+  serviceOptions.quotas = options_.quotas;
   serviceOptions.localizers = options_.localizers;
   serviceOptions.log = [this](std::string_view line) { log(line); };
   service_ = std::make_unique<MapService>(*options_.store, *jobs_, std::move(serviceOptions));

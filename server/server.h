@@ -15,6 +15,7 @@
 
 #include "omrakit/config.h"
 #include "omrakit/platform/record_store.h"
+#include "server/account_quotas.h"
 #include "server/job_runner.h"
 #include "server/localizer_jobs.h"
 
@@ -35,7 +36,10 @@ struct ServerOptions {
   int httpThreads = 32;
   int keepAliveSeconds = 5;
   size_t maxBodyBytes = 1 << 20;
-  std::set<std::string> allowedDeveloperKeys;  // empty: every developer key
+  // Developer-key digests (accounts) served; empty: every account. Kept only as hashes.
+  std::set<std::string> allowedDeveloperKeys;
+  // Per-account rate limits, per server process (each replica keeps its own buckets).
+  QuotaOptions quotas;
   LocalizerOptions localizers;
   bool logRequests = true;
   // Receives every log line (requests and jobs); default: standard error. Must be thread-safe.

@@ -124,6 +124,10 @@ std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::stri
     if (!pose) continue;
     out.push_back({f, *pose, std::move(*features)});
   }
+  // Records come in the order the kit wrote them; the matcher wants frame order.
+  std::stable_sort(out.begin(), out.end(), [](const PosedFeatures& a, const PosedFeatures& b) {
+    return a.frameId < b.frameId;
+  });
   if (stats) *stats = local;
   return out;
 }

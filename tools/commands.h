@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace omra::tools {
 
@@ -18,6 +19,13 @@ struct ServerCommandOptions {
   std::string host = "127.0.0.1";
   int port = 8080;
   std::string store = "sqlite:omra-server.db";
+  std::vector<std::string> allowKeys;  // developer-key digests
+  std::string allowKeysFile;           // one digest a line
+  // Per-account quotas, the server's defaults; 0 turns one off.
+  double requestsPerSecond = 200;
+  double requestBurst = 2000;
+  uint64_t bytesPerSecond = 32 << 20;
+  uint64_t byteBurst = 256 << 20;
 };
 
 int runRecord(const RecordOptions& options);

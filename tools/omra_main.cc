@@ -31,6 +31,24 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0, 65535));
   serverCmd->add_option("--host", server.host, "Address to bind");
   serverCmd->add_option("--store", server.store, "sqlite:PATH, dynamodb:URL or memory");
+  serverCmd->add_option("--allow-key", server.allowKeys,
+                        "Serve only this account (developer-key digest); repeatable");
+  serverCmd->add_option("--allow-keys-file", server.allowKeysFile,
+                        "Serve only the accounts in this file (one digest a line, # comments)");
+  serverCmd
+      ->add_option("--requests-per-second", server.requestsPerSecond,
+                   "Sustained requests per account and second (0: no limit)")
+      ->capture_default_str()
+      ->check(CLI::NonNegativeNumber);
+  serverCmd->add_option("--request-burst", server.requestBurst, "Requests an account may burst")
+      ->capture_default_str()
+      ->check(CLI::NonNegativeNumber);
+  serverCmd
+      ->add_option("--bytes-per-second", server.bytesPerSecond,
+                   "Sustained request-body bytes per account and second (0: no limit)")
+      ->capture_default_str();
+  serverCmd->add_option("--byte-burst", server.byteBurst, "Request-body bytes an account may burst")
+      ->capture_default_str();
 
   std::string tablesStore;
   CLI::App* tablesCmd =

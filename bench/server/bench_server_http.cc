@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "server/account.h"
 #include "server/ids.h"
 #include "server/map_service.h"
 #include "server/server.h"
@@ -16,6 +17,9 @@
 
 namespace omra::server {
 namespace {
+
+// The account every request acts for.
+constexpr const char* kDigest = "0123456789abcdef0123456789abcdef";
 
 struct WrkResult {
   double rps = 0;
@@ -32,7 +36,8 @@ double toMs(const std::string& value) {
 
 // Runs wrk with 16 connections on 2 threads; the script (may be empty) shapes the request.
 std::optional<WrkResult> runWrk(const std::string& url, const std::string& script) {
-  std::string cmd = "wrk -t2 -c16 -d4s --latency ";
+  std::string cmd =
+      std::string("wrk -t2 -c16 -d4s --latency -H '") + kAccountHeader + ": " + kDigest + "' ";
   if (!script.empty()) cmd += "-s " + script + " ";
   cmd += "'" + url + "' 2>&1";
   std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(cmd.c_str(), "r"), pclose);
@@ -68,12 +73,16 @@ int run() {
   }
   ServerOptions o;
   o.store = store;
-  o.log = [](std::string_view) {};  // the request log line is still formatted for every request
+  o.log = [](std::string_view) {};      // the request log line is still formatted for every request
+  o.quotas = QuotaOptions{0, 0, 0, 0};  // one account makes every request here
   Server server(o);
   if (!server.start(&error)) return 1;
 
-  // A localization session with a handful of results, as a running session sees it.
+  // A localization session of the account with a handful of results, as a running session sees
+  // it.
   const std::string session = newUuid();
+  MapStore(*store).addSession(
+      {session, newUuid(), "com.example.bench", accountHash(kDigest), "u", uniqueMicros()});
   for (int i = 0; i < 6; ++i) {
     TransformResultModel r;
     r.sessionId = session;

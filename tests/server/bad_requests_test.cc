@@ -9,14 +9,19 @@
 #include "omrakit/platform/http_client.h"
 #include "server/server.h"
 #include "server/server_tables.h"
+#include "src/cloud/account_http_client.h"
 #include "src/cloud/transform_result_model.h"
 #include "src/platform/store/memory_record_store.h"
 
 namespace omra::server {
 namespace {
 
+// The account every request here acts for, and the body key that names it.
+const std::string kAccount = "0123456789abcdef0123456789abcdef";
+const std::string kKey = R"("developer_key":")" + kAccount + "\"";
+
 const std::string kCreate =
-    R"({"app_id":"app","user_id":"u","map_id":"m","developer_key":"k","pod_version":"v0.3.6"})";
+    R"({"app_id":"app","user_id":"u","map_id":"m",)" + kKey + R"(,"pod_version":"v0.3.6"})";
 
 // A nearby-maps request short of its last two keys.
 const std::string kNearby = R"({"app_id":"app","longitude":10,"latitude":1,"longitude_delta":1,)";
@@ -33,6 +38,10 @@ class BreakableStore : public MemoryRecordStore {
   std::optional<StoreError> put(const std::string& table, Item item) override {
     if (broken) return StoreError{"disk on fire"};
     return MemoryRecordStore::put(table, std::move(item));
+  }
+  std::optional<StoreError> writeBatch(const std::vector<TableItem>& items) override {
+    if (broken) return StoreError{"disk on fire"};
+    return MemoryRecordStore::writeBatch(items);
   }
   std::optional<Item> get(const std::string& table, const Item& key,
                           std::optional<StoreError>* error) override {
@@ -53,16 +62,22 @@ class BreakableStore : public MemoryRecordStore {
 
 class BadRequestTest : public ::testing::Test {
  protected:
-  void start(std::set<std::string> allowed = {}) {
+  void start(std::set<std::string> allowed = {}, QuotaOptions quotas = {}) {
     ServerOptions o;
     o.store = store_;
     o.keepAliveSeconds = 1;
     o.allowedDeveloperKeys = std::move(allowed);
+    o.quotas = quotas;
     o.log = [](std::string_view) {};
     server_ = std::make_unique<Server>(o);
     ASSERT_TRUE(server_->start());
-    client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
-    client_->set_tcp_nodelay(true);
+    client_ = client();
+  }
+  std::unique_ptr<httplib::Client> client() {
+    auto c = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
+    c->set_tcp_nodelay(true);
+    c->set_default_headers({{kAccountHeader, kAccount}});
+    return c;
   }
   void SetUp() override { start(); }
   void TearDown() override {
@@ -104,10 +119,19 @@ TEST_F(BadRequestTest, BadBodiesParametersAndRoutesAnswer4xxSayingWhatIsWrong) {
   const Case cases[] = {
       {m + "create_map", "not json", 400, "not JSON"},
       {"/beta/maps/create_map", "[1,2]", 400, "JSON object"},
-      {m + "create_map", R"({"app_id":"a","user_id":"u","developer_key":"k"})", 400,
+      {m + "create_map", R"({"app_id":"a","user_id":"u",)" + kKey + "}", 400,
        "Missing key \"map_id\""},
-      {m + "create_map", R"({"app_id":5,"user_id":"u","map_id":"m","developer_key":"k"})", 400,
+      {m + "create_map", R"({"app_id":5,"user_id":"u","map_id":"m",)" + kKey + "}", 400,
        "\"app_id\" must be a string"},
+      // An item the store cannot take is the client's doing.
+      {m + "create_map",
+       R"({"app_id":"app","user_id":"u",)" + kKey + R"(,"map_id":")" +
+           std::string(500 * 1024, 'm') + "\"}",
+       400, kItemTooLargeMessage},
+      {m + "place_asset_on_map",
+       R"({"map_uuid":"M","placements":[{"asset_id":")" + std::string(2000, 'a') +
+           R"(","x":1,"y":2,"z":3,"orientation":0}],"timestamp":1})",
+       400, "placements[0] \"asset_id\" is over 1024 bytes"},
       {m + "create_map", createWith(loc), 400, "location"},
       {m + "create_map", createWith(loc + R"(,"verAccuracy":1e999)"), 400, "not JSON"},
       {m + "create_map", createWith(loc + R"(,"verAccuracy":NaN)"), 400, "not JSON"},
@@ -116,9 +140,10 @@ TEST_F(BadRequestTest, BadBodiesParametersAndRoutesAnswer4xxSayingWhatIsWrong) {
       {m + "create_localization_session", R"({"app_id":"a"})", 400, "Missing key"},
       {m + "create_localization_session", createWith(R"(,"use_beta":"yes")"), 400, "\"use_beta\""},
       {m + "list_nearby_maps",
-       R"({"app_id":"a","longitude":"10","latitude":1,"longitude_delta":1,"latitude_delta":1,"developer_key":"k"})",
+       R"({"app_id":"a","longitude":"10","latitude":1,"longitude_delta":1,"latitude_delta":1,)" +
+           kKey + "}",
        400, "\"longitude\" must be a number"},
-      {m + "list_nearby_maps", kNearby + R"("latitude_delta":-1,"developer_key":"k"})", 400,
+      {m + "list_nearby_maps", kNearby + R"("latitude_delta":-1,)" + kKey + "}", 400,
        "must not be negative"},
       {m + "place_asset_on_map", R"({"map_uuid":"M","placements":{},"timestamp":1})", 400,
        "\"placements\" must be an array"},
@@ -181,18 +206,26 @@ TEST_F(BadRequestTest, StoreFailureAnswers503AndTheServerRecovers) {
   EXPECT_EQ(post("/prod/maps/create_localization_session", kCreate).first, 200);
 }
 
-TEST_F(BadRequestTest, DeveloperKeyAllowList) {
+// Over HTTP: the header reaches the routes, the allow-list and the 429's Retry-After come back.
+TEST_F(BadRequestTest, AccountHeaderAllowListAndQuotaOverHttp) {
   TearDown();
-  start({"k"});
+  start({kAccount});
   EXPECT_EQ(post("/prod/maps/create_map", kCreate).first, 200);
-  std::string other = kCreate;
-  other.replace(other.find("\"k\""), 3, "\"x\"");
-  EXPECT_EQ(post("/prod/maps/create_map", other),
-            std::make_pair(403, std::string("Invalid developer key")));
-  EXPECT_EQ(
-      post("/prod/maps/list_nearby_maps", kNearby + R"("latitude_delta":1,"developer_key":"x"})")
-          .first,
-      403);
+  const std::string other = "fedcba9876543210fedcba9876543210";
+  auto res = client_->Post("/prod/maps/create_map", {{kAccountHeader, other}}, kCreate,
+                           "application/json");
+  EXPECT_EQ(answer(res), std::make_pair(403, std::string("Invalid developer key")));
+  httplib::Client bare("127.0.0.1", server_->port());
+  EXPECT_EQ(answer(bare.Post("/prod/maps/create_map", kCreate, "application/json")),
+            std::make_pair(401, std::string("Missing or malformed X-Omra-Account header")));
+
+  TearDown();
+  start({}, QuotaOptions{0.001, 1, 0, 0});
+  EXPECT_EQ(post("/prod/maps/create_map", kCreate).first, 200);
+  res = client_->Post("/prod/maps/create_map", kCreate, "application/json");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 429);
+  EXPECT_EQ(res->get_header_value("Retry-After"), "1000");
 }
 
 TEST_F(BadRequestTest, ManyConcurrentClientsMixingGoodAndBadRequests) {
@@ -201,12 +234,11 @@ TEST_F(BadRequestTest, ManyConcurrentClientsMixingGoodAndBadRequests) {
   std::vector<std::thread> threads;
   for (int c = 0; c < kClients; ++c) {
     threads.emplace_back([&, c] {
-      httplib::Client client("127.0.0.1", server_->port());
-      client.set_tcp_nodelay(true);
+      auto client = this->client();
       for (int i = 0; i < kEach; ++i) {
         const bool good = (i + c) % 3 == 0;
-        auto res = client.Post("/prod/maps/create_map",
-                               good ? kCreate : "{\"app_id\":", "application/json");
+        auto res = client->Post("/prod/maps/create_map",
+                                good ? kCreate : "{\"app_id\":", "application/json");
         if (!res || res->status != (good ? 200 : 400)) {
           ADD_FAILURE() << (res ? std::to_string(res->status) + " " + res->body
                                 : httplib::to_string(res.error()));

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <mutex>
 #include <random>
 
@@ -319,6 +320,51 @@ std::optional<StoreError> DynamoDbRecordStore::put(const std::string& table, Ite
   std::optional<StoreError> error;
   const Json request = {{"TableName", table}, {"Item", itemToJson(item)}};
   if (!callPooled("PutItem", request, &error)) return error;
+  return std::nullopt;
+}
+
+std::optional<StoreError> DynamoDbRecordStore::writeBatch(const std::vector<TableItem>& items) {
+  // The service refuses a batch naming one key twice: the last item of a key wins, as it would
+  // written one by one.
+  std::vector<std::pair<std::string, std::string>> keys;  // table and key text of each item
+  std::map<std::pair<std::string, std::string>, size_t> lastOfKey;
+  for (size_t i = 0; i < items.size(); ++i) {
+    std::optional<StoreError> e;
+    const auto schema = schemaFor(items[i].table, &e);
+    if (!schema) return e;
+    if (auto bad = checkItem(*schema, items[i].item)) return bad;
+    keys.emplace_back(items[i].table, itemToJson(keyOf(*schema, items[i].item)).dump());
+    lastOfKey[keys.back()] = i;
+  }
+  std::vector<const TableItem*> unique;
+  for (size_t i = 0; i < items.size(); ++i) {
+    if (lastOfKey.at(keys[i]) == i) unique.push_back(&items[i]);
+  }
+  constexpr size_t kChunk = 25;  // BatchWriteItem's limit
+  thread_local std::mt19937 rng{std::random_device{}()};
+  for (size_t begin = 0; begin < unique.size(); begin += kChunk) {
+    Json requestItems = Json::object();
+    for (size_t i = begin; i < std::min(unique.size(), begin + kChunk); ++i) {
+      requestItems[unique[i]->table].push_back(
+          Json{{"PutRequest", Json{{"Item", itemToJson(unique[i]->item)}}}});
+    }
+    // Items the service did not take this time (throttled) go again after a growing wait.
+    for (int attempt = 1;; ++attempt) {
+      std::optional<StoreError> e;
+      auto answer = callPooled("BatchWriteItem", Json{{"RequestItems", requestItems}}, &e);
+      if (!answer) return e;
+      const auto left = answer->find("UnprocessedItems");
+      if (left == answer->end() || !left->is_object() || left->empty()) break;
+      if (attempt >= options_.maxAttempts * 4) {
+        return StoreError{"BatchWriteItem left items unprocessed after " + std::to_string(attempt) +
+                          " attempts"};
+      }
+      requestItems = *left;
+      const auto ceiling = options_.backoffBase * (1 << std::min(attempt - 1, 10));
+      std::uniform_int_distribution<int64_t> pick(ceiling.count() / 2, ceiling.count());
+      std::this_thread::sleep_for(std::chrono::milliseconds(pick(rng)));
+    }
+  }
   return std::nullopt;
 }
 

@@ -21,6 +21,12 @@ namespace omra {
 // jitter, at most maxAttempts in all; other errors are reported at once. Owns its worker threads
 // and curl handles; thread-safe. save() queues the item and returns; a worker sends it and
 // completes on its own thread. The destructor sends what is still queued.
+//
+// writeBatch() checks every item (sizes, numbers, key attributes against the table's schema)
+// before it sends any, then writes with BatchWriteItem in chunks of 25, retrying UnprocessedItems
+// with backoff. That is all-or-none for items the checks refuse, but not against a failure of the
+// service part-way: TransactWriteItems would be, and dynalite, the local test server, does not
+// have it.
 class DynamoDbRecordStore : public RecordStore {
  public:
   struct Options {
@@ -52,6 +58,7 @@ class DynamoDbRecordStore : public RecordStore {
   QueryPage query(const std::string& table, const AttributeValue& hashValue,
                   const std::optional<Item>& startKey, int limit,
                   std::optional<StoreError>* error = nullptr) override;
+  std::optional<StoreError> writeBatch(const std::vector<TableItem>& items) override;
 
   // Blocks until every save queued before the call has completed. Thread-safe; not from a
   // save completion.

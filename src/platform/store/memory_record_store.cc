@@ -31,6 +31,21 @@ std::optional<StoreError> MemoryRecordStore::put(const std::string& table, Item 
   return std::nullopt;
 }
 
+std::optional<StoreError> MemoryRecordStore::writeBatch(const std::vector<TableItem>& items) {
+  std::lock_guard lock(mu_);
+  for (const TableItem& t : items) {
+    const auto table = tables_.find(t.table);
+    if (table == tables_.end()) return missingTableError(t.table);
+    if (auto e = checkItem(table->second.schema, t.item)) return e;
+  }
+  for (const TableItem& t : items) {
+    Table& table = tables_.at(t.table);
+    const KeyValue hash = KeyValue::of(t.item.at(table.schema.hashKey));
+    table.items[hash].insert_or_assign(rangeOf(table.schema, t.item), t.item);
+  }
+  return std::nullopt;
+}
+
 std::optional<Item> MemoryRecordStore::get(const std::string& table, const Item& key,
                                            std::optional<StoreError>* error) {
   if (error != nullptr) error->reset();

@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "omrakit/platform/record_store.h"
 #include "src/platform/store/key_value.h"
@@ -23,6 +24,8 @@ class MemoryRecordStore : public RecordStore {
   QueryPage query(const std::string& table, const AttributeValue& hashValue,
                   const std::optional<Item>& startKey, int limit,
                   std::optional<StoreError>* error = nullptr) override;
+  // Every item checked first, then all applied under the one lock: all or none.
+  std::optional<StoreError> writeBatch(const std::vector<TableItem>& items) override;
 
   // Number of items in table (0 when it does not exist). Thread-safe.
   size_t itemCount(const std::string& table) const;

@@ -61,6 +61,44 @@ struct SqliteRecordStore::TableStatements {
   Statement insert, get, queryFirst, queryAfter;
 };
 
+struct SqliteRecordStore::Connection {
+  sqlite3* db = nullptr;
+  std::map<std::string, std::unique_ptr<TableStatements>> statements;
+  explicit Connection(sqlite3* d) : db(d) {}
+  ~Connection() {
+    statements.clear();
+    sqlite3_close(db);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  StoreError error(const std::string& what) const {
+    return StoreError{"SQLite: " + what + ": " + sqlite3_errmsg(db)};
+  }
+};
+
+// A read connection taken from the pool for one call; handed back on destruction.
+class SqliteRecordStore::ReadLease {
+ public:
+  ReadLease(SqliteRecordStore& store, std::unique_ptr<Connection> c, StoreError error)
+      : store_(store), c_(std::move(c)), error_(std::move(error)) {}
+  ReadLease(ReadLease&&) = default;
+  ~ReadLease() {
+    if (!c_) return;
+    {
+      std::lock_guard lock(store_.readMu_);
+      store_.idleReaders_.push_back(std::move(c_));
+    }
+    store_.readCv_.notify_one();
+  }
+  Connection* get() const { return c_.get(); }
+  const StoreError& error() const { return error_; }
+
+ private:
+  SqliteRecordStore& store_;
+  std::unique_ptr<Connection> c_;
+  StoreError error_;
+};
+
 std::unique_ptr<SqliteRecordStore> SqliteRecordStore::open(const std::string& path,
                                                            std::string* error) {
   return open(path, Options{}, error);
@@ -89,11 +127,19 @@ std::unique_ptr<SqliteRecordStore> SqliteRecordStore::open(const std::string& pa
   if (sqlite3_exec(db, setup.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
     return fail("cannot prepare the record database " + path);
   }
-  return std::unique_ptr<SqliteRecordStore>(new SqliteRecordStore(db, options));
+  return std::unique_ptr<SqliteRecordStore>(new SqliteRecordStore(db, path, options));
 }
 
-SqliteRecordStore::SqliteRecordStore(sqlite3* db, Options options)
-    : options_(options), db_(db), writer_([this] { writerLoop(); }) {}
+SqliteRecordStore::SqliteRecordStore(sqlite3* db, std::string path, Options options)
+    : path_(std::move(path)),
+      options_(options),
+      writerDb_(std::make_unique<Connection>(db)),
+      writer_([this] { writerLoop(); }) {
+  // An in-memory database is private to its connection: there, reads share the writer's.
+  if (path_.empty() || path_ == ":memory:" || path_.starts_with("file::memory:")) {
+    options_.readConnections = 0;
+  }
+}
 
 SqliteRecordStore::~SqliteRecordStore() {
   {
@@ -102,28 +148,58 @@ SqliteRecordStore::~SqliteRecordStore() {
   }
   queueCv_.notify_all();
   writer_.join();
-  statements_.clear();
-  sqlite3_close(db_);
+  std::lock_guard lock(readMu_);
+  idleReaders_.clear();
+}
+
+SqliteRecordStore::ReadLease SqliteRecordStore::lease() {
+  std::unique_lock lock(readMu_);
+  readCv_.wait(lock,
+               [&] { return !idleReaders_.empty() || openReaders_ < options_.readConnections; });
+  if (!idleReaders_.empty()) {
+    std::unique_ptr<Connection> c = std::move(idleReaders_.back());
+    idleReaders_.pop_back();
+    return ReadLease(*this, std::move(c), {});
+  }
+  ++openReaders_;
+  lock.unlock();
+  sqlite3* db = nullptr;
+  const int rc =
+      sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (rc == SQLITE_OK) {
+    sqlite3_busy_timeout(db, options_.busyTimeoutMs);
+    return ReadLease(*this, std::make_unique<Connection>(db), {});
+  }
+  StoreError e{"SQLite: cannot open a read connection to " + path_ + ": " +
+               (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc))};
+  sqlite3_close(db);
+  lock.lock();
+  --openReaders_;
+  readCv_.notify_one();
+  return ReadLease(*this, nullptr, std::move(e));
 }
 
 std::optional<StoreError> SqliteRecordStore::exec(const char* sql) {
-  if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) return lastError(sql);
+  if (sqlite3_exec(writerDb_->db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+    return writerDb_->error(sql);
+  }
   return std::nullopt;
 }
 
-StoreError SqliteRecordStore::lastError(const std::string& what) {
-  return StoreError{"SQLite: " + what + ": " + sqlite3_errmsg(db_)};
-}
-
-const TableSchema* SqliteRecordStore::schemaFor(const std::string& table) {
-  if (auto it = schemas_.find(table); it != schemas_.end()) return &it->second;
+std::optional<TableSchema> SqliteRecordStore::schemaFor(Connection& c, const std::string& table) {
+  {
+    std::lock_guard lock(schemaMu_);
+    if (auto it = schemas_.find(table); it != schemas_.end()) return it->second;
+  }
   // Another process may have created it since.
   Statement s;
   const std::string sql = std::string("SELECT hash_key, hash_type, range_key, range_type FROM ") +
                           kMetaTable + " WHERE name = ?1";
-  if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &s.stmt, nullptr) != SQLITE_OK) return nullptr;
+  if (sqlite3_prepare_v2(c.db, sql.c_str(), -1, &s.stmt, nullptr) != SQLITE_OK) {
+    return std::nullopt;
+  }
   sqlite3_bind_text(s.stmt, 1, table.c_str(), -1, SQLITE_TRANSIENT);
-  if (sqlite3_step(s.stmt) != SQLITE_ROW) return nullptr;
+  if (sqlite3_step(s.stmt) != SQLITE_ROW) return std::nullopt;
   TableSchema schema;
   schema.name = table;
   schema.hashKey = reinterpret_cast<const char*>(sqlite3_column_text(s.stmt, 0));
@@ -132,16 +208,24 @@ const TableSchema* SqliteRecordStore::schemaFor(const std::string& table) {
     schema.rangeKey = reinterpret_cast<const char*>(sqlite3_column_text(s.stmt, 2));
   }
   schema.rangeType = keyTypeOf(sqlite3_column_text(s.stmt, 3));
-  return &schemas_.insert_or_assign(table, std::move(schema)).first->second;
+  std::lock_guard lock(schemaMu_);
+  schemas_.insert_or_assign(table, schema);
+  return schema;
+}
+
+void SqliteRecordStore::forget(Connection& c, const std::string& table) {
+  c.statements.erase(table);
+  std::lock_guard lock(schemaMu_);
+  schemas_.erase(table);
 }
 
 SqliteRecordStore::TableStatements* SqliteRecordStore::statementsFor(
-    const std::string& table, std::optional<StoreError>* error) {
-  if (auto it = statements_.find(table); it != statements_.end()) return it->second.get();
+    Connection& c, const std::string& table, std::optional<StoreError>* error) {
+  if (auto it = c.statements.find(table); it != c.statements.end()) return it->second.get();
   const std::string q = quoteIdentifier(table);
   auto st = std::make_unique<TableStatements>();
   const auto prepare = [&](Statement& s, const std::string& sql) {
-    return sqlite3_prepare_v3(db_, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &s.stmt, nullptr) ==
+    return sqlite3_prepare_v3(c.db, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &s.stmt, nullptr) ==
            SQLITE_OK;
   };
   if (!prepare(st->insert,
@@ -151,15 +235,16 @@ SqliteRecordStore::TableStatements* SqliteRecordStore::statementsFor(
                "SELECT item FROM " + q + " WHERE hash = ?1 ORDER BY range LIMIT ?2") ||
       !prepare(st->queryAfter, "SELECT item FROM " + q +
                                    " WHERE hash = ?1 AND range > ?2 ORDER BY range LIMIT ?3")) {
-    if (error != nullptr) *error = lastError("preparing statements for " + table);
+    if (error != nullptr) *error = c.error("preparing statements for " + table);
     return nullptr;
   }
-  return statements_.emplace(table, std::move(st)).first->second.get();
+  return c.statements.emplace(table, std::move(st)).first->second.get();
 }
 
 std::optional<StoreError> SqliteRecordStore::createTable(const TableSchema& schema) {
   std::lock_guard lock(dbMu_);
-  if (const TableSchema* existing = schemaFor(schema.name)) {
+  Connection& c = *writerDb_;
+  if (const auto existing = schemaFor(c, schema.name)) {
     if (!sameSchema(*existing, schema)) {
       return StoreError{"Table already exists with another key schema: " + schema.name};
     }
@@ -175,8 +260,8 @@ std::optional<StoreError> SqliteRecordStore::createTable(const TableSchema& sche
     const std::string sql = std::string("INSERT OR IGNORE INTO ") + kMetaTable +
                             " (name, hash_key, hash_type, range_key, range_type)"
                             " VALUES (?1, ?2, ?3, ?4, ?5)";
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &s.stmt, nullptr) != SQLITE_OK) {
-      error = lastError("registering " + schema.name);
+    if (sqlite3_prepare_v2(c.db, sql.c_str(), -1, &s.stmt, nullptr) != SQLITE_OK) {
+      error = c.error("registering " + schema.name);
     } else {
       sqlite3_bind_text(s.stmt, 1, schema.name.c_str(), -1, SQLITE_TRANSIENT);
       sqlite3_bind_text(s.stmt, 2, schema.hashKey.c_str(), -1, SQLITE_TRANSIENT);
@@ -185,7 +270,7 @@ std::optional<StoreError> SqliteRecordStore::createTable(const TableSchema& sche
         sqlite3_bind_text(s.stmt, 4, schema.rangeKey->c_str(), -1, SQLITE_TRANSIENT);
       }
       sqlite3_bind_text(s.stmt, 5, keyTypeText(schema.rangeType), -1, SQLITE_STATIC);
-      if (sqlite3_step(s.stmt) != SQLITE_DONE) error = lastError("registering " + schema.name);
+      if (sqlite3_step(s.stmt) != SQLITE_DONE) error = c.error("registering " + schema.name);
     }
   }
   if (error) {
@@ -196,20 +281,21 @@ std::optional<StoreError> SqliteRecordStore::createTable(const TableSchema& sche
     exec("ROLLBACK");
     return e;
   }
-  schemas_.erase(schema.name);
-  const TableSchema* stored = schemaFor(schema.name);
-  if (stored != nullptr && !sameSchema(*stored, schema)) {
+  forget(c, schema.name);
+  const auto stored = schemaFor(c, schema.name);
+  if (stored && !sameSchema(*stored, schema)) {
     return StoreError{"Table already exists with another key schema: " + schema.name};
   }
   return std::nullopt;
 }
 
 std::optional<StoreError> SqliteRecordStore::writeItem(const std::string& table, const Item& item) {
-  const TableSchema* schema = schemaFor(table);
-  if (schema == nullptr) return missingTableError(table);
+  Connection& c = *writerDb_;
+  const auto schema = schemaFor(c, table);
+  if (!schema) return missingTableError(table);
   if (auto e = checkItem(*schema, item)) return e;
   std::optional<StoreError> error;
-  TableStatements* st = statementsFor(table, &error);
+  TableStatements* st = statementsFor(c, table, &error);
   if (st == nullptr) return error;
   sqlite3_stmt* s = st->insert.stmt;
   sqlite3_reset(s);
@@ -225,10 +311,8 @@ std::optional<StoreError> SqliteRecordStore::writeItem(const std::string& table,
   sqlite3_reset(s);
   sqlite3_clear_bindings(s);
   if (rc != SQLITE_DONE) {
-    // A statement prepared before someone dropped the table keeps failing; prepare anew next time.
-    StoreError e = lastError("writing to " + table);
-    statements_.erase(table);
-    schemas_.erase(table);
+    StoreError e = c.error("writing to " + table);
+    forget(c, table);
     return e;
   }
   return std::nullopt;
@@ -291,6 +375,27 @@ std::optional<StoreError> SqliteRecordStore::put(const std::string& table, Item 
   return writeItem(table, item);
 }
 
+std::optional<StoreError> SqliteRecordStore::writeBatch(const std::vector<TableItem>& items) {
+  std::lock_guard lock(dbMu_);
+  for (const TableItem& t : items) {
+    const auto schema = schemaFor(*writerDb_, t.table);
+    if (!schema) return missingTableError(t.table);
+    if (auto e = checkItem(*schema, t.item)) return e;
+  }
+  if (auto e = exec("BEGIN IMMEDIATE")) return e;
+  for (const TableItem& t : items) {
+    if (auto e = writeItem(t.table, t.item)) {
+      exec("ROLLBACK");
+      return e;
+    }
+  }
+  if (auto e = exec("COMMIT")) {
+    exec("ROLLBACK");
+    return e;
+  }
+  return std::nullopt;
+}
+
 std::optional<Item> SqliteRecordStore::get(const std::string& table, const Item& key,
                                            std::optional<StoreError>* error) {
   if (error != nullptr) error->reset();
@@ -298,12 +403,16 @@ std::optional<Item> SqliteRecordStore::get(const std::string& table, const Item&
     if (error != nullptr) *error = std::move(e);
     return std::nullopt;
   };
-  std::lock_guard lock(dbMu_);
-  const TableSchema* schema = schemaFor(table);
-  if (schema == nullptr) return fail(missingTableError(table));
+  std::unique_lock<std::mutex> writerLock;
+  ReadLease reader = options_.readConnections > 0 ? lease() : ReadLease(*this, nullptr, {});
+  if (options_.readConnections > 0 && reader.get() == nullptr) return fail(reader.error());
+  if (reader.get() == nullptr) writerLock = std::unique_lock(dbMu_);
+  Connection& c = reader.get() != nullptr ? *reader.get() : *writerDb_;
+  const auto schema = schemaFor(c, table);
+  if (!schema) return fail(missingTableError(table));
   if (auto e = checkKey(*schema, key)) return fail(std::move(*e));
   std::optional<StoreError> prepError;
-  TableStatements* st = statementsFor(table, &prepError);
+  TableStatements* st = statementsFor(c, table, &prepError);
   if (st == nullptr) return fail(std::move(*prepError));
   sqlite3_stmt* s = st->get.stmt;
   sqlite3_reset(s);
@@ -323,10 +432,13 @@ std::optional<Item> SqliteRecordStore::get(const std::string& table, const Item&
     result = json.is_discarded() ? std::nullopt : itemFromJson(json, &why);
     if (!result) readError = StoreError{"unreadable stored item in " + table + " " + why};
   } else if (rc != SQLITE_DONE) {
-    readError = lastError("reading " + table);
+    readError = c.error("reading " + table);
+    forget(c, table);
   }
-  sqlite3_reset(s);
-  sqlite3_clear_bindings(s);
+  if (!readError || rc == SQLITE_ROW) {
+    sqlite3_reset(s);
+    sqlite3_clear_bindings(s);
+  }
   if (readError) return fail(std::move(*readError));
   return result;
 }
@@ -340,19 +452,22 @@ QueryPage SqliteRecordStore::query(const std::string& table, const AttributeValu
     if (error != nullptr) *error = std::move(e);
     return QueryPage{};
   };
-  std::lock_guard lock(dbMu_);
-  const TableSchema* schema = schemaFor(table);
-  if (schema == nullptr) return fail(missingTableError(table));
+  std::unique_lock<std::mutex> writerLock;
+  ReadLease reader = options_.readConnections > 0 ? lease() : ReadLease(*this, nullptr, {});
+  if (options_.readConnections > 0 && reader.get() == nullptr) return fail(reader.error());
+  if (reader.get() == nullptr) writerLock = std::unique_lock(dbMu_);
+  Connection& c = reader.get() != nullptr ? *reader.get() : *writerDb_;
+  const auto schema = schemaFor(c, table);
+  if (!schema) return fail(missingTableError(table));
   std::optional<StoreError> prepError;
-  TableStatements* st = statementsFor(table, &prepError);
+  TableStatements* st = statementsFor(c, table, &prepError);
   if (st == nullptr) return fail(std::move(*prepError));
   // One more row than asked tells whether more follow.
   const int64_t rows = limit > 0 ? static_cast<int64_t>(limit) + 1 : -1;
   sqlite3_stmt* s;
   if (startKey) {
-    const std::string rangeName = schema->rangeKey.value_or(schema->hashKey);
-    const auto r = schema->rangeKey ? startKey->find(rangeName) : startKey->end();
     if (!schema->rangeKey) return page;  // one item per hash value: nothing after it
+    const auto r = startKey->find(*schema->rangeKey);
     if (r == startKey->end()) return fail(StoreError{"The provided starting key is invalid"});
     s = st->queryAfter.stmt;
     sqlite3_reset(s);
@@ -383,10 +498,17 @@ QueryPage SqliteRecordStore::query(const std::string& table, const AttributeValu
     }
     page.items.push_back(std::move(*item));
   }
-  if (!readError && rc != SQLITE_ROW && rc != SQLITE_DONE)
-    readError = lastError("querying " + table);
-  sqlite3_reset(s);
-  sqlite3_clear_bindings(s);
+  bool broken = false;
+  if (!readError && rc != SQLITE_ROW && rc != SQLITE_DONE) {
+    readError = c.error("querying " + table);
+    broken = true;
+  }
+  if (broken) {
+    forget(c, table);
+  } else {
+    sqlite3_reset(s);
+    sqlite3_clear_bindings(s);
+  }
   if (readError) return fail(std::move(*readError));
   if (more) page.lastEvaluatedKey = keyOf(*schema, page.items.back());
   return page;

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "omrakit/platform/record_store.h"
 
@@ -17,14 +18,17 @@ namespace omra {
 
 // The embedded record store: one SQLite file, one SQL table per record table with primary key
 // (hash, range), each item kept whole in DynamoDB's JSON form. WAL mode and a busy timeout let a
-// kit and a back end in two processes share the file. Owns its connection and one writer thread;
-// thread-safe. save() queues the item; the writer thread writes whatever is queued in one
-// transaction and completes each save on that thread. The destructor writes what is still queued.
+// kit and a back end in two processes share the file. Owns one writer connection with its writer
+// thread, and a small pool of read connections so that get() and query() wait neither for this
+// store's writes nor for another process's write lock; thread-safe. save() queues the item; the
+// writer thread writes whatever is queued in one transaction and completes each save on that
+// thread. writeBatch() is one transaction. The destructor writes what is still queued.
 class SqliteRecordStore : public RecordStore {
  public:
   struct Options {
     int busyTimeoutMs = 5000;
-    size_t maxBatch = 1000;  // saves per transaction
+    size_t maxBatch = 1000;   // saves per transaction
+    int readConnections = 4;  // at most this many reads run at once
   };
 
   // Opens or creates the file; null with *error set when it cannot be opened.
@@ -43,6 +47,8 @@ class SqliteRecordStore : public RecordStore {
   QueryPage query(const std::string& table, const AttributeValue& hashValue,
                   const std::optional<Item>& startKey, int limit,
                   std::optional<StoreError>* error = nullptr) override;
+  // Checks every item, then writes them in one transaction: all or none.
+  std::optional<StoreError> writeBatch(const std::vector<TableItem>& items) override;
 
   // Blocks until every save queued before the call has completed. Thread-safe; not from a
   // save completion.
@@ -55,21 +61,34 @@ class SqliteRecordStore : public RecordStore {
     SaveCompletion completion;
   };
   struct TableStatements;
+  // One SQLite connection and its prepared statements; used by one thread at a time.
+  struct Connection;
+  class ReadLease;
 
-  SqliteRecordStore(sqlite3* db, Options options);
+  SqliteRecordStore(sqlite3* db, std::string path, Options options);
   void writerLoop();
-  // With dbMu_ held.
+  // With dbMu_ held (the writer connection).
   std::optional<StoreError> exec(const char* sql);
-  StoreError lastError(const std::string& what);
-  const TableSchema* schemaFor(const std::string& table);
-  TableStatements* statementsFor(const std::string& table, std::optional<StoreError>* error);
   std::optional<StoreError> writeItem(const std::string& table, const Item& item);
+  // On any connection its user holds.
+  std::optional<TableSchema> schemaFor(Connection& c, const std::string& table);
+  TableStatements* statementsFor(Connection& c, const std::string& table,
+                                 std::optional<StoreError>* error);
+  // A statement of a dropped table keeps failing: forget it and the schema, prepare anew.
+  void forget(Connection& c, const std::string& table);
+  ReadLease lease();
 
+  const std::string path_;
   Options options_;
-  std::mutex dbMu_;  // guards db_, schemas_, statements_
-  sqlite3* db_;
+  std::mutex dbMu_;  // guards writerDb_
+  std::unique_ptr<Connection> writerDb_;
+  std::mutex schemaMu_;  // guards schemas_
   std::map<std::string, TableSchema> schemas_;
-  std::map<std::string, std::unique_ptr<TableStatements>> statements_;
+
+  std::mutex readMu_;  // guards the fields below
+  std::condition_variable readCv_;
+  std::vector<std::unique_ptr<Connection>> idleReaders_;
+  int openReaders_ = 0;
 
   std::mutex queueMu_;  // guards the fields below
   std::condition_variable queueCv_;

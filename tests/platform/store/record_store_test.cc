@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <future>
 
 #include "src/cloud/camera_path_model.h"
@@ -228,6 +229,66 @@ TYPED_TEST(RecordStoreTest, RefusesOversizeAndMalformedItems) {
   EXPECT_FALSE(
       this->store_->get("NoSuchTable", {{"SessionId", AttributeValue::string("S")}}, &getError));
   EXPECT_TRUE(getError.has_value());
+}
+
+// One faulty item anywhere in a batch: nothing of it is written. A good batch replaces items with
+// the same keys and writes the rest.
+TYPED_TEST(RecordStoreTest, WriteBatchIsAllOrNothing) {
+  const std::string session = "batch-" + std::to_string(::getpid());
+  const std::string path = CameraPathModel::kTableName;
+  auto batch = [&](int64_t count, const std::string& label) {
+    std::vector<TableItem> items;
+    for (int64_t k = 1; k <= count; ++k) {
+      items.push_back(
+          {path, withRecordId(CameraPathModel(session, k, {{"0", label}}).toItem(), k)});
+    }
+    items.push_back(
+        {SceneUnderstandingModel::kTableName,
+         withRecordId(SceneUnderstandingModel(session, 1, 1, 2, 3, label, 1, 1, false).toItem(),
+                      1)});
+    return items;
+  };
+  auto stored = [&](const std::string& table) {
+    return queryAll(*this->store_, table, AttributeValue::string(session));
+  };
+  struct Fault {
+    const char* name;
+    std::function<void(TableItem&)> apply;
+  };
+  const Fault faults[] = {
+      {"no range key", [](TableItem& t) { t.item.erase(kRecordIdAttribute); }},
+      {"range key of the wrong type",
+       [](TableItem& t) { t.item[kRecordIdAttribute] = AttributeValue::string("7"); }},
+      {"invalid number",
+       [](TableItem& t) { t.item["FrameId"] = AttributeValue::numberText("NaN"); }},
+      {"over 400 KB",
+       [](TableItem& t) {
+         t.item["Big"] = AttributeValue::bytes(std::string(kMaxItemBytes, 'b'));
+       }},
+      {"unknown table", [](TableItem& t) { t.table = "NoSuchTable"; }},
+  };
+  // 30 items: more than one DynamoDB chunk, the fault in the second.
+  for (const Fault& f : faults) {
+    SCOPED_TRACE(f.name);
+    auto items = batch(29, "first");
+    f.apply(items[27]);
+    EXPECT_TRUE(this->store_->writeBatch(items).has_value());
+    EXPECT_TRUE(stored(path).empty());
+    EXPECT_TRUE(stored(SceneUnderstandingModel::kTableName).empty());
+  }
+  ASSERT_FALSE(this->store_->writeBatch(batch(3, "first")));
+  // A key named twice in one batch: the later item wins.
+  auto twice = batch(29, "second");
+  twice.insert(twice.begin() + 5, batch(6, "early").at(5));
+  const auto twiceError = this->store_->writeBatch(twice);
+  ASSERT_FALSE(twiceError) << twiceError->message;
+  const auto items = stored(path);
+  ASSERT_EQ(items.size(), 29u);
+  for (const Item& item : items) {
+    EXPECT_EQ(CameraPathModel::fromItem(item)->transforms->at("0"), "second");
+  }
+  ASSERT_EQ(stored(SceneUnderstandingModel::kTableName).size(), 1u);
+  EXPECT_FALSE(this->store_->writeBatch({})) << "an empty batch is no error";
 }
 
 TYPED_TEST(RecordStoreTest, FailureUnderneathIsPrintedNotFatal) {

@@ -3,6 +3,7 @@
 #include "src/platform/store/sqlite_record_store.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
 #include <fstream>
@@ -78,6 +79,44 @@ TEST(SqliteRecordStoreTest, ItemsSurviveReopeningAndPendingSavesAreWrittenOnClos
   TableSchema other = CameraPathModel::schema();
   other.rangeKey = "Timestamp";
   EXPECT_TRUE(store->createTable(other).has_value());
+}
+
+// Another connection holds the write lock and the store's own writer waits for it: reads still
+// answer, from the last committed state.
+TEST(SqliteRecordStoreTest, ReadsAnswerWhileTheWriteLockIsHeld) {
+  const std::string path = freshPath("locked");
+  std::string error;
+  SqliteRecordStore::Options options;
+  options.busyTimeoutMs = 3000;
+  std::shared_ptr<SqliteRecordStore> store = SqliteRecordStore::open(path, options, &error);
+  ASSERT_TRUE(store) << error;
+  ASSERT_FALSE(ensureRecordTables(*store).has_value());
+  const Item committed = withRecordId(CameraPathModel("S", 0, {{"0", "x"}}).toItem(), 1);
+  ASSERT_FALSE(store->put(CameraPathModel::kTableName, committed));
+
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE; DELETE FROM \"MapData-CameraPath\";", nullptr,
+                         nullptr, nullptr),
+            SQLITE_OK);
+  // The store's writer now waits for the lock, holding the store's write side.
+  auto blockedPut = std::async(std::launch::async, [&] {
+    return store->put(CameraPathModel::kTableName,
+                      withRecordId(CameraPathModel("S", 20, {}).toItem(), 2));
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto got = store->get(
+      CameraPathModel::kTableName,
+      {{"SessionId", AttributeValue::string("S")}, {kRecordIdAttribute, integerNumber(1)}});
+  const auto page = store->query(CameraPathModel::kTableName, AttributeValue::string("S"), {}, 0);
+  EXPECT_EQ(blockedPut.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+      << "the write did not wait for the lock, so the reads proved nothing";
+  ASSERT_EQ(sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(other);
+  EXPECT_FALSE(blockedPut.get().has_value()) << "the write went through once the lock was free";
+  ASSERT_TRUE(got);
+  EXPECT_EQ(*got, committed);
+  EXPECT_EQ(page.items, std::vector<Item>{committed});
 }
 
 TEST(SqliteRecordStoreTest, UnopenableFileIsAnErrorNotACrash) {
