@@ -41,9 +41,6 @@ bool hasFoldedHeaderLine(std::string_view received) {
 }
 
 std::optional<HttpRefusal> checkHeader(const http::request_header<>& header) {
-  if (header.version() != 10 && header.version() != 11) {
-    return refuse("Unsupported HTTP version");
-  }
   const size_t lengths = header.count(http::field::content_length);
   const size_t encodings = header.count(http::field::transfer_encoding);
   if (lengths > 1) return refuse("Repeated Content-Length");

@@ -27,7 +27,7 @@ bool hasFoldedHeaderLine(std::string_view received);
 
 // Refuses what a proxy in front could read differently: a repeated or list-valued
 // Content-Length, any Transfer-Encoding but a single "chunked", both together, a missing or
-// repeated Host on HTTP/1.1, versions other than 1.0 and 1.1.
+// repeated Host on HTTP/1.1. (The parser itself refuses versions other than 1.0 and 1.1.)
 std::optional<HttpRefusal> checkHeader(const boost::beast::http::request_header<>& header);
 
 // Decodes the target and the body's Content-Encoding (decoded size at most maxBodyBytes);
