@@ -93,8 +93,8 @@ TEST_F(HttpFrontTest, RefusedRequestsGetAJsonReasonAndTheConnectionCloses) {
     EXPECT_TRUE(client.closedWithin(3s));
   }
   // Each refusal is logged with its status.
-  EXPECT_TRUE(echo_.log().find("GET /%FF 400"));
-  EXPECT_TRUE(echo_.log().find("POST /x 415"));
+  EXPECT_TRUE(echo_.log().waitFor("GET /%FF 400"));
+  EXPECT_TRUE(echo_.log().waitFor("POST /x 415"));
 }
 
 TEST_F(HttpFrontTest, BodiesArriveDecodedHoweverTheyAreFramed) {
@@ -179,14 +179,18 @@ TEST_F(HttpFrontTest, LogLinesEscapeWhatTheClientSentAndTimeFromTheFirstByte) {
   std::this_thread::sleep_for(250ms);
   ASSERT_TRUE(client.send(r.substr(10)));
   EXPECT_EQ(client.read().status, 200);
-  for (const std::string& line : echo_.log().lines()) {
-    EXPECT_EQ(line.find_first_of("\r\n\x1b"), std::string::npos) << line;
-  }
-  EXPECT_TRUE(echo_.log().find("GET /a%0Ab%0D%1B 200"));
-  auto late = echo_.log().find("GET /late 200");
+  EXPECT_TRUE(echo_.log().waitFor("GET /a%0Ab%0D%1B 200"));
+  auto late = echo_.log().waitFor("GET /late 200");
   ASSERT_TRUE(late);
   const double ms = std::stod(late->substr(late->rfind(", ") + 2));
   EXPECT_GE(ms, 240) << *late;
+  RawClient raw(echo_.port());
+  ASSERT_TRUE(raw.send(rawRequest("GET", "/raw\xff\xc2\x85")));
+  EXPECT_EQ(raw.read().status, 400);
+  EXPECT_TRUE(echo_.log().waitFor("GET /raw\\xff\\xc2\\x85 400"));
+  for (const std::string& line : echo_.log().lines()) {
+    EXPECT_EQ(line.find_first_of("\r\n\x1b\xff\xc2"), std::string::npos) << line;
+  }
 }
 
 TEST(HttpDeadlines, SlowClientsAreCutAtTheirDeadlines) {
@@ -224,9 +228,9 @@ TEST(HttpDeadlines, SlowClientsAreCutAtTheirDeadlines) {
     EXPECT_GE(took, 250ms);
     EXPECT_LT(took, 2s);
   }
-  EXPECT_TRUE(echo.log().find("POST /x 0 0 bytes in, 0 bytes out"));
-  EXPECT_TRUE(echo.log().find("cut at its body deadline"));
-  EXPECT_TRUE(echo.log().find("cut at its header deadline"));
+  EXPECT_TRUE(echo.log().waitFor("POST /x 0 0 bytes in, 0 bytes out"));
+  EXPECT_TRUE(echo.log().waitFor("cut at its body deadline"));
+  EXPECT_TRUE(echo.log().waitFor("cut at its header deadline"));
 }
 
 TEST(HttpFairness, SlowConnectionsDoNotStarveOthers) {
@@ -291,7 +295,7 @@ TEST(HttpFairness, ConnectionsPastTheCapAreClosedAtOnce) {
     served = again.read(200ms).status == 200;
   }
   EXPECT_TRUE(served);
-  EXPECT_TRUE(echo.log().find("connection refused: 4 connections open"));
+  EXPECT_TRUE(echo.log().waitFor("connection refused: 4 connections open"));
 }
 
 TEST(HttpStop, CompletesWithinFiveSecondsWhateverClientsDo) {

@@ -36,6 +36,16 @@ std::optional<std::string> MemoryLog::find(std::string_view needle) const {
   return std::nullopt;
 }
 
+std::optional<std::string> MemoryLog::waitFor(std::string_view needle,
+                                              std::chrono::milliseconds wait) const {
+  const auto deadline = std::chrono::steady_clock::now() + wait;
+  while (true) {
+    if (auto line = find(needle)) return line;
+    if (std::chrono::steady_clock::now() > deadline) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
 std::string RawAnswer::errorMessage() const {
   return json.is_object() ? json.value("errorMessage", "") : "";
 }

@@ -24,6 +24,10 @@ class MemoryLog {
   std::vector<std::string> lines() const;
   // The first line containing needle, or nullopt.
   std::optional<std::string> find(std::string_view needle) const;
+  // find(), waiting up to wait for the line: a request is logged once its answer is out, which
+  // may be just after the client read it.
+  std::optional<std::string> waitFor(
+      std::string_view needle, std::chrono::milliseconds wait = std::chrono::seconds(2)) const;
 
  private:
   mutable std::mutex mu_;
