@@ -10,6 +10,7 @@
 #include <boost/beast/http/write.hpp>
 #include <cstdio>
 #include <exception>
+#include <tuple>
 
 #include "server/http_text.h"
 
@@ -176,7 +177,7 @@ void HttpConnection::dispatch() {
   if (auto* refusal = std::get_if<HttpRefusal>(&built)) return refuse(*refusal);
   auto request = std::make_shared<Request>(std::move(std::get<Request>(built)));
   bodyBytes_ = request->body.size();
-  net::post(*shared_->handlers, [self = shared_from_this(), request, keepAlive] {
+  auto run = [self = shared_from_this(), request, keepAlive] {
     Answer a;
     std::string note;
     try {
@@ -189,10 +190,17 @@ void HttpConnection::dispatch() {
       a = Answer(500, Json{{"errorMessage", "Internal error"}});
       note = "handler threw";
     }
-    net::post(self->stream_.get_executor(),
-              [self, a = std::move(a), keepAlive, note = std::move(note)] {
-                self->answer(a, !keepAlive, note);
-              });
+    return std::make_tuple(std::move(a), keepAlive, std::move(note));
+  };
+  if (!shared_->handlers) {  // handlers run on the I/O threads
+    auto [a, keep, note] = run();
+    return answer(a, !keep, note);
+  }
+  net::post(*shared_->handlers, [self = shared_from_this(), run = std::move(run)] {
+    auto result = run();
+    net::post(self->stream_.get_executor(), [self, result = std::move(result)] {
+      self->answer(std::get<0>(result), !std::get<1>(result), std::get<2>(result));
+    });
   });
 }
 

@@ -129,8 +129,10 @@ bool HttpServer::start(std::string* error) {
     return fail("Cannot bind " + where + ": " + ec.message());
   }
   s.port = s.acceptor.local_endpoint(ec).port();
-  s.handlers.emplace(static_cast<size_t>(std::max(1, o.handlerThreads)));
-  s.shared->handlers = &*s.handlers;
+  if (o.handlerThreads > 0) {
+    s.handlers.emplace(static_cast<size_t>(o.handlerThreads));
+    s.shared->handlers = &*s.handlers;
+  }
   s.work.emplace(s.ioc.get_executor());
   net::post(s.acceptor.get_executor(), [&s] { s.accept(); });
   for (int i = 0; i < std::max(1, o.ioThreads); ++i) {
@@ -165,8 +167,10 @@ void HttpServer::stop() {
       s.shared->drained.wait_for(lock, std::chrono::seconds(2),
                                  [&] { return s.shared->open.empty(); });
     }
-    s.handlers->stop();
-    s.handlers->join();
+    if (s.handlers) {
+      s.handlers->stop();
+      s.handlers->join();
+    }
     s.work.reset();
     s.ioc.stop();
     for (std::thread& t : s.threads) t.join();

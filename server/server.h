@@ -32,8 +32,8 @@ struct ServerOptions {
   AwsSettings aws;                                  // region and credentials for a DynamoDB store
   bool createTables = true;                         // create missing tables at start
   int jobWorkers = 2;
-  int httpThreads = 16;           // threads that run the routes (a route may wait on the store)
-  int ioThreads = 2;              // threads that read and write every connection
+  int httpThreads = 8;  // threads that run the routes (may wait on the store); 0: the I/O ones
+  int ioThreads = 2;    // threads that read and write every connection
   size_t maxConnections = 4096;   // connections past it are closed at once
   int keepAliveSeconds = 5;       // idle time allowed between requests on one connection
   int headerTimeoutMs = 10000;    // from a request's first byte to the end of its header

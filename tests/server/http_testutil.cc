@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -219,13 +218,5 @@ EchoServer::EchoServer(HttpOptions options) {
 }
 
 EchoServer::~EchoServer() { server_->stop(); }
-
-void raiseOpenFileLimit() {
-  rlimit r{};
-  if (::getrlimit(RLIMIT_NOFILE, &r) == 0 && r.rlim_cur < r.rlim_max) {
-    r.rlim_cur = r.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &r);
-  }
-}
 
 }  // namespace omra::server::testing

@@ -96,7 +96,4 @@ class EchoServer {
   std::unique_ptr<HttpServer> server_;
 };
 
-// Raises the soft open-file limit to the hard one (tests that open many connections).
-void raiseOpenFileLimit();
-
 }  // namespace omra::server::testing
