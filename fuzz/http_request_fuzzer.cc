@@ -35,7 +35,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       continue;
     }
     if (ec) return 0;
-    if (used == 0 && rest.empty()) return 0;
+    if (used == 0) {
+      if (rest.empty()) return 0;
+      pending.append(rest);
+      rest = {};
+    }
   }
   (void)omra::server::escapeForLog(parser.get().target());
   if (omra::server::checkHeader(parser.get().base())) return 0;
