@@ -61,6 +61,7 @@ bool Server::start(std::string* error) {
                                        [svc](const Request& r) { return svc->handle(r); });
   std::string why;
   if (!http_->start(&why)) {
+    http_.reset();  // nothing to stop later
     jobs_->stop();
     return fail(why);
   }
