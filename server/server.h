@@ -1,6 +1,6 @@
 // omra-server in process: the HTTP routes of the back end under "/beta" and "/prod" over one record
-// store, with the localizer job runner. Owns its HTTP threads and job workers; start(), stop() and
-// the accessors are thread-safe.
+// store, with the localizer job runner. Owns its HTTP front (HttpServer) and job workers; start(),
+// stop() and the accessors are thread-safe.
 #pragma once
 
 #include <atomic>
@@ -11,7 +11,6 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "omrakit/config.h"
 #include "omrakit/platform/record_store.h"
@@ -22,6 +21,7 @@
 namespace omra::server {
 
 class MapService;
+class HttpServer;
 
 struct ServerOptions {
   std::string host = "127.0.0.1";
@@ -33,9 +33,14 @@ struct ServerOptions {
   AwsSettings aws;                                  // region and credentials for a DynamoDB store
   bool createTables = true;                         // create missing tables at start
   int jobWorkers = 2;
-  int httpThreads = 32;
-  int keepAliveSeconds = 5;
-  size_t maxBodyBytes = 1 << 20;
+  int httpThreads = 8;  // threads that run the routes (may wait on the store); 0: the I/O ones
+  int ioThreads = 2;    // threads that read and write every connection
+  size_t maxConnections = 4096;   // connections past it are closed at once
+  int keepAliveSeconds = 5;       // idle time allowed between requests on one connection
+  int headerTimeoutMs = 10000;    // from a request's first byte to the end of its header
+  int bodyTimeoutMs = 30000;      // from the end of the header to the end of the body
+  int writeTimeoutMs = 10000;     // for writing one answer
+  size_t maxBodyBytes = 1 << 20;  // on the bytes read and on the decoded (gunzipped) body
   // Developer-key digests (accounts) served; empty: every account. Kept only as hashes.
   std::set<std::string> allowedDeveloperKeys;
   // Per-account rate limits, per server process (each replica keeps its own buckets).
@@ -68,22 +73,21 @@ class Server {
   JobRunner::Stats jobStats() const;
 
  private:
-  struct Http;
   void log(std::string_view line) const;
 
   ServerOptions options_;
   std::unique_ptr<JobRunner> jobs_;
   std::unique_ptr<MapService> service_;
-  std::unique_ptr<Http> http_;
-  std::thread listener_;
+  std::unique_ptr<HttpServer> http_;
   std::atomic<int> port_{0};
   std::once_flag stopped_;
 };
 
 // The `omra server` command: opens the store (options.store, or options.storeSpec), serves until
-// SIGINT or SIGTERM, then stops as Server::stop() does. Blocks those two signals in the calling
-// thread before any thread starts, so call it from the main thread before starting others. Returns
-// the process exit code.
+// SIGINT or SIGTERM, then stops as Server::stop() does. A port it cannot bind (another server
+// listens on it) is an error: returns 1 with the reason on standard error. Blocks those two signals
+// in the calling thread before any thread starts, so call it from the main thread before starting
+// others. Returns the process exit code.
 int runServerCommand(ServerOptions options);
 
 // Creates every record table and the server's own in the store named by storeSpec (DynamoDB's

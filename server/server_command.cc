@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "server/server.h"
+#include "server/server_process.h"
 #include "server/server_tables.h"
 #include "src/platform/store/record_store_factory.h"
 
@@ -32,6 +33,8 @@ int runServerCommand(ServerOptions options) {
       return 1;
     }
   }
+  raiseOpenFileLimit();
+  tuneMallocForServer();
   Server server(std::move(options));
   std::string error;
   if (!server.start(&error)) return 1;
