@@ -411,7 +411,13 @@ bool BackendRecordStore::sendBatch() {
     failedAttempt("cannot read the record outbox: " + error, std::nullopt);
     return false;
   }
-  if (batch.empty()) return false;
+  if (batch.empty()) {
+    // Nothing to send although rows were counted: another process took them.
+    if (unusable.empty() && !outbox_->recount()) {
+      failedAttempt("cannot count the records in the outbox", std::nullopt);
+    }
+    return false;
+  }
 
   HttpRequest request;
   request.method = HttpMethod::kPost;

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <system_error>
@@ -155,18 +156,22 @@ std::unique_ptr<RecordOutbox> RecordOutbox::openChecked(const std::string& path,
     return failWith(error);
   }
   if (!box->prepare()) return failWith("not a record outbox: " + box->lastError());
+  if (!box->recount()) return failWith(box->lastError());
+  return box;
+}
+
+bool RecordOutbox::recount() {
   sqlite3_stmt* totals = nullptr;
   bool counted = false;
-  if (sqlite3_prepare_v2(db, "SELECT COUNT(*), COALESCE(SUM(bytes), 0) FROM records", -1, &totals,
+  if (sqlite3_prepare_v2(db_, "SELECT COUNT(*), COALESCE(SUM(bytes), 0) FROM records", -1, &totals,
                          nullptr) == SQLITE_OK &&
       sqlite3_step(totals) == SQLITE_ROW) {
-    box->rows_ = static_cast<size_t>(sqlite3_column_int64(totals, 0));
-    box->bytes_ = static_cast<size_t>(std::max<int64_t>(0, sqlite3_column_int64(totals, 1)));
+    rows_ = static_cast<size_t>(sqlite3_column_int64(totals, 0));
+    bytes_ = static_cast<size_t>(std::max<sqlite3_int64>(0, sqlite3_column_int64(totals, 1)));
     counted = true;
   }
   sqlite3_finalize(totals);
-  if (!counted) return failWith(box->lastError());
-  return box;
+  return counted;
 }
 
 std::unique_ptr<RecordOutbox> RecordOutbox::open(const std::string& path, Options options,

@@ -71,6 +71,9 @@ class RecordOutbox {
   // Deletes the rows (one transaction).
   std::optional<StoreError> remove(const std::vector<int64_t>& ids);
 
+  // Counts the rows again (another process may share the file).
+  bool recount();
+
   size_t rowCount() const { return rows_; }
   size_t storedBytes() const { return bytes_; }
   const std::string& path() const { return path_; }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <future>
@@ -86,11 +87,14 @@ Item cameraRecord(const std::string& session, int64_t id, size_t payloadBytes) {
   item["FrameId"] = integerNumber(id * 20);
   item["Timestamp"] = AttributeValue::numberText("1700000000.25");
   std::map<std::string, std::string> poses;
-  for (size_t i = 0; poses.size() * 64 < payloadBytes; ++i) {
+  for (size_t i = 0; poses.size() * 64 < std::min<size_t>(payloadBytes, 2048); ++i) {
     poses[std::to_string(id * 20 + static_cast<int64_t>(i))] =
         "1.0,0.0,0.0,0.5,0.0,1.0,0.0,1.4,0.0,0.0,1.0,-0.25,0.0,0.0,0.0,1.0,";
   }
   item["Transforms"] = AttributeValue::stringMap(std::move(poses));
+  // Larger records carry the rest as one text: cheap to build and to read back.
+  if (payloadBytes > 2048)
+    item["Padding"] = AttributeValue::string(std::string(payloadBytes - 2048, 'p'));
   return item;
 }
 

@@ -69,7 +69,8 @@ class FakeIngestBackend : public HttpClient {
   std::map<std::tuple<std::string, std::string, std::string, int64_t>, int> stored_;
 };
 
-// A camera-path record of session, with RecordId id and about payloadBytes of poses.
+// A camera-path record of session, with RecordId id and about payloadBytes of poses (beyond 2 KB,
+// padding text).
 Item cameraRecord(const std::string& session, int64_t id, size_t payloadBytes = 200);
 // The kit's five record tables.
 std::vector<TableSchema> kitRecordTables();
