@@ -29,8 +29,17 @@ struct AwsSettings {
 
 struct Config {
   EndpointHosts endpoints;
-  // "sqlite:PATH", "dynamodb:URL" (e.g. dynamodb:http://127.0.0.1:4567) or "memory".
-  std::string recordStore = "sqlite:omra-records.db";
+  // "backend" (the maps host's ingest route, by way of the outbox below), "backend:URL" (another
+  // stage base, e.g. https://maps.example.com/beta), "sqlite:PATH", "dynamodb:URL" (e.g.
+  // dynamodb:http://127.0.0.1:4567) or "memory".
+  std::string recordStore = "backend";
+  // The backend store's outbox on the device; empty: record-outbox.db in
+  // $XDG_STATE_HOME/omrakit/<bundle id>/ (~/.local/state/omrakit/<bundle id>/ without it).
+  std::string recordOutbox;
+  // Records waiting in the outbox may take this much; beyond it new records are refused.
+  double recordOutboxMaxMegabytes = 512;
+  // How long a session's dispose (and the store's close) waits for records to reach the back end.
+  double recordFlushTimeoutSeconds = 2;
   // "file:PATH" (JSON lines), "stdout", "cloudwatch" (optionally "cloudwatch:URL"), or "none".
   std::string metricsSink = "file:omra-metrics.jsonl";
   AwsSettings aws;

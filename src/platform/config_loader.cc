@@ -1,5 +1,6 @@
 #include "src/platform/config_loader.h"
 
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -75,13 +76,32 @@ Error setHost(const std::string& key, std::string value, std::string& out) {
 }
 
 Error setRecordStore(const std::string& key, const std::string& raw, Config& c) {
-  const std::string value = trim(raw);
-  bool ok = value == "memory" || (value.rfind("sqlite:", 0) == 0 && value.size() > 7) ||
+  std::string value = trim(raw);
+  if (value.rfind("backend:", 0) == 0) {
+    while (value.size() > 9 && value.back() == '/') value.pop_back();
+  }
+  bool ok = value == "memory" || value == "backend" ||
+            (value.rfind("backend:", 0) == 0 && isHttpUrl(value.substr(8))) ||
+            (value.rfind("sqlite:", 0) == 0 && value.size() > 7) ||
             (value.rfind("dynamodb:", 0) == 0 && isHttpUrl(value.substr(9)));
   if (!ok) {
-    return key + ": \"" + value + "\" is not one of memory, sqlite:PATH, dynamodb:http(s)://HOST";
+    return key + ": \"" + value +
+           "\" is not one of backend, backend:http(s)://HOST/STAGE, memory, sqlite:PATH, "
+           "dynamodb:http(s)://HOST";
   }
   c.recordStore = value;
+  return std::nullopt;
+}
+
+Error setOutboxMegabytes(const std::string& key, std::optional<double> v, Config& c) {
+  if (!v || *v < 1 || *v > 1024 * 1024) return key + ": expected a number of MiB in [1, 1048576]";
+  c.recordOutboxMaxMegabytes = *v;
+  return std::nullopt;
+}
+
+Error setFlushTimeout(const std::string& key, std::optional<double> v, Config& c) {
+  if (!v || *v < 0 || *v > 3600) return key + ": expected a number of seconds in [0, 3600]";
+  c.recordFlushTimeoutSeconds = *v;
   return std::nullopt;
 }
 
@@ -217,6 +237,13 @@ const std::vector<StringKey>& stringKeys() {
       {"linearOptimizerProdHost", "OMRA_LINEAR_OPTIMIZER_PROD_HOST",
        OMRA_HOST_SETTER(linearOptimizerProd)},
       {"recordStore", "OMRA_RECORD_STORE", setRecordStore},
+      {"recordOutbox", "OMRA_RECORD_OUTBOX",
+       [](const std::string& k, const std::string& v, Config& c) -> Error {
+         std::string path = trim(v);
+         if (path.empty()) return k + ": must not be empty";
+         c.recordOutbox = path;
+         return std::nullopt;
+       }},
       {"metricsSink", "OMRA_METRICS_SINK", setMetricsSink},
       {"awsRegion", "AWS_REGION", setRegion},
       {nullptr, "OMRA_AWS_REGION", setRegion},  // wins over AWS_REGION
@@ -259,6 +286,14 @@ const std::vector<StringKey>& stringKeys() {
        [](const std::string& k, const std::string& v, Config& c) {
          return setIdleTimeout(k, parseNumber(v), c);
        }},
+      {nullptr, "OMRA_RECORD_OUTBOX_MAX_MB",
+       [](const std::string& k, const std::string& v, Config& c) {
+         return setOutboxMegabytes(k, parseNumber(v), c);
+       }},
+      {nullptr, "OMRA_RECORD_FLUSH_TIMEOUT",
+       [](const std::string& k, const std::string& v, Config& c) {
+         return setFlushTimeout(k, parseNumber(v), c);
+       }},
   };
   return keys;
 }
@@ -283,8 +318,9 @@ std::optional<std::string> applyConfigJson(std::string_view text, Config& config
   if (!parsed->is_object()) return std::string("the configuration file must hold one JSON object");
   const Json& root = *parsed;
   for (const auto& [key, value] : root.items()) {
-    bool known =
-        key == "supportedOrientations" || key == "location" || key == "httpIdleTimeoutSeconds";
+    bool known = key == "supportedOrientations" || key == "location" ||
+                 key == "httpIdleTimeoutSeconds" || key == "recordOutboxMaxMegabytes" ||
+                 key == "recordFlushTimeoutSeconds";
     for (const auto& k : stringKeys()) known = known || (k.fileKey && key == k.fileKey);
     if (!known) return "unknown configuration key \"" + key + "\"";
   }
@@ -343,6 +379,23 @@ std::optional<std::string> applyConfigJson(std::string_view text, Config& config
     if (v.is_number()) seconds = v.get<double>();
     if (auto e = setIdleTimeout("httpIdleTimeoutSeconds", seconds, config)) return e;
   }
+  const auto numberAt = [&](const char* key) -> std::optional<double> {
+    const Json& v = root[key];
+    if (v.is_number()) return v.get<double>();
+    return std::nullopt;
+  };
+  if (root.contains("recordOutboxMaxMegabytes")) {
+    if (auto e = setOutboxMegabytes("recordOutboxMaxMegabytes",
+                                    numberAt("recordOutboxMaxMegabytes"), config)) {
+      return e;
+    }
+  }
+  if (root.contains("recordFlushTimeoutSeconds")) {
+    if (auto e = setFlushTimeout("recordFlushTimeoutSeconds", numberAt("recordFlushTimeoutSeconds"),
+                                 config)) {
+      return e;
+    }
+  }
   return std::nullopt;
 }
 
@@ -387,5 +440,26 @@ std::optional<Config> loadConfig(const EnvLookup& env, std::string* error,
 }
 
 std::optional<Config> loadConfig(std::string* error) { return loadConfig(processEnv(), error); }
+
+std::optional<std::string> defaultRecordOutboxPath(const Config& config, const EnvLookup& env) {
+  namespace fs = std::filesystem;
+  fs::path base;
+  if (auto state = env("XDG_STATE_HOME"); state && !trim(*state).empty()) {
+    base = trim(*state);
+  } else if (auto home = env("HOME"); home && !trim(*home).empty()) {
+    base = fs::path(trim(*home)) / ".local" / "state";
+  } else {
+    return std::nullopt;
+  }
+  // One outbox per application: each sends to its own back end.
+  std::string app = config.bundleIdentifier.value_or("default");
+  for (char& ch : app) {
+    const bool plain =
+        std::isalnum(static_cast<unsigned char>(ch)) || ch == '.' || ch == '-' || ch == '_';
+    if (!plain) ch = '_';
+  }
+  if (app.empty() || app == "." || app == "..") app = "default";
+  return (base / "omrakit" / app / "record-outbox.db").string();
+}
 
 }  // namespace omra

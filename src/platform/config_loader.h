@@ -29,4 +29,10 @@ std::optional<Config> loadConfig(const EnvLookup& env, std::string* error,
 std::optional<std::string> applyConfigJson(std::string_view text, Config& config);
 std::optional<std::string> applyConfigEnv(const EnvLookup& env, Config& config);
 
+// Where the backend store keeps its outbox when config.recordOutbox is empty:
+// $XDG_STATE_HOME/omrakit/<bundle id>/record-outbox.db, ~/.local/state/... without XDG_STATE_HOME
+// (the bundle identifier made file-name safe; "default" without one). None when neither variable
+// is set.
+std::optional<std::string> defaultRecordOutboxPath(const Config& config, const EnvLookup& env);
+
 }  // namespace omra

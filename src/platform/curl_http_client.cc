@@ -3,8 +3,10 @@
 #include <curl/curl.h>
 
 #include <atomic>
+#include <cctype>
 #include <cmath>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <unordered_set>
@@ -49,6 +51,19 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
   }
   t->body.append(data, n);
   return n;
+}
+
+// The final answer's headers (not those of redirects), names in lower case.
+std::map<std::string, std::string> responseHeaders(CURL* easy) {
+  std::map<std::string, std::string> out;
+  curl_header* prev = nullptr;
+  while (curl_header* h = curl_easy_nextheader(easy, CURLH_HEADER, -1, prev)) {
+    std::string name = h->name;
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    out.insert_or_assign(std::move(name), h->value);
+    prev = h;
+  }
+  return out;
 }
 
 }  // namespace
@@ -167,6 +182,7 @@ struct CurlHttpClient::Worker {
     } else {
       long status = 0;
       curl_easy_getinfo(t->easy, CURLINFO_RESPONSE_CODE, &status);
+      r.headers = responseHeaders(t->easy);
       r.status = status;
       r.body = std::move(t->body);
       r.json = parseJsonBody(r.body);

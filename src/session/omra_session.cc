@@ -309,6 +309,11 @@ void OmraSession::dispose() {
   if (s.disposed.exchange(true)) return;
   s.sessionState->incrementRestartCount();
   s.persistenceManager->flush();
+  // The batched records were just handed over; give them a bounded time to leave the device
+  // (a store with an outbox keeps what is left for later).
+  if (!s.env.records->flush(s.env.recordFlushTimeout)) {
+    s.env.logger->print("Some records are still on their way to the back end");
+  }
 }
 
 int64_t OmraSession::omraSessionMode() const { return rawValue(impl_->mode); }

@@ -30,11 +30,12 @@ TEST(ConfigLoaderTest, DefaultsRunLocally) {
   auto c = loadConfig(envOf({}), &error, "");
   ASSERT_TRUE(c.has_value());
   EXPECT_EQ(error, "");
-  EXPECT_EQ(
-      std::tie(c->endpoints.mapsBeta, c->recordStore, c->metricsSink),
-      std::tuple("http://127.0.0.1:8080", "sqlite:omra-records.db", "file:omra-metrics.jsonl"));
+  EXPECT_EQ(std::tie(c->endpoints.mapsBeta, c->recordStore, c->metricsSink),
+            std::tuple("http://127.0.0.1:8080", "backend", "file:omra-metrics.jsonl"));
   EXPECT_FALSE(c->bundleIdentifier.has_value());
   EXPECT_EQ(c->httpIdleTimeoutSeconds, 60);
+  EXPECT_EQ(std::tie(c->recordOutbox, c->recordOutboxMaxMegabytes, c->recordFlushTimeoutSeconds),
+            std::tuple("", 512.0, 2.0));
 }
 
 TEST(ConfigLoaderTest, EnvironmentValues) {
@@ -55,7 +56,10 @@ TEST(ConfigLoaderTest, EnvironmentValues) {
                {"OMRA_BUNDLE_ID", " com.example.app "},
                {"OMRA_SUPPORTED_ORIENTATIONS", "portrait, UIInterfaceOrientationLandscapeLeft"},
                {"OMRA_LOCATION", "-122.4,37.8,12.5,5,3"},
-               {"OMRA_HTTP_IDLE_TIMEOUT", "2.5"}},
+               {"OMRA_HTTP_IDLE_TIMEOUT", "2.5"},
+               {"OMRA_RECORD_OUTBOX", "/var/lib/app/outbox.db"},
+               {"OMRA_RECORD_OUTBOX_MAX_MB", "64"},
+               {"OMRA_RECORD_FLUSH_TIMEOUT", "0.5"}},
               &error);
   EXPECT_EQ(error, "");
   const auto& e = c.endpoints;
@@ -77,6 +81,52 @@ TEST(ConfigLoaderTest, EnvironmentValues) {
   EXPECT_EQ(std::tie(c.longitude, c.latitude, c.altitude, c.horizontalAccuracy, c.verticalAccuracy),
             std::tuple(-122.4, 37.8, 12.5, 5.0, 3.0));
   EXPECT_EQ(c.httpIdleTimeoutSeconds, 2.5);
+  EXPECT_EQ(std::tie(c.recordOutbox, c.recordOutboxMaxMegabytes, c.recordFlushTimeoutSeconds),
+            std::tuple("/var/lib/app/outbox.db", 64.0, 0.5));
+}
+
+TEST(ConfigLoaderTest, RecordStoreTexts) {
+  const std::vector<std::pair<std::string, std::string>> accepted = {
+      {"backend", "backend"},
+      {"backend:https://maps.example.com/beta/", "backend:https://maps.example.com/beta"},
+      {" memory ", "memory"},
+      {"sqlite:/tmp/r.db", "sqlite:/tmp/r.db"},
+      {"dynamodb:http://127.0.0.1:4567", "dynamodb:http://127.0.0.1:4567"},
+  };
+  for (const auto& [text, stored] : accepted) {
+    std::string error;
+    EXPECT_EQ(fromEnv({{"OMRA_RECORD_STORE", text}}, &error).recordStore, stored) << error;
+  }
+}
+
+TEST(ConfigLoaderTest, OutboxLivesInTheUserStateFolderPerApplication) {
+  Config app;
+  app.bundleIdentifier = "com.example/../app";
+  struct Case {
+    const char* name;
+    std::map<std::string, std::string> vars;
+    const Config* config;
+    std::optional<std::string> path;
+  };
+  const Config none;
+  const std::vector<Case> cases = {
+      {"XDG_STATE_HOME",
+       {{"XDG_STATE_HOME", "/state"}, {"HOME", "/home/u"}},
+       &none,
+       "/state/omrakit/default/record-outbox.db"},
+      {"HOME only",
+       {{"HOME", "/home/u"}},
+       &app,
+       "/home/u/.local/state/omrakit/com.example_.._app/record-outbox.db"},
+      {"empty XDG_STATE_HOME",
+       {{"XDG_STATE_HOME", " "}, {"HOME", "/home/u"}},
+       &none,
+       "/home/u/.local/state/omrakit/default/record-outbox.db"},
+      {"neither", {}, &none, std::nullopt},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(defaultRecordOutboxPath(*c.config, envOf(c.vars)), c.path) << c.name;
+  }
 }
 
 TEST(ConfigLoaderTest, BadValuesGiveAClearError) {
@@ -106,6 +156,12 @@ TEST(ConfigLoaderTest, BadValuesGiveAClearError) {
       {"OMRA_HTTP_IDLE_TIMEOUT", "0", "OMRA_HTTP_IDLE_TIMEOUT"},
       {"OMRA_HTTP_IDLE_TIMEOUT", "10s", "OMRA_HTTP_IDLE_TIMEOUT"},
       {"OMRA_HTTP_IDLE_TIMEOUT", "inf", "OMRA_HTTP_IDLE_TIMEOUT"},
+      {"OMRA_RECORD_STORE", "backend:maps.example.com", "backend:http(s)://"},
+      {"OMRA_RECORD_STORE", "backends", "OMRA_RECORD_STORE"},
+      {"OMRA_RECORD_OUTBOX_MAX_MB", "0.5", "OMRA_RECORD_OUTBOX_MAX_MB"},
+      {"OMRA_RECORD_OUTBOX_MAX_MB", "lots", "MiB"},
+      {"OMRA_RECORD_FLUSH_TIMEOUT", "-1", "OMRA_RECORD_FLUSH_TIMEOUT"},
+      {"OMRA_RECORD_FLUSH_TIMEOUT", "nan", "seconds"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.key) + "=" + c.value);
@@ -124,7 +180,10 @@ TEST(ConfigLoaderTest, FileThenEnvironment) {
     "bundleIdentifier": "com.file.app",
     "supportedOrientations": ["landscapeRight"],
     "location": {"longitude": 2.35, "latitude": 48.85},
-    "httpIdleTimeoutSeconds": 30
+    "httpIdleTimeoutSeconds": 30,
+    "recordOutbox": "/data/outbox.db",
+    "recordOutboxMaxMegabytes": 100,
+    "recordFlushTimeoutSeconds": 5
   })";
   std::string error;
   // The default file name is used when OMRA_CONFIG is unset.
@@ -138,6 +197,8 @@ TEST(ConfigLoaderTest, FileThenEnvironment) {
   EXPECT_EQ(c->latitude, 48.85);
   EXPECT_FALSE(c->altitude.has_value());
   EXPECT_EQ(c->httpIdleTimeoutSeconds, 30);
+  EXPECT_EQ(std::tie(c->recordOutbox, c->recordOutboxMaxMegabytes, c->recordFlushTimeoutSeconds),
+            std::tuple("/data/outbox.db", 100.0, 5.0));
 
   // OMRA_CONFIG names the file, and must exist.
   c = loadConfig(envOf({{"OMRA_CONFIG", file}}), &error, "nonexistent.json");
@@ -160,6 +221,9 @@ TEST(ConfigLoaderTest, BadFiles) {
       {R"({"location": {"longitude": "1", "latitude": 1}})", "location.longitude"},
       {R"({"location": true})", "location"},
       {R"({"httpIdleTimeoutSeconds": "60"})", "httpIdleTimeoutSeconds"},
+      {R"({"recordOutbox": ""})", "recordOutbox: must not be empty"},
+      {R"({"recordOutboxMaxMegabytes": "64"})", "recordOutboxMaxMegabytes"},
+      {R"({"recordFlushTimeoutSeconds": 7200})", "recordFlushTimeoutSeconds"},
   };
   for (const auto& [text, mentions] : cases) {
     SCOPED_TRACE(text);

@@ -75,6 +75,30 @@ TEST_F(CurlHttpClientTest, PostsJsonAndGets) {
   EXPECT_EQ(got.json->at("seen"), "GET 1.5");
 }
 
+TEST_F(CurlHttpClientTest, AnswerHeadersArriveByLowerCaseName) {
+  server_.server().Get("/busy", [](const httplib::Request&, httplib::Response& res) {
+    res.status = 429;
+    res.set_header("Retry-After", "7");
+    res.set_header("X-Request-Id", "abc");
+    res.set_content("{}", "application/json");
+  });
+  server_.server().Get("/moved", [](const httplib::Request&, httplib::Response& res) {
+    res.set_redirect("/busy");
+    res.set_header("X-Only-On-Redirect", "1");
+  });
+  const std::string base = server_.start();
+  CurlHttpClient client(dispatcher_);
+  for (const char* path : {"/busy", "/moved"}) {
+    SCOPED_TRACE(path);
+    const HttpResponse r = get(client, base + path);
+    EXPECT_EQ(r.status, 429);
+    EXPECT_EQ(r.headers.count("retry-after") ? r.headers.at("retry-after") : "", "7");
+    EXPECT_EQ(r.headers.count("x-request-id") ? r.headers.at("x-request-id") : "", "abc");
+    EXPECT_EQ(r.headers.count("Retry-After"), 0u);
+    EXPECT_EQ(r.headers.count("x-only-on-redirect"), 0u) << "only the final answer's headers";
+  }
+}
+
 TEST_F(CurlHttpClientTest, BodiesThatAreNotJson) {
   struct Case {
     const char* name;

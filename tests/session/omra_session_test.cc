@@ -202,6 +202,27 @@ TEST(OmraSession, FramesDroppedBeforeInitialisationAndWhileBusy) {
   EXPECT_EQ(run.cameraFrames("MAP-1", 20), (std::set<int64_t>{20, 26}));
 }
 
+TEST(OmraSession, DisposeGivesTheWrittenRecordsABoundedTimeToLeave) {
+  SessionRun run;
+  run.t.env.recordFlushTimeout = milliseconds(750);
+  run.t.store->setFlushResult(false);  // a back end that does not answer in time
+  run.start(SessionMode::mapping);
+  ASSERT_EQ(run.waitForStatus(), MapStatus::initialized);
+  auto recorded = [&] { return run.t.pumpUntil([&] { return !run.session->updateInProgress(); }); };
+  for (int i = 1; i <= 3; ++i) {
+    run.session->update(frameAt(0.1f * i));
+    ASSERT_TRUE(recorded()) << i;
+  }
+  EXPECT_TRUE(run.t.store->flushes().empty());
+  run.session->dispose();
+  run.session.reset();  // destruction does not flush a second time
+  const auto flushes = run.t.store->flushes();
+  ASSERT_EQ(flushes.size(), 1u);
+  EXPECT_EQ(flushes[0].timeout, milliseconds(750));
+  EXPECT_EQ(flushes[0].cameraRecords, 1u) << "the open block is written before the flush";
+  EXPECT_TRUE(run.t.logger->contains("still on their way to the back end"));
+}
+
 // Counting itself is covered with ScanProgress and Persistence; here the session's anchors drive
 // it.
 TEST(OmraSession, ScanProgressAndTriggers) {

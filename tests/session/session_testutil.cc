@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 
+#include "src/cloud/camera_path_model.h"
 #include "src/cloud/record_tables.h"
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/curl_http_client.h"
@@ -124,6 +125,23 @@ void GatedRecordStore::setDelay(std::chrono::milliseconds delay) {
 int GatedRecordStore::waiting() const {
   std::lock_guard lock(gateMutex_);
   return waiting_;
+}
+
+bool GatedRecordStore::flush(std::chrono::milliseconds timeout) {
+  const size_t saved = itemCount(CameraPathModel::kTableName);
+  std::lock_guard lock(gateMutex_);
+  flushes_.push_back({timeout, saved});
+  return flushResult_;
+}
+
+std::vector<GatedRecordStore::FlushCall> GatedRecordStore::flushes() const {
+  std::lock_guard lock(gateMutex_);
+  return flushes_;
+}
+
+void GatedRecordStore::setFlushResult(bool result) {
+  std::lock_guard lock(gateMutex_);
+  flushResult_ = result;
 }
 
 std::vector<Item> GatedRecordStore::items(const std::string& table, const std::string& sessionId) {

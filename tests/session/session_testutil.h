@@ -82,7 +82,19 @@ class GatedRecordStore : public MemoryRecordStore {
   int waiting() const;
   std::vector<Item> items(const std::string& table, const std::string& sessionId);
 
+  // flush() calls: the bound given and how many camera-path records were saved by then.
+  struct FlushCall {
+    std::chrono::milliseconds timeout;
+    size_t cameraRecords;
+  };
+  bool flush(std::chrono::milliseconds timeout) override;
+  std::vector<FlushCall> flushes() const;
+  // What flush() answers (true unless set).
+  void setFlushResult(bool result);
+
  private:
+  std::vector<FlushCall> flushes_;
+  bool flushResult_ = true;
   mutable std::mutex gateMutex_;
   std::condition_variable cv_;
   bool closed_ = false;

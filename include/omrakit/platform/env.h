@@ -4,6 +4,7 @@
 // member may be null where documented; the kit then does without that service.
 #pragma once
 
+#include <chrono>
 #include <memory>
 
 #include "omrakit/platform/device_info.h"
@@ -23,10 +24,12 @@ struct Env {
   std::shared_ptr<HttpClient> http;
   std::shared_ptr<Logger> logger;
   std::shared_ptr<DeviceInfo> device;
-  std::shared_ptr<MetricsSink> metrics;          // null: metrics are dropped
+  std::shared_ptr<MetricsSink> metrics;  // null: metrics are dropped
   std::shared_ptr<RecordStore> records;
-  std::shared_ptr<LocationSource> location;      // null: no location
-  std::shared_ptr<DetectorModel> detector;       // null: no scene understanding
+  std::shared_ptr<LocationSource> location;  // null: no location
+  std::shared_ptr<DetectorModel> detector;   // null: no scene understanding
+  // How long a session's dispose waits for its records to leave the device (RecordStore::flush).
+  std::chrono::milliseconds recordFlushTimeout{2000};
 };
 
 }  // namespace omra

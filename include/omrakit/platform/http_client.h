@@ -5,10 +5,9 @@
 
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 namespace omra {
 
@@ -25,10 +24,12 @@ struct HttpRequest {
 };
 
 struct HttpResponse {
-  long status = 0;            // 0 when no HTTP answer arrived
+  long status = 0;             // 0 when no HTTP answer arrived
   std::string transportError;  // non-empty when no HTTP answer arrived
   std::string body;
   std::optional<Json> json;  // the body parsed as JSON, when it is JSON
+  // Response headers by lower-case name (a repeated header keeps its last value).
+  std::map<std::string, std::string> headers;
 };
 
 class HttpClient {

@@ -1,10 +1,13 @@
 #include "src/platform/env/default_env.h"
 
+#include <cmath>
 #include <memory>
 #include <utility>
 
 #include "omrakit/platform/detector_model.h"
+#include "src/cloud/account_http_client.h"
 #include "src/cloud/record_tables.h"
+#include "src/cloud/transform_result_model.h"
 #include "src/cloud/urls.h"
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/console_logger.h"
@@ -23,8 +26,22 @@ std::optional<Env> makeDefaultEnv(const Config& config, std::string* error) {
   env.dispatcher = dispatcher;
   env.logger = std::make_shared<ConsoleLogger>();
 
+  CurlHttpOptions httpOptions;
+  httpOptions.idleTimeoutSeconds = config.httpIdleTimeoutSeconds;
+  env.http = std::make_shared<CurlHttpClient>(*dispatcher, httpOptions);
+
+  KitStoreServices storeServices;
+  storeServices.http = env.http;
+  storeServices.dispatcher = dispatcher;
+  storeServices.accountHeader = kAccountHeader;
+  for (TableSchema& schema : recordTableSchemas()) {
+    // The back end writes "Transformations" itself.
+    if (schema.name != TransformResultModel::kTableName) {
+      storeServices.recordTables.push_back(std::move(schema));
+    }
+  }
   std::string storeError;
-  env.records = makeRecordStore(config, env.logger, &storeError);
+  env.records = makeRecordStore(config, storeServices, env.logger, &storeError);
   if (!env.records) {
     if (error)
       *error = "Cannot open the record store \"" + config.recordStore + "\": " + storeError;
@@ -35,9 +52,8 @@ std::optional<Env> makeDefaultEnv(const Config& config, std::string* error) {
     return std::nullopt;
   }
 
-  CurlHttpOptions httpOptions;
-  httpOptions.idleTimeoutSeconds = config.httpIdleTimeoutSeconds;
-  env.http = std::make_shared<CurlHttpClient>(*dispatcher, httpOptions);
+  env.recordFlushTimeout = std::chrono::milliseconds(
+      static_cast<int64_t>(std::llround(config.recordFlushTimeoutSeconds * 1000)));
   env.device = std::make_shared<LinuxDeviceInfo>(config);
   env.metrics = makeMetricsSink(config, *dispatcher, env.logger);
   env.location = FixedLocationSource::fromConfig(config);

@@ -4,11 +4,14 @@
 
 #include <filesystem>
 
+#include "src/cloud/account_http_client.h"
+#include "src/platform/store/backend_record_store.h"
 #include "src/platform/store/base64.h"
 #include "src/platform/store/dynamodb_record_store.h"
 #include "src/platform/store/item_checks.h"
 #include "src/platform/store/memory_record_store.h"
 #include "src/platform/store/sqlite_record_store.h"
+#include "tests/platform/store/backend_testutil.h"
 
 namespace omra {
 namespace {
@@ -76,6 +79,44 @@ TEST(Base64Test, RoundTripsAndRejectsMalformedText) {
   for (const char* bad : {"Zg=", "Z===", "Zg==Zg==", "Zm9v!A==", "=Zg="}) {
     EXPECT_FALSE(base64Decode(bad).has_value()) << bad;
   }
+}
+
+TEST(RecordStoreFactoryTest, BuildsTheKitsBackendStoreFromItsConfiguration) {
+  testing::BackendStoreHarness h;
+  KitStoreServices services;
+  services.http = h.backend;
+  services.dispatcher = h.dispatcher;
+  services.recordTables = testing::kitRecordTables();
+  services.accountHeader = kAccountHeader;
+  struct Case {
+    std::string recordStore;
+    std::string url;
+  };
+  const std::vector<Case> cases = {
+      {"backend", "https://maps.example.com/prod/records/batch_write"},
+      {"backend:http://127.0.0.1:9000/beta", "http://127.0.0.1:9000/beta/records/batch_write"},
+  };
+  for (const Case& c : cases) {
+    Config config;
+    config.endpoints.mapsProd = "https://maps.example.com";
+    config.recordStore = c.recordStore;
+    config.recordOutbox = h.dir + "/nested/outbox.db";
+    std::string error;
+    auto store = std::dynamic_pointer_cast<BackendRecordStore>(
+        makeRecordStore(config, services, nullptr, &error));
+    ASSERT_TRUE(store) << error;
+    EXPECT_EQ(store->batchWriteUrl(), c.url);
+    EXPECT_TRUE(std::filesystem::exists(config.recordOutbox));
+  }
+  // The server's texts never make the kit's store: it needs the kit's HTTP client.
+  std::string error;
+  EXPECT_EQ(makeRecordStore("backend", AwsSettings{}, nullptr, &error), nullptr);
+  EXPECT_NE(error.find("kit's own"), std::string::npos) << error;
+  // Other texts still give the other stores.
+  Config memory;
+  memory.recordStore = "memory";
+  EXPECT_TRUE(std::dynamic_pointer_cast<MemoryRecordStore>(
+      makeRecordStore(memory, services, nullptr, &error)));
 }
 
 }  // namespace
