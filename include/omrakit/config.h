@@ -32,7 +32,7 @@ struct Config {
   // "sqlite:PATH", "dynamodb:URL" (e.g. dynamodb:http://127.0.0.1:4567) or "memory".
   std::string recordStore = "sqlite:omra-records.db";
   // "file:PATH" (JSON lines), "stdout", "cloudwatch" (optionally "cloudwatch:URL"), or "none".
-  std::string metricsSink = "file:omra-metrics.jsonl";
+  std::string metricsSink = "none";  // nothing is written unless configured
   AwsSettings aws;
   std::string modelPath;  // detector model file (ONNX or TensorFlow .pb); empty: no detector
   std::optional<std::string> bundleIdentifier;

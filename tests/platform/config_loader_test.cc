@@ -32,7 +32,7 @@ TEST(ConfigLoaderTest, DefaultsRunLocally) {
   EXPECT_EQ(error, "");
   EXPECT_EQ(
       std::tie(c->endpoints.mapsBeta, c->recordStore, c->metricsSink),
-      std::tuple("http://127.0.0.1:8080", "sqlite:omra-records.db", "file:omra-metrics.jsonl"));
+      std::tuple("http://127.0.0.1:8080", "sqlite:omra-records.db", "none"));
   EXPECT_FALSE(c->bundleIdentifier.has_value());
   EXPECT_EQ(c->httpIdleTimeoutSeconds, 60);
 }
