@@ -74,6 +74,7 @@ TEST(OmraCommand, RecordReplayReplayBringsAssetsBack) {
   ASSERT_EQ(back.exitCode, 0) << back.output;
   EXPECT_NE(back.output.find("assets after"), std::string::npos) << back.output;
   EXPECT_NE(back.output.find("from where it belongs"), std::string::npos) << back.output;
+  EXPECT_EQ(back.output.find("warning"), std::string::npos) << back.output;
 
   // --place needs a mapping recording with truth.
   CommandRun refused = omra("replay " + localization + " --place --store memory");

@@ -1,3 +1,4 @@
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -7,6 +8,7 @@
 
 #include "server/server.h"
 #include "sim/recording_io.h"
+#include "src/cloud/camera_path_model.h"
 #include "src/cloud/record_tables.h"
 #include "src/platform/store/record_store_factory.h"
 #include "tools/commands.h"
@@ -41,6 +43,14 @@ std::string errorText(const MapAsset& m, const std::vector<MapAsset>& expected) 
     return buffer;
   }
   return {};
+}
+
+// Whether the store holds at least one camera-path record of the session.
+bool framesStoredFor(RecordStore& store, const std::string& session) {
+  std::optional<StoreError> error;
+  QueryPage page = store.query(CameraPathModel::kTableName, AttributeValue::string(session),
+                               std::nullopt, 1, &error);
+  return !error && !page.items.empty();
 }
 
 }  // namespace
@@ -103,6 +113,22 @@ int runReplay(const ReplayOptions& options) {
   if (options.place) drive.placements = placementsOnRoomObjects(*recording);
   DriveResult result = driveSession(services, recording, drive);
   if (server) server->stop();
+  // Localizers that find no frames of a session answer nothing; say why before the wait is blamed.
+  const auto warnWithoutFrames = [&](const std::optional<std::string>& session, const char* what) {
+    if (!session || !framesStoredFor(*store, *session)) {
+      std::fprintf(stderr,
+                   "omra replay: warning: the store %s holds no camera frames of the %s %s; the "
+                   "localizers read nothing of it\n",
+                   storeSpec.c_str(), what, session.value_or("?").c_str());
+    }
+  };
+  // Only the in-process server's store is known to be the one its localizers read.
+  if (result.opened() && inProcess) {
+    services.records->flush(std::chrono::seconds(5));
+    warnWithoutFrames(result.sessionUUID, drive.mode == SessionMode::mapping
+                                              ? "mapping session"
+                                              : "localization session");
+  }
 
   if (!result.status) {
     std::fprintf(stderr,
