@@ -15,7 +15,9 @@
  *
  * Threading. Every entry point may be called from any thread. Session callbacks run on the kit's
  * main queue: a kit-owned thread unless the host installs its own with
- * omra_env_set_main_queue(). A callback must not destroy the session that called it.
+ * omra_env_set_main_queue(). No session callback runs after omra_session_destroy() has returned
+ * (it waits for one running on another thread), so the host may free its user data right after.
+ * A callback must not destroy the session that called it.
  *
  * Errors. Every entry point returns an OmraStatus; 0 is success. No C++ exception crosses this
  * surface. Outputs come last and are named out_*; they are written only on success. After a
