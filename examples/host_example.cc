@@ -4,6 +4,10 @@
 //
 //   omra_example_host --backend http://127.0.0.1:8080 --mode mapping --map living-room
 //   omra_example_host --backend http://127.0.0.1:8080 --mode localization --map living-room
+//   omra_example_host --backend http://127.0.0.1:8080 --recording mapping.jsonl
+//
+// With a recording and no detector model configured (OMRA_MODEL_PATH), the detections stored in
+// the recording stand in for the detector, so that objects and image features are recorded too.
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
@@ -15,12 +19,13 @@
 #include <thread>
 
 #include "omrakit/default_env.h"
+#include "omrakit/load_config.h"
 #include "omrakit/session.h"
-#include "src/platform/config_loader.h"
 
 #ifdef OMRA_EXAMPLE_WITH_RECORDINGS
 #include "sim/recording_io.h"
 #include "sim/recording_player.h"
+#include "sim/sim_detector.h"
 #endif
 
 namespace {
@@ -99,11 +104,31 @@ int main(int argc, char** argv) {
   }
   config->endpoints = {backend, backend, backend, backend, backend, backend};
   if (!config->bundleIdentifier) config->bundleIdentifier = "com.example.omrahost";
+#ifdef OMRA_EXAMPLE_WITH_RECORDINGS
+  // Simulated phones are held in landscape: the kit's box conversions depend on it.
+  if (!recording.empty() && !config->supportedOrientations) {
+    config->supportedOrientations = std::vector<std::string>{
+        "UIInterfaceOrientationLandscapeLeft", "UIInterfaceOrientationLandscapeRight"};
+  }
+#endif
   std::optional<Env> env = makeDefaultEnv(*config, &error);
   if (!env) {
     std::fprintf(stderr, "environment: %s\n", error.c_str());
     return 2;
   }
+#ifdef OMRA_EXAMPLE_WITH_RECORDINGS
+  std::shared_ptr<const sim::Recording> played;
+  if (!recording.empty()) {
+    sim::RecordingReadResult read = sim::readRecordingFile(recording);
+    if (!read.recording) {
+      std::fprintf(stderr, "recording: %s\n", read.error.c_str());
+      return 2;
+    }
+    played = std::make_shared<const sim::Recording>(std::move(*read.recording));
+    // The recorded detections play the detector's part unless a real model is configured.
+    if (!env->detector) env->detector = std::make_shared<sim::SimDetectorModel>(played);
+  }
+#endif
 
   // 2. The session and its callbacks. Status, assets and store results arrive on the kit's main
   //    queue; progress on the thread that made progress.
@@ -146,12 +171,7 @@ int main(int argc, char** argv) {
   };
   if (!recording.empty()) {
 #ifdef OMRA_EXAMPLE_WITH_RECORDINGS
-    sim::RecordingReadResult read = sim::readRecordingFile(recording);
-    if (!read.recording) {
-      std::fprintf(stderr, "recording: %s\n", read.error.c_str());
-      return 2;
-    }
-    auto shared = std::make_shared<const sim::Recording>(std::move(*read.recording));
+    const std::shared_ptr<const sim::Recording>& shared = played;
     sim::RecordingPlayer player(shared);
     for (const sim::RecordingEvent& event : shared->events) {
       if (const auto* frame = std::get_if<sim::RecordedFrame>(&event)) {

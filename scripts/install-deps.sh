@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config git ccache
   libcurl4-openssl-dev libssl-dev zlib1g-dev nlohmann-json3-dev libsqlite3-dev libasio-dev
   libopencv-dev libcpp-httplib-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libdeflate-dev libboost-dev python3 python3-onnx python3-numpy nodejs npm wrk
+  libdeflate-dev libboost-dev libpng-dev python3 python3-onnx python3-numpy nodejs npm wrk
 )
 
 missing=()

@@ -47,8 +47,10 @@ struct ReplayOptions {
   std::string store;
   std::string mode;  // "mapping" or "localization"; empty: the recording's own role
   std::string mapID = "omra-replay-map";
-  double speed = 0;  // 0: as fast as possible
+  double speed = 1;  // real time; 0: as fast as possible (the kit then drops most frames)
   double timeoutSeconds = 10;
+  // Mapping: place three assets on the recording's room objects (needs the recording's truth).
+  bool place = false;
 };
 
 // The kit-driving commands: a mapping and a localization session against an embedded back end,

@@ -10,6 +10,7 @@
 #include "tools/commands.h"
 #ifdef OMRA_HAVE_SERVER
 #include "src/platform/store/record_store_factory.h"
+#include "tools/runner/demo_text.h"
 #include "tools/runner/scenario_run.h"
 #include "tools/runner/svg_report.h"
 #endif
@@ -117,9 +118,11 @@ int runDemo(const DemoOptions& demo) {
                 report.localization.arrivals.size());
   }
   std::printf(
-      "positions are in the localization session's frame; it differs from the mapping "
-      "session's by %s\n",
-      report.scenario.localizationFromMapping().toText().c_str());
+      "positions are in the localization session's frame, which is the mapping session's %s\n",
+      transformInWords(report.scenario.localizationFromMapping()).c_str());
+  std::printf("scan progress %lld (mapping) and %lld (localization): %s\n",
+              static_cast<long long>(report.mapping.scanProgress),
+              static_cast<long long>(report.localization.scanProgress), scanProgressNote().c_str());
 
   if (report.mapping.opened()) {
     std::string svgError = writeSvgReport(report, svgPath);
@@ -130,11 +133,9 @@ int runDemo(const DemoOptions& demo) {
     }
   }
   std::printf("finished in %.1f s\n", report.wallSeconds);
-  if (!report.success) {
-    std::fprintf(stderr, "omra demo: failed: %s\n", report.failure.c_str());
-    return 1;
-  }
-  return 0;
+  const ScenarioRunOptions defaults;
+  std::printf("%s\n", verdictLine(report, defaults.toleranceCm, defaults.toleranceDegrees).c_str());
+  return report.success ? 0 : 1;
 }
 #endif
 

@@ -1,11 +1,33 @@
 // omra: the command-line entry to the simulator, recordings and omra-server.
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <vector>
 
+#include "omrakit/version.h"
 #include "tools/commands.h"
 
 int main(int argc, char** argv) {
+  // Installed as omra-server too: under that name it is `omra server`.
+  std::vector<char*> args(argv, argv + argc);
+  const std::string_view self = argc > 0 ? std::string_view(argv[0]) : std::string_view();
+  const size_t slash = self.rfind('/');
+  char serverWord[] = "server";
+  if (self.substr(slash == std::string_view::npos ? 0 : slash + 1) == "omra-server") {
+    args.insert(args.begin() + 1, serverWord);
+  }
+  argc = static_cast<int>(args.size());
+  argv = args.data();
+
   CLI::App app{"omra: simulated AR sessions, recordings and the omra-server back end"};
-  app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("omra ") + omra::OMRA_POD_VERSION);
+  // Every option's default is shown in --help.
+  app.option_defaults()->always_capture_default();
+  app.footer(
+      "Start with `omra demo`: a mapping and a localization session against an embedded back "
+      "end.\nRun `omra SUBCOMMAND --help` for a subcommand's options.");
 
   omra::tools::RecordOptions record;
   CLI::App* recordCmd =
@@ -77,12 +99,23 @@ int main(int argc, char** argv) {
       ->add_option("--session", replay.mode, "mapping or localization (default: the recording's)")
       ->check(CLI::IsMember({"mapping", "localization"}));
   replayCmd->add_option("--map", replay.mapID, "Map identifier");
-  replayCmd->add_option("--speed", replay.speed, "Pace relative to the recording (0: no waiting)")
+  replayCmd
+      ->add_option("--speed", replay.speed,
+                   "Pace relative to the recording: 1 is real time, 0 no waiting (the kit then "
+                   "drops most frames)")
       ->check(CLI::Range(0.0, 1000.0));
+  replayCmd->add_flag("--place", replay.place,
+                      "Mapping: place three assets on the recording's room objects (simulated "
+                      "recordings), so that a localization replay can bring them back");
   replayCmd->add_option("--timeout", replay.timeoutSeconds, "Seconds to wait for the back end")
       ->check(CLI::Range(0.5, 600.0));
 
   CLI11_PARSE(app, argc, argv);
+  if (app.get_subcommands().empty()) {
+    // A bare `omra` is a question: answer with the help, as a usage error.
+    std::cerr << app.help();
+    return 2;
+  }
   if (*recordCmd) return omra::tools::runRecord(record);
   if (*inspectCmd) return omra::tools::runInspect(inspectPath);
   if (*serverCmd) return omra::tools::runServer(server);

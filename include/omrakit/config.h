@@ -41,7 +41,7 @@ struct Config {
   // How long a session's dispose (and the store's close) waits for records to reach the back end.
   double recordFlushTimeoutSeconds = 2;
   // "file:PATH" (JSON lines), "stdout", "cloudwatch" (optionally "cloudwatch:URL"), or "none".
-  std::string metricsSink = "file:omra-metrics.jsonl";
+  std::string metricsSink = "none";  // nothing is written unless configured
   AwsSettings aws;
   std::string modelPath;  // detector model file (ONNX or TensorFlow .pb); empty: no detector
   std::optional<std::string> bundleIdentifier;

@@ -15,10 +15,20 @@
  *
  * Threading. Every entry point may be called from any thread. Session callbacks run on the kit's
  * main queue: a kit-owned thread unless the host installs its own with
- * omra_env_set_main_queue(). A callback must not destroy the session that called it.
+ * omra_env_set_main_queue(). No session callback runs after omra_session_destroy() has returned
+ * (it waits for one running on another thread), so the host may free its user data right after.
+ * A callback must not destroy the session that called it.
  *
  * Errors. Every entry point returns an OmraStatus; 0 is success. No C++ exception crosses this
- * surface. Outputs come last and are named out_*; they are written only on success.
+ * surface. Outputs come last and are named out_*; they are written only on success. After a
+ * failure, omra_last_error() says what was wrong (on the thread that made the call).
+ *
+ * Logging. The kit never writes to standard output. Its lines go to the callback installed with
+ * omra_set_log_callback(); without one, error lines go to standard error. Files are written only
+ * where the configuration names them.
+ *
+ * Versions. Option structs start with struct_size: set it to sizeof the struct (the _INIT macros
+ * do), so that a host built against an older header keeps working with a newer library.
  */
 #ifndef OMRAKIT_OMRAKIT_C_H_
 #define OMRAKIT_OMRAKIT_C_H_
@@ -35,6 +45,16 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* ---- Versions ----------------------------------------------------------------------------- */
+
+#define OMRA_VERSION_MAJOR 0
+#define OMRA_VERSION_MINOR 3
+#define OMRA_VERSION_PATCH 6
+/* One number that compares: major * 10000 + minor * 100 + patch. */
+#define OMRA_VERSION_NUMBER \
+  (OMRA_VERSION_MAJOR * 10000 + OMRA_VERSION_MINOR * 100 + OMRA_VERSION_PATCH)
+#define OMRA_VERSION_STRING "v0.3.6"
 
 /* ---- Status ------------------------------------------------------------------------------- */
 
@@ -53,6 +73,26 @@ OMRA_C_API const char* omra_status_string(OmraStatus status);
 
 /* The kit's version text ("v0.3.6"); static storage. */
 OMRA_C_API const char* omra_version(void);
+/* The library's OMRA_VERSION_NUMBER, to compare with the header's. */
+OMRA_C_API int32_t omra_version_number(void);
+
+/* What went wrong in the most recent call on this thread that did not succeed, in English, naming
+ * the argument or configuration key at fault; "" when the most recent call succeeded. Never NULL;
+ * valid until the next call on this thread. */
+OMRA_C_API const char* omra_last_error(void);
+
+/* ---- Logging -------------------------------------------------------------------------------- */
+
+typedef int32_t OmraLogLevel;
+enum { OMRA_LOG_DEBUG = 0, OMRA_LOG_INFO = 1, OMRA_LOG_ERROR = 2 };
+
+/* One log line, without its newline. Called on any of the kit's threads, possibly at once from
+ * several; must not call into the kit. */
+typedef void (*OmraLogFn)(void* user, OmraLogLevel level, const char* message);
+
+/* Process-wide: lines at min_level or above go to fn. NULL restores the default (error lines to
+ * standard error). */
+OMRA_C_API OmraStatus omra_set_log_callback(OmraLogFn fn, void* user, OmraLogLevel min_level);
 
 /* ---- Enumerations (raw values are stable) ------------------------------------------------- */
 
@@ -145,7 +185,7 @@ typedef struct OmraPlaneAnchor {
   const char* identifier; /* UUID text */
   float transform[16];    /* world_from_anchor */
   OmraPlaneAlignment alignment;
-  OmraVec3 center, extent;             /* anchor frame */
+  OmraVec3 center, extent;           /* anchor frame */
   const OmraVec3* boundary_vertices; /* anchor frame; NULL when unknown */
   size_t boundary_vertex_count;
 } OmraPlaneAnchor;
@@ -171,12 +211,17 @@ OMRA_C_API OmraStatus omra_env_set_main_queue(OmraEnv* env, OmraPostFn post, voi
 /* ---- Settings (process-wide; any thread) ---------------------------------------------------- */
 
 typedef struct OmraSettings {
+  uint32_t struct_size;             /* sizeof(OmraSettings); omra_settings_get sets it */
   int64_t timeout_threshold;        /* default 60; informational */
   int32_t use_beta_algo;            /* 0 or 1; default 0: production endpoints */
   int64_t retrieve_assets_interval; /* seconds between best-transform polls; default 1 */
   int32_t build_heavy_map;          /* 0 or 1; default 0: no point clouds recorded */
 } OmraSettings;
 
+#define OMRA_SETTINGS_INIT \
+  { .struct_size = sizeof(OmraSettings) }
+
+/* omra_settings_set needs struct_size; omra_settings_get fills it in. */
 OMRA_C_API OmraStatus omra_settings_get(OmraSettings* out_settings);
 OMRA_C_API OmraStatus omra_settings_set(const OmraSettings* settings);
 
@@ -188,12 +233,12 @@ typedef struct OmraSession OmraSession;
 typedef void (*OmraAssetsFoundFn)(void* user, const OmraMapAsset* assets, size_t count);
 typedef void (*OmraProgressFn)(void* user, int64_t progress);
 typedef void (*OmraStatusFn)(void* user, OmraMapStatus status);
-typedef void (*OmraObjectsDetectedFn)(void* user, const OmraDetectedObject* objects,
-                                      size_t count);
+typedef void (*OmraObjectsDetectedFn)(void* user, const OmraDetectedObject* objects, size_t count);
 typedef void (*OmraStoreResultFn)(void* user, int32_t stored);
 typedef void (*OmraMapsFoundFn)(void* user, const OmraMap* maps, size_t count);
 
 typedef struct OmraSessionOptions {
+  uint32_t struct_size; /* sizeof(OmraSessionOptions) */
   OmraSessionMode mode;
   const char* user_id;
   const char* map_id;
@@ -206,6 +251,10 @@ typedef struct OmraSessionOptions {
   void* user; /* handed to every callback above */
 } OmraSessionOptions;
 
+/* OmraSessionOptions o = OMRA_SESSION_OPTIONS_INIT; (everything else zero) */
+#define OMRA_SESSION_OPTIONS_INIT \
+  { .struct_size = sizeof(OmraSessionOptions) }
+
 /* Starts a session: opens a map (mapping) or a localization session against map_id on the back
  * end; the status callback reports the outcome. */
 OMRA_C_API OmraStatus omra_session_create(OmraEnv* env, const OmraSessionOptions* options,
@@ -216,8 +265,7 @@ OMRA_C_API void omra_session_destroy(OmraSession* session);
 /* Hands one camera frame to the session; never waits for network or storage. */
 OMRA_C_API OmraStatus omra_session_update(OmraSession* session, const OmraFrame* frame);
 
-OMRA_C_API OmraStatus omra_session_plane_added(OmraSession* session,
-                                               const OmraPlaneAnchor* anchor);
+OMRA_C_API OmraStatus omra_session_plane_added(OmraSession* session, const OmraPlaneAnchor* anchor);
 OMRA_C_API OmraStatus omra_session_plane_updated(OmraSession* session,
                                                  const OmraPlaneAnchor* anchor);
 OMRA_C_API OmraStatus omra_session_plane_removed(OmraSession* session,
@@ -225,10 +273,9 @@ OMRA_C_API OmraStatus omra_session_plane_removed(OmraSession* session,
 
 /* Stores the placements of count assets against the map. *out_sent tells whether the request was
  * sent; callback (may be NULL) later tells whether the back end stored them. */
-OMRA_C_API OmraStatus omra_session_store_placement(OmraSession* session,
-                                                   const OmraMapAsset* assets, size_t count,
-                                                   OmraStoreResultFn callback, void* user,
-                                                   int32_t* out_sent);
+OMRA_C_API OmraStatus omra_session_store_placement(OmraSession* session, const OmraMapAsset* assets,
+                                                   size_t count, OmraStoreResultFn callback,
+                                                   void* user, int32_t* out_sent);
 
 /* Lists maps near a position; user_id may be NULL. OMRA_STATUS_NOT_INITIALIZED before the
  * session is initialized. */
@@ -263,7 +310,7 @@ OMRA_C_API OmraStatus omra_unity_multiplayer_sync(OmraVec3 local_a, OmraVec3 loc
                                                   OmraUnityMultiplayerTransform* out_transform);
 
 #ifdef __cplusplus
-}  /* extern "C" */
+} /* extern "C" */
 #endif
 
 #endif /* OMRAKIT_OMRAKIT_C_H_ */

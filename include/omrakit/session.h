@@ -20,7 +20,10 @@
 //                            host's thread for plane events, the kit's detection thread for
 //                            objects.
 //   - objectDetectedCallback: on the kit's detection thread.
-// A callback must not destroy the session that called it.
+// SessionOptions::callbacksOnMainQueue moves the last two onto the main queue as well.
+// No callback runs once the destructor has returned, even for replies still in flight; the
+// destructor waits for a callback running on another thread. A callback must not destroy the
+// session that called it.
 #pragma once
 
 #include <atomic>
@@ -50,6 +53,9 @@ struct SessionOptions {
   ArPlatformVersion platformVersion;
   // The back end's hosts; none: the process-wide endpoints (Urls::configure / configuration).
   std::optional<EndpointHosts> endpoints;
+  // Deliver progress and detected objects on the main queue too (the C API's promise), instead of
+  // on the thread of the event that produced them.
+  bool callbacksOnMainQueue = false;
 };
 
 class OmraSession {
@@ -82,7 +88,7 @@ class OmraSession {
   OmraSession() = delete;
   OmraSession(const OmraSession&) = delete;
   OmraSession& operator=(const OmraSession&) = delete;
-  // Disposes the session (if the host has not) and lets go of it.
+  // Disposes the session (if the host has not), stops every host callback and lets go of it.
   ~OmraSession();
 
   // One camera frame. Never waits on network or storage. Thread-safe.

@@ -11,17 +11,17 @@ std::shared_ptr<LocationManager> LocationManager::create(std::shared_ptr<Locatio
 }
 
 LocationManager::LocationManager(std::shared_ptr<LocationSource> source)
-    : source_(std::move(source)) {}
+    : feed_(LocationFeed::forSource(source)) {}
 
 LocationManager::~LocationManager() {
-  if (source_) source_->stop();
+  if (feed_) feed_->unsubscribe(token_);
 }
 
 void LocationManager::start() {
-  if (!source_) return;
+  if (!feed_) return;
   // Updates are started before permission matters: a source delivers once the user allows.
   std::weak_ptr<LocationManager> weak = weak_from_this();
-  source_->start(
+  token_ = feed_->subscribe(
       [weak](const Location& location) {
         if (auto self = weak.lock()) self->didUpdateLocations({location});
       },
@@ -39,8 +39,11 @@ void LocationManager::setDelegate(std::weak_ptr<LocationManagerDelegate> delegat
 }
 
 std::optional<Location> LocationManager::currentLocation() const {
-  std::lock_guard lock(mutex_);
-  return currentLocation_;
+  {
+    std::lock_guard lock(mutex_);
+    if (currentLocation_) return currentLocation_;
+  }
+  return feed_ ? feed_->latestLocation() : std::nullopt;
 }
 
 std::optional<double> LocationManager::currentHeading() const {
@@ -54,16 +57,17 @@ std::optional<double> LocationManager::currentHeadingAccuracy() const {
 }
 
 LocationInfo LocationManager::locationInfo(uint32_t cameraFrameId) const {
-  std::lock_guard lock(mutex_);
+  const std::optional<Location> location = currentLocation();
   LocationInfo info;
   info.cameraFrameId = cameraFrameId;
-  if (currentLocation_) {
-    info.longitude = currentLocation_->longitude;
-    info.latitude = currentLocation_->latitude;
-    info.altitude = currentLocation_->altitude;
-    info.horizontalAccuracy = currentLocation_->horizontalAccuracy;
-    info.verticalAccuracy = currentLocation_->verticalAccuracy;
+  if (location) {
+    info.longitude = location->longitude;
+    info.latitude = location->latitude;
+    info.altitude = location->altitude;
+    info.horizontalAccuracy = location->horizontalAccuracy;
+    info.verticalAccuracy = location->verticalAccuracy;
   }
+  std::lock_guard lock(mutex_);
   info.heading = currentHeading_;
   info.headingAccuracy = currentHeadingAccuracy_;
   return info;

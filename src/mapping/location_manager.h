@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "omrakit/platform/location_source.h"
+#include "src/mapping/location_feed.h"
 
 namespace omra {
 
@@ -48,7 +49,8 @@ struct LocationInfo {
 // own thread while the data manager reads from the reply queue.
 class LocationManager : public std::enable_shared_from_this<LocationManager> {
  public:
-  // Starts updates from source at once; a null source means the device has no location.
+  // Subscribes to source's feed at once (shared with other managers of the same source); a null
+  // source means the device has no location.
   static std::shared_ptr<LocationManager> create(std::shared_ptr<LocationSource> source);
   ~LocationManager();
   LocationManager(const LocationManager&) = delete;
@@ -57,7 +59,8 @@ class LocationManager : public std::enable_shared_from_this<LocationManager> {
   // The delegate is held weakly, as the platform holds its delegates. Thread-safe.
   void setDelegate(std::weak_ptr<LocationManagerDelegate> delegate);
 
-  // Thread-safe.
+  // The newest fix this manager received, else the feed's latest (another session's, or the
+  // source's last known one). Thread-safe.
   std::optional<Location> currentLocation() const;
   std::optional<double> currentHeading() const;
   std::optional<double> currentHeadingAccuracy() const;
@@ -77,7 +80,8 @@ class LocationManager : public std::enable_shared_from_this<LocationManager> {
   explicit LocationManager(std::shared_ptr<LocationSource> source);
   void start();
 
-  std::shared_ptr<LocationSource> source_;
+  std::shared_ptr<LocationFeed> feed_;
+  uint64_t token_ = 0;  // written once by start(), before any other thread sees the manager
   mutable std::mutex mutex_;
   std::weak_ptr<LocationManagerDelegate> delegate_;
   std::optional<Location> currentLocation_;

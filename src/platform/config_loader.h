@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "omrakit/config.h"
+#include "omrakit/load_config.h"
 
 namespace omra {
 
@@ -17,10 +18,8 @@ using EnvLookup = std::function<std::optional<std::string>(const std::string& na
 // The process environment.
 EnvLookup processEnv();
 
-// Reads the file named by OMRA_CONFIG (an error when it is missing), else ./omra.json when it
-// exists, then applies the environment. On a bad value: none, and *error names the key and why.
-// Never throws. Thread-safe as long as nobody changes the environment meanwhile.
-std::optional<Config> loadConfig(std::string* error = nullptr);
+// loadConfig(std::string*), the hosts' entry, is in omrakit/load_config.h; this one reads the
+// environment through env and falls back to defaultFile.
 std::optional<Config> loadConfig(const EnvLookup& env, std::string* error,
                                  const std::string& defaultFile = "omra.json");
 

@@ -2,7 +2,6 @@
 
 #include <syslog.h>
 
-#include <cstdio>
 #include <string>
 
 namespace omra {
@@ -12,12 +11,7 @@ ConsoleLogger::ConsoleLogger() {
   std::call_once(once, [] { openlog("omrakit", LOG_PID, LOG_USER); });
 }
 
-void ConsoleLogger::print(std::string_view message) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  std::fwrite(message.data(), 1, message.size(), stdout);
-  std::fputc('\n', stdout);
-  std::fflush(stdout);
-}
+void ConsoleLogger::print(std::string_view message) { logLine(LogLevel::kInfo, message); }
 
 void ConsoleLogger::systemLog(LogLevel level, std::string_view message) {
   int priority = LOG_INFO;
@@ -32,6 +26,7 @@ void ConsoleLogger::systemLog(LogLevel level, std::string_view message) {
       priority = LOG_ERR;
       break;
   }
+  logLine(level, message);
   // Through "%s" so that a '%' in the message is never read as a directive.
   syslog(priority, "%s", std::string(message).c_str());
 }

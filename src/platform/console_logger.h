@@ -1,4 +1,5 @@
-// The default Logger on Linux: console prints go to stdout, the system log to syslog(3).
+// The default Logger on Linux: every line goes to the process's log handler (setLogHandler; by
+// default errors to standard error), the system log also to syslog(3).
 #pragma once
 
 #include <mutex>
@@ -7,15 +8,13 @@
 
 namespace omra {
 
-// Shared by all threads; both methods are thread-safe (one whole line per call).
+// Shared by all threads; both methods are thread-safe (one whole line per call). Prints are at the
+// info level.
 class ConsoleLogger : public Logger {
  public:
   ConsoleLogger();
   void print(std::string_view message) override;
   void systemLog(LogLevel level, std::string_view message) override;
-
- private:
-  std::mutex mutex_;
 };
 
 }  // namespace omra

@@ -77,13 +77,22 @@ struct CurlHttpClient::Worker {
   }
 
   ~Worker() {
+    stop();
+    curl_multi_cleanup(multi);
+  }
+
+  // Completes what is in flight with "cancelled" and joins the thread; later requests are
+  // dropped without touching the dispatcher. Idempotent; not from the worker thread.
+  void stop() {
     {
       std::lock_guard<std::mutex> lock(mutex);
       stopping = true;
     }
+    std::lock_guard<std::mutex> lock(joinMutex);
+    if (!thread.joinable()) return;
     curl_multi_wakeup(multi);
     thread.join();
-    curl_multi_cleanup(multi);
+    stopped.store(true, std::memory_order_release);
   }
 
   void enqueue(std::unique_ptr<Transfer> t) {
@@ -94,10 +103,7 @@ struct CurlHttpClient::Worker {
         t = nullptr;
       }
     }
-    if (t) {
-      complete(std::move(t), failure("cancelled"));
-      return;
-    }
+    if (t) return;  // stopping: the dispatcher may be going, so nothing is posted
     curl_multi_wakeup(multi);
   }
 
@@ -110,7 +116,8 @@ struct CurlHttpClient::Worker {
   void complete(std::unique_ptr<Transfer> t, HttpResponse response) {
     auto completion = std::move(t->completion);
     t.reset();  // frees the curl handle here, on the worker (or the caller when never started)
-    if (!completion) return;
+    // Once stopped the dispatcher may be gone: the completion is dropped unanswered.
+    if (!completion || stopped.load(std::memory_order_acquire)) return;
     dispatcher.mainQueue().post(
         [completion = std::move(completion), response = std::move(response)]() mutable {
           completion(std::move(response));
@@ -240,6 +247,8 @@ struct CurlHttpClient::Worker {
   std::mutex mutex;  // guards incoming and stopping
   std::deque<std::unique_ptr<Transfer>> incoming;
   bool stopping = false;
+  std::mutex joinMutex;                  // serialises stop()
+  std::atomic<bool> stopped{false};      // the thread has been joined
   std::unordered_set<Transfer*> active;  // worker thread only
 };
 
@@ -247,6 +256,8 @@ CurlHttpClient::CurlHttpClient(Dispatcher& dispatcher, CurlHttpOptions options)
     : worker_(std::make_unique<Worker>(dispatcher, options)) {}
 
 CurlHttpClient::~CurlHttpClient() = default;
+
+void CurlHttpClient::shutdown() { worker_->stop(); }
 
 void CurlHttpClient::send(HttpRequest request, Completion completion) {
   sendWithExtras(std::move(request), {}, std::move(completion));

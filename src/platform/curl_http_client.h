@@ -36,6 +36,11 @@ class CurlHttpClient : public HttpClient {
   void send(HttpRequest request, Completion completion) override;
   void sendWithExtras(HttpRequest request, CurlRequestExtras extras, Completion completion);
 
+  // Completes requests in flight with "cancelled" (posted to the main queue) and stops the worker;
+  // requests sent later are dropped unanswered. Call it before the dispatcher goes when work on
+  // the dispatcher's queues may still hold the client. Idempotent.
+  void shutdown();
+
   struct Worker;
 
  private:

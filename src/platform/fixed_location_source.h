@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "omrakit/config.h"
 #include "omrakit/platform/location_source.h"
@@ -20,6 +21,7 @@ class FixedLocationSource : public LocationSource {
   // there is no compass.
   void start(Listener onLocation, HeadingListener onHeading) override;
   void stop() override;
+  std::optional<Location> lastLocation() const override { return location_; }
   bool authorized() const override { return true; }
   const Location& location() const { return location_; }
 

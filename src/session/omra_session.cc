@@ -12,6 +12,7 @@
 #include "src/platform/md5.h"
 #include "src/platform/paced_serial_queue.h"
 #include "src/scene/scene_understanding.h"
+#include "src/session/callback_gate.h"
 #include "src/session/session_state.h"
 
 namespace omra {
@@ -64,6 +65,8 @@ class OmraSession::Impl {
   std::shared_ptr<SerialQueue> updateQueue;
   std::shared_ptr<FrameCounters> counters = std::make_shared<FrameCounters>();
   std::atomic<bool> disposed{false};
+  // Every host callback runs through it; closed when the session object goes away.
+  std::shared_ptr<CallbackGate> gate = std::make_shared<CallbackGate>();
   const bool arSessionConfigChecked = false;  // reserved; nothing sets it
 
   // The loop holds the state weakly, so that a dropped session is not kept alive by its meter.
@@ -124,12 +127,30 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
 
   // Not owned: closures that outlive the session must not keep the dispatcher (see Env).
   Dispatcher* dispatcher = s.env.dispatcher.get();
-  StatusCallback mapStatusCallback = [dispatcher,
-                                      host = std::move(statusCallback)](MapStatus status) {
-    dispatcher->mainQueue().post([host, status] {
-      if (host) host(status);
-    });
-  };
+  const std::shared_ptr<CallbackGate>& gate = s.gate;
+  StatusCallback mapStatusCallback =
+      [dispatcher, host = CallbackGate::wrap(gate, std::move(statusCallback))](MapStatus status) {
+        dispatcher->mainQueue().post([host, status] {
+          if (host) host(status);
+        });
+      };
+  assetsFoundCallback = CallbackGate::wrap(gate, std::move(assetsFoundCallback));
+  progressCallback = CallbackGate::wrap(gate, std::move(progressCallback));
+  objectDetectedCallback = CallbackGate::wrap(gate, std::move(objectDetectedCallback));
+  if (s.options.callbacksOnMainQueue) {
+    if (progressCallback) {
+      progressCallback = [dispatcher, host = std::move(progressCallback)](int64_t count) {
+        dispatcher->mainQueue().post([host, count] { host(count); });
+      };
+    }
+    if (objectDetectedCallback) {
+      objectDetectedCallback = [dispatcher, host = std::move(objectDetectedCallback)](
+                                   std::vector<DetectedObject> objects) {
+        dispatcher->mainQueue().post(
+            [host, objects = std::move(objects)]() mutable { host(std::move(objects)); });
+      };
+    }
+  }
 
   s.developerKeyHash = md5Hex(developerKey);
   // Records go out under this session's account (CloudAPI does the same for requests).
@@ -193,7 +214,11 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
   s.sessionState->setReadyTime(std::chrono::system_clock::now());
 }
 
-OmraSession::~OmraSession() { dispose(); }
+OmraSession::~OmraSession() {
+  dispose();
+  // Replies and records still in flight finish on the kit's queues without reaching the host.
+  impl_->gate->close();
+}
 
 void OmraSession::update(const ArFrame& frame) {
   Impl& s = *impl_;
@@ -276,7 +301,8 @@ void OmraSession::sessionDidRemove(const std::vector<AnyArAnchor>& anchors) {
 }
 
 bool OmraSession::storePlacement(const std::vector<MapAsset>& assets, StoreCallback callback) {
-  return impl_->persistenceManager->storePlacement(assets, std::move(callback));
+  return impl_->persistenceManager->storePlacement(
+      assets, CallbackGate::wrap(impl_->gate, std::move(callback)));
 }
 
 bool OmraSession::listNearbyMaps(const std::optional<std::string>& userID, double longitude,
@@ -294,7 +320,8 @@ bool OmraSession::listNearbyMaps(const std::optional<std::string>& userID, doubl
     return false;
   }
   manager->cloudAPI()->listNearby(s.appID, userID, s.developerKeyHash, longitude, latitude,
-                                  longitudeDelta, latitudeDelta, std::move(mapsFoundCallback));
+                                  longitudeDelta, latitudeDelta,
+                                  CallbackGate::wrap(s.gate, std::move(mapsFoundCallback)));
   return true;
 }
 

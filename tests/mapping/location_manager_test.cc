@@ -4,6 +4,8 @@
 
 #include <vector>
 
+#include "src/platform/fixed_location_source.h"
+
 namespace omra {
 namespace {
 
@@ -20,18 +22,28 @@ class RecordingDelegate : public LocationManagerDelegate {
   std::vector<std::pair<double, double>> headings;
 };
 
-// A source that delivers what the test tells it to, and remembers whether it was stopped.
+// A source that delivers what the test tells it to (later, as a platform does), and counts its
+// starts and stops.
 class ScriptedSource : public LocationSource {
  public:
   void start(Listener onLocation, HeadingListener onHeading) override {
+    ++starts;
+    *stopped = false;
     location = std::move(onLocation);
     heading = std::move(onHeading);
   }
-  void stop() override { *stopped = true; }
+  void stop() override {
+    ++stops;
+    *stopped = true;
+  }
+  std::optional<Location> lastLocation() const override { return last; }
   bool authorized() const override { return true; }
   Listener location;
   HeadingListener heading;
   std::shared_ptr<bool> stopped = std::make_shared<bool>(false);
+  int starts = 0;
+  int stops = 0;
+  std::optional<Location> last;
 };
 
 Location at(double lon, double lat) { return Location{lon, lat, 12, 5, 3}; }
@@ -98,6 +110,70 @@ TEST(LocationManager, SourceUpdatesFlowInAndSourceStopsWithTheManager) {
   manager.reset();
   EXPECT_TRUE(*stopped);
   late(at(0, 0));  // a late delivery after the manager is gone is harmless
+}
+
+TEST(LocationManager, SharedSourceStartsOnceAndStopsWithItsLastUser) {
+  auto source = std::make_shared<ScriptedSource>();
+  auto first = LocationManager::create(source);
+  auto second = LocationManager::create(source);
+  EXPECT_EQ(source->starts, 1);
+  source->location(at(1, 2));
+  EXPECT_EQ(first->currentLocation().value().longitude, 1);
+  EXPECT_EQ(second->currentLocation().value().longitude, 1);
+
+  first.reset();  // one session ends; the other still listens
+  EXPECT_EQ(source->stops, 0);
+  source->location(at(3, 4));
+  EXPECT_EQ(second->currentLocation().value().longitude, 3);
+  second.reset();
+  EXPECT_EQ(source->stops, 1);
+
+  // Used again after that: started again.
+  auto third = LocationManager::create(source);
+  EXPECT_EQ(source->starts, 2);
+  third.reset();
+  EXPECT_EQ(source->stops, 2);
+}
+
+// A session opens before an asynchronous source has delivered: it reads the best fix known.
+TEST(LocationManager, OpeningReadsTheLatestKnownFix) {
+  struct Case {
+    const char* name;
+    std::optional<Location> lastKnown;   // the source's own last-known fix
+    std::optional<Location> earlierFix;  // delivered to an earlier session still running
+    std::optional<double> expectedLongitude;
+  };
+  const Case cases[] = {
+      {"nothing known", std::nullopt, std::nullopt, std::nullopt},
+      {"source's last known fix", at(5, 6), std::nullopt, 5},
+      {"another session's newer fix wins", at(5, 6), at(7, 8), 7},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto source = std::make_shared<ScriptedSource>();
+    source->last = c.lastKnown;
+    auto earlier = LocationManager::create(source);
+    if (c.earlierFix) source->location(*c.earlierFix);
+    auto opening = LocationManager::create(source);
+    std::optional<Location> now = opening->currentLocation();
+    ASSERT_EQ(now.has_value(), c.expectedLongitude.has_value());
+    if (now) {
+      EXPECT_EQ(now->longitude, *c.expectedLongitude);
+    }
+    EXPECT_EQ(opening->locationInfo(1).longitude, c.expectedLongitude);
+    // Its own delivery, once it comes, wins.
+    source->location(at(9, 10));
+    EXPECT_EQ(opening->currentLocation().value().longitude, 9);
+  }
+}
+
+// A source that delivers from inside start() (the fixed one) reaches every user of it.
+TEST(LocationManager, SynchronousSourceReachesEveryUser) {
+  auto source = std::make_shared<FixedLocationSource>(at(11, 12));
+  auto first = LocationManager::create(source);
+  auto second = LocationManager::create(source);
+  EXPECT_EQ(first->currentLocation().value().latitude, 12);
+  EXPECT_EQ(second->currentLocation().value().latitude, 12);
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ TEST(ConfigLoaderTest, DefaultsRunLocally) {
   ASSERT_TRUE(c.has_value());
   EXPECT_EQ(error, "");
   EXPECT_EQ(std::tie(c->endpoints.mapsBeta, c->recordStore, c->metricsSink),
-            std::tuple("http://127.0.0.1:8080", "backend", "file:omra-metrics.jsonl"));
+            std::tuple("http://127.0.0.1:8080", "backend", "none"));
   EXPECT_FALSE(c->bundleIdentifier.has_value());
   EXPECT_EQ(c->httpIdleTimeoutSeconds, 60);
   EXPECT_EQ(std::tie(c->recordOutbox, c->recordOutboxMaxMegabytes, c->recordFlushTimeoutSeconds),

@@ -1,14 +1,59 @@
+#include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <memory>
+#include <numbers>
+#include <string>
+#include <vector>
 
 #include "server/server.h"
 #include "sim/recording_io.h"
+#include "src/cloud/camera_path_model.h"
 #include "src/cloud/record_tables.h"
 #include "src/platform/store/record_store_factory.h"
 #include "tools/commands.h"
+#include "tools/runner/demo_text.h"
+#include "tools/runner/room_placements.h"
+#include "tools/runner/scenario_run.h"
 #include "tools/runner/session_driver.h"
 
 namespace omra::tools {
+namespace {
+
+constexpr double kDegreesPerRadian = 180.0 / std::numbers::pi;
+
+std::string assetText(const MapAsset& m) {
+  char buffer[160];
+  std::snprintf(buffer, sizeof buffer, "%s at (%.2f, %.2f, %.2f) m, heading %.1f degrees",
+                m.assetID.c_str(), m.position.x, m.position.y, m.position.z,
+                m.orientation * kDegreesPerRadian);
+  return buffer;
+}
+
+// ", 3.2 cm and 0.4 degrees from where it belongs" when the asset is among expected.
+std::string errorText(const MapAsset& m, const std::vector<MapAsset>& expected) {
+  for (const MapAsset& e : expected) {
+    if (e.assetID != m.assetID) continue;
+    const double dx = m.position.x - e.position.x, dy = m.position.y - e.position.y,
+                 dz = m.position.z - e.position.z;
+    char buffer[96];
+    std::snprintf(buffer, sizeof buffer, ", %.1f cm and %.1f degrees from where it belongs",
+                  100 * std::sqrt(dx * dx + dy * dy + dz * dz),
+                  std::abs(headingErrorDegrees(m.orientation, e.orientation)));
+    return buffer;
+  }
+  return {};
+}
+
+// Whether the store holds at least one camera-path record of the session.
+bool framesStoredFor(RecordStore& store, const std::string& session) {
+  std::optional<StoreError> error;
+  QueryPage page = store.query(CameraPathModel::kTableName, AttributeValue::string(session),
+                               std::nullopt, 1, &error);
+  return !error && !page.items.empty();
+}
+
+}  // namespace
 
 int runReplay(const ReplayOptions& options) {
   // The whole file is checked before anything is sent: a damaged recording never half-replays.
@@ -21,6 +66,12 @@ int runReplay(const ReplayOptions& options) {
   std::string mode = options.mode;
   if (mode.empty()) mode = recording->header.role == "localization" ? "localization" : "mapping";
 
+  const bool mapping = mode == "mapping";
+  if (options.place && (!mapping || !recording->truth)) {
+    std::fprintf(stderr, "omra replay: --place needs a mapping recording with its truth (%s)\n",
+                 mapping ? "this one has none" : "this is a localization session");
+    return 1;
+  }
   const bool inProcess = options.server.empty();
   std::string storeSpec = options.store;
   if (storeSpec.empty()) storeSpec = inProcess ? "memory" : "sqlite:omra-server.db";
@@ -59,8 +110,25 @@ int runReplay(const ReplayOptions& options) {
   drive.speed = options.speed;
   drive.openTimeoutSeconds = options.timeoutSeconds;
   drive.waitAfterFeedSeconds = drive.mode == SessionMode::localization ? options.timeoutSeconds : 0;
+  if (options.place) drive.placements = placementsOnRoomObjects(*recording);
   DriveResult result = driveSession(services, recording, drive);
   if (server) server->stop();
+  // Localizers that find no frames of a session answer nothing; say why before the wait is blamed.
+  const auto warnWithoutFrames = [&](const std::optional<std::string>& session, const char* what) {
+    if (!session || !framesStoredFor(*store, *session)) {
+      std::fprintf(stderr,
+                   "omra replay: warning: the store %s holds no camera frames of the %s %s; the "
+                   "localizers read nothing of it\n",
+                   storeSpec.c_str(), what, session.value_or("?").c_str());
+    }
+  };
+  // Only the in-process server's store is known to be the one its localizers read.
+  if (result.opened() && inProcess) {
+    services.records->flush(std::chrono::seconds(5));
+    warnWithoutFrames(result.sessionUUID, drive.mode == SessionMode::mapping
+                                              ? "mapping session"
+                                              : "localization session");
+  }
 
   if (!result.status) {
     std::fprintf(stderr,
@@ -80,17 +148,27 @@ int runReplay(const ReplayOptions& options) {
               mode.c_str(), result.sessionUUID.value_or("?").c_str(),
               result.mapUUID.value_or("?").c_str(), result.framesFed, result.scanSeconds,
               static_cast<long long>(result.scanProgress));
+  std::printf("%s\n", scanProgressNote().c_str());
+  if (options.place) {
+    std::printf("placements %s:\n", result.placementsStored.value_or(false)
+                                        ? "stored"
+                                        : "NOT stored (the back end refused them)");
+    for (const MapAsset& m : drive.placements) std::printf("  %s\n", assetText(m).c_str());
+  }
+  // With the truth, each asset that comes back is compared with where it belongs.
+  const std::vector<MapAsset> expected =
+      recording->truth ? placementsOnRoomObjects(*recording) : std::vector<MapAsset>{};
   for (const AssetsArrival& a : result.arrivals) {
     std::printf("assets after %.1f s of scanning (%s):\n", a.scanSeconds,
                 a.localizer.empty() ? "unknown localizer" : a.localizer.c_str());
     for (const MapAsset& m : a.assets) {
-      std::printf("  %s at (%.3f, %.3f, %.3f), heading %.2f rad\n", m.assetID.c_str(), m.position.x,
-                  m.position.y, m.position.z, m.orientation);
+      std::printf("  %s%s\n", assetText(m).c_str(), errorText(m, expected).c_str());
     }
   }
   if (drive.mode == SessionMode::localization && result.arrivals.empty()) {
     std::printf("no assets came back\n");
   }
+  if (options.place && !result.placementsStored.value_or(false)) return 1;
   return 0;
 }
 

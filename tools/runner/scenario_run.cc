@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <numbers>
 
 #include "server/server.h"
@@ -186,7 +187,11 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
       break;
     }
     if (a.errorCm > options.toleranceCm || a.errorDegrees > options.toleranceDegrees) {
-      failure = a.id + " came back off by more than the tolerance";
+      char text[160];
+      std::snprintf(text, sizeof text,
+                    " came back %.1f cm and %.1f degrees off (tolerance %g cm, %g degrees)",
+                    a.errorCm, a.errorDegrees, options.toleranceCm, options.toleranceDegrees);
+      failure = a.id + text;
       break;
     }
   }

@@ -57,10 +57,14 @@ KitServices makeKitServices(std::shared_ptr<RecordStore> records, std::string ba
   auto dispatcher = std::make_shared<AsioDispatcher>();
   CurlHttpOptions http;
   http.idleTimeoutSeconds = httpIdleSeconds;
-  // The client refers to the dispatcher; holding it in its deleter keeps the order of teardown.
-  auto client = new CurlHttpClient(*dispatcher, http);
-  s.http = std::shared_ptr<HttpClient>(client, [dispatcher](HttpClient* c) { delete c; });
+  // The client only refers to the dispatcher: holding the dispatcher from the client (as its
+  // deleter once did) let queued work release the dispatcher from one of its own threads.
   s.dispatcher = dispatcher;
+  auto client = std::make_shared<CurlHttpClient>(*dispatcher, http);
+  s.http = client;
+  // Work still queued may hold the client past the dispatcher; stopped first, it no longer posts.
+  s.stopHttpFirst =
+      std::shared_ptr<void>(nullptr, [raw = client.get()](void*) { raw->shutdown(); });
   s.records = std::move(records);
   s.backendUrl = std::move(backendUrl);
   return s;

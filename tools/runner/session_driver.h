@@ -22,12 +22,15 @@
 namespace omra::tools {
 
 // The platform services every session of a run shares: one dispatcher and HTTP client, and the
-// record store the back end reads. Destroy only after the sessions made with it.
+// record store the back end reads. Destroy only after the sessions made with it. Members go in
+// reverse order: the HTTP client before the dispatcher it posts to.
 struct KitServices {
   std::shared_ptr<Dispatcher> dispatcher;
   std::shared_ptr<HttpClient> http;
   std::shared_ptr<RecordStore> records;
   std::string backendUrl;  // "http://HOST:PORT"
+  // Destroyed first, with the last copy: stops the HTTP client while the dispatcher still runs.
+  std::shared_ptr<void> stopHttpFirst;
 };
 
 // httpIdleSeconds bounds a request that gets no answer (an unreachable back end).

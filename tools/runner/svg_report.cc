@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <variant>
+#include <vector>
 
 namespace omra::tools {
 namespace {
@@ -40,15 +41,75 @@ std::string escape(const std::string& text) {
   return out;
 }
 
-// The camera path of a recording, carried into the room frame.
-std::string cameraPath(const Canvas& canvas, const sim::Recording& recording, const char* colour) {
+// Places text labels so that none overlaps another: each label tries a few spots around its
+// anchor and takes the first free one (the last one tried when none is).
+class LabelPlacer {
+ public:
+  struct Box {
+    double x0, y0, x1, y1;
+    bool overlaps(const Box& o) const { return x0 < o.x1 && o.x0 < x1 && y0 < o.y1 && o.y0 < y1; }
+  };
+
+  // Reserves an area that labels must avoid (a marker).
+  void block(Box box) { taken_.push_back(box); }
+
+  // Text of fontSize px centred vertically at the chosen spot; returns the <text> element.
+  std::string place(double anchorX, double anchorY, const std::string& text, double fontSize,
+                    const std::string& colour) {
+    const double width = 0.6 * fontSize * static_cast<double>(text.size());
+    const double height = fontSize + 2;
+    // Right, left, above, below, then further out diagonally.
+    const double gap = 10;
+    const double spots[][2] = {{gap, 0},
+                               {-gap - width, 0},
+                               {-width / 2, -gap - height / 2},
+                               {-width / 2, gap + height / 2},
+                               {gap, -height},
+                               {gap, height},
+                               {-gap - width, -height},
+                               {-gap - width, height},
+                               {-width / 2, -gap - 1.5 * height},
+                               {-width / 2, gap + 1.5 * height}};
+    Box chosen{};
+    for (const auto& spot : spots) {
+      const double x = anchorX + spot[0], y = anchorY + spot[1];
+      chosen = Box{x, y - height / 2, x + width, y + height / 2};
+      bool free = true;
+      for (const Box& b : taken_) free = free && !b.overlaps(chosen);
+      if (free) break;
+    }
+    taken_.push_back(chosen);
+    return "<text class=\"label\" x=\"" + num(chosen.x0) + "\" y=\"" + num(chosen.y1 - 3) +
+           "\" font-size=\"" + num(fontSize) + "\" fill=\"" + colour + "\" data-box=\"" +
+           num(chosen.x0) + "," + num(chosen.y0) + "," + num(chosen.x1) + "," + num(chosen.y1) +
+           "\">" + escape(text) + "</text>\n";
+  }
+
+ private:
+  std::vector<Box> taken_;
+};
+
+std::string assetLabel(const AssetOutcome& a) {
+  if (!a.placed) return a.id + ": not returned";
+  char buffer[96];
+  std::snprintf(buffer, sizeof buffer, ": %.1f cm, %.1f deg", a.errorCm, a.errorDegrees);
+  return a.id + buffer;
+}
+
+// The camera path of a recording, carried into the room frame: its first `fed` frames, those the
+// kit was given.
+std::string cameraPath(const Canvas& canvas, const sim::Recording& recording, size_t fed,
+                       const char* colour) {
   if (!recording.truth) return "";
   const sim::YawTransform roomFromSession = recording.truth->sessionFromRoom.inverse();
   std::ostringstream points;
   size_t n = 0;
+  size_t frames = 0;
   for (const sim::RecordingEvent& e : recording.events) {
     const auto* f = std::get_if<sim::RecordedFrame>(&e);
-    if (!f || f->index % 6 != 0) continue;  // ten points a second are plenty
+    if (!f) continue;
+    if (frames++ >= fed) break;
+    if (f->index % 6 != 0) continue;  // ten points a second are plenty
     const Float4& c = f->worldFromCamera.columns[3];
     sim::Vec3 p = roomFromSession.apply(sim::Vec3{c.x, c.y, c.z});
     points << (n++ ? " " : "") << num(canvas.x(p.x)) << ',' << num(canvas.y(p.z));
@@ -63,7 +124,7 @@ std::string svgReport(const ScenarioReport& report) {
   const sim::Room& room = *report.scenario.room;
   Canvas canvas{room.width / 2, room.depth / 2};
   const double w = room.width * kScale + 2 * kMargin;
-  const double h = room.depth * kScale + 2 * kMargin + 60;
+  const double h = room.depth * kScale + 2 * kMargin + 70;
   std::ostringstream svg;
   svg << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << num(w) << "\" height=\"" << num(h)
       << "\" font-family=\"sans-serif\" font-size=\"11\">\n";
@@ -73,6 +134,16 @@ std::string svgReport(const ScenarioReport& report) {
       << num(canvas.y(-canvas.halfDepth)) << "\" width=\"" << num(room.width * kScale)
       << "\" height=\"" << num(room.depth * kScale)
       << "\" fill=\"#f7f7f2\" stroke=\"black\" stroke-width=\"3\"/>\n";
+
+  // Markers first, so that labels keep clear of them; labels last, so that they stay on top.
+  LabelPlacer labels;
+  std::ostringstream labelText;
+  const sim::YawTransform roomFromLoc =
+      report.scenario.localization->truth->sessionFromRoom.inverse();
+  for (const AssetOutcome& a : report.assets) {
+    const double x = canvas.x(a.room.x), y = canvas.y(a.room.z);
+    labels.block({x - 10, y - 10, x + 10, y + 10});
+  }
 
   // Objects: their footprints, turned by their yaw (local x -> (cos, -sin), local z -> (sin, cos)).
   for (const sim::SimObject& o : room.objects) {
@@ -86,21 +157,25 @@ std::string svgReport(const ScenarioReport& report) {
       svg << (i ? " " : "") << num(canvas.x(x)) << ',' << num(canvas.y(z));
     }
     svg << "\"><title>" << escape(o.className) << "</title></polygon>\n";
-    svg << "<text x=\"" << num(canvas.x(o.center.x)) << "\" y=\"" << num(canvas.y(o.center.z) + 4)
-        << "\" text-anchor=\"middle\" fill=\"#5a5445\" font-size=\"9\">" << escape(o.className)
-        << "</text>\n";
   }
 
-  svg << cameraPath(canvas, *report.scenario.mapping, "#2b6cb0");
-  svg << cameraPath(canvas, *report.scenario.localization, "#c05621");
+  svg << cameraPath(canvas, *report.scenario.mapping, report.mapping.framesFed, "#2b6cb0");
+  svg << cameraPath(canvas, *report.scenario.localization, report.localization.framesFed,
+                    "#c05621");
 
-  const sim::YawTransform roomFromLoc =
-      report.scenario.localization->truth->sessionFromRoom.inverse();
+  // Asset labels (with their errors) are placed before the object labels: they matter more.
+  for (const AssetOutcome& a : report.assets) {
+    labelText << labels.place(canvas.x(a.room.x), canvas.y(a.room.z), assetLabel(a), 11,
+                              a.placed ? "#2f855a" : "#c53030");
+  }
+  for (const sim::SimObject& o : room.objects) {
+    labelText << labels.place(canvas.x(o.center.x), canvas.y(o.center.z), o.className, 9,
+                              "#5a5445");
+  }
+
   for (const AssetOutcome& a : report.assets) {
     svg << "<circle cx=\"" << num(canvas.x(a.room.x)) << "\" cy=\"" << num(canvas.y(a.room.z))
         << "\" r=\"9\" fill=\"none\" stroke=\"#2f855a\" stroke-width=\"2.5\"/>\n";
-    svg << "<text x=\"" << num(canvas.x(a.room.x) + 11) << "\" y=\"" << num(canvas.y(a.room.z) - 8)
-        << "\" fill=\"#2f855a\">" << escape(a.id) << "</text>\n";
     if (a.placed) {
       sim::Vec3 p = roomFromLoc.apply(*a.placed);
       const double x = canvas.x(p.x), y = canvas.y(p.z);
@@ -110,8 +185,16 @@ std::string svgReport(const ScenarioReport& report) {
     }
   }
 
+  svg << labelText.str();
+
+  // Scale bar: one metre, under the room's left corner.
+  const double sx = kMargin, sy = room.depth * kScale + kMargin + 16;
+  svg << "<g class=\"scale\"><line x1=\"" << num(sx) << "\" y1=\"" << num(sy) << "\" x2=\""
+      << num(sx + kScale) << "\" y2=\"" << num(sy) << "\" stroke=\"black\" stroke-width=\"2\"/>"
+      << "<text x=\"" << num(sx + kScale + 6) << "\" y=\"" << num(sy + 4) << "\">1 m</text></g>\n";
+
   // Legend.
-  const double ly = room.depth * kScale + 2 * kMargin + 10;
+  const double ly = room.depth * kScale + 2 * kMargin + 20;
   auto legend = [&](double x, const std::string& swatch, const std::string& label) {
     svg << "<g transform=\"translate(" << num(x) << ',' << num(ly) << ")\">" << swatch
         << "<text x=\"22\" y=\"4\">" << escape(label) << "</text></g>\n";
@@ -130,7 +213,14 @@ std::string svgReport(const ScenarioReport& report) {
       << (report.localizer.empty() ? "" : " (" + escape(report.localizer) + ")") << "</text></g>\n";
   svg << "<text x=\"" << num(kMargin) << "\" y=\"22\" font-size=\"13\">scene "
       << report.scenario.seed << ": " << num(room.width) << " m x " << num(room.depth) << " m, "
-      << room.objects.size() << " objects</text>\n";
+      << room.objects.size() << " objects; " << report.localization.framesFed << " of "
+      << report.localization.framesTotal << " localization frames fed</text>\n";
+  // A failed run says so on the picture, not only on the terminal.
+  if (!report.success) {
+    svg << "<text class=\"verdict\" x=\"" << num(w - kMargin) << "\" y=\"22\" font-size=\"13\" "
+        << "text-anchor=\"end\" fill=\"#c53030\" font-weight=\"bold\">FAIL: "
+        << escape(report.failure) << "</text>\n";
+  }
   svg << "</svg>\n";
   return svg.str();
 }

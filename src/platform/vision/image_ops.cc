@@ -1,8 +1,10 @@
 #include "src/platform/vision/image_ops.h"
 
+#include <png.h>
+
 #include <algorithm>
+#include <cstring>
 #include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 namespace omra {
@@ -18,39 +20,45 @@ bool scaleImage4(const uint8_t* src, int srcWidth, int srcHeight, size_t srcStri
   return out.data == dst;  // resize wrote in place
 }
 
+namespace {
+
+// libpng's simplified writer: 8-bit rows, top to bottom. (OpenCV's codecs would pull in GDAL and
+// a hundred more libraries only for this.)
+bool writeRows(const std::string& path, int width, int height, uint32_t format, const void* rows,
+               ptrdiff_t stride) {
+  png_image image;
+  std::memset(&image, 0, sizeof image);
+  image.version = PNG_IMAGE_VERSION;
+  image.width = static_cast<uint32_t>(width);
+  image.height = static_cast<uint32_t>(height);
+  image.format = format;
+  const bool ok = png_image_write_to_file(&image, path.c_str(), 0, rows,
+                                          static_cast<png_int_32>(stride), nullptr) != 0;
+  png_image_free(&image);
+  return ok;
+}
+
+}  // namespace
+
 bool writePng(const std::string& path, int width, int height, int channels,
               const std::vector<uint8_t>& pixels) {
   if (width <= 0 || height <= 0 || (channels != 1 && channels != 3 && channels != 4) ||
       pixels.size() < static_cast<size_t>(width) * height * channels) {
     return false;
   }
-  const cv::Mat in(height, width, CV_8UC(channels), const_cast<uint8_t*>(pixels.data()));
-  cv::Mat bgr;
-  if (channels == 3) {
-    cv::cvtColor(in, bgr, cv::COLOR_RGB2BGR);
-  } else if (channels == 4) {
-    cv::cvtColor(in, bgr, cv::COLOR_RGBA2BGRA);
-  } else {
-    bgr = in;
-  }
-  try {
-    return cv::imwrite(path, bgr);
-  } catch (const cv::Exception&) {
-    return false;
-  }
+  const uint32_t format = channels == 1   ? PNG_FORMAT_GRAY
+                          : channels == 3 ? PNG_FORMAT_RGB
+                                          : PNG_FORMAT_RGBA;
+  return writeRows(path, width, height, format, pixels.data(),
+                   static_cast<ptrdiff_t>(width) * channels);
 }
 
 bool writePng(const std::string& path, const PixelBuffer& image) {
   if (image.empty() || image.data->size() < image.bytesPerRow * static_cast<size_t>(image.height)) {
     return false;
   }
-  const cv::Mat in(image.height, image.width, CV_8UC4, const_cast<uint8_t*>(image.row(0)),
-                   image.bytesPerRow);
-  try {
-    return cv::imwrite(path, in);
-  } catch (const cv::Exception&) {
-    return false;
-  }
+  return writeRows(path, image.width, image.height, PNG_FORMAT_BGRA, image.row(0),
+                   static_cast<ptrdiff_t>(image.bytesPerRow));
 }
 
 namespace {

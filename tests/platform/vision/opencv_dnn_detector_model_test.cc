@@ -1,9 +1,13 @@
 #include "src/platform/vision/opencv_dnn_detector_model.h"
 
 #include <gtest/gtest.h>
+#include <png.h>
 
 #include <cmath>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include "src/platform/vision/image_ops.h"
 #include "src/scene/multi_array.h"
@@ -109,10 +113,63 @@ TEST(ImageOpsTest, ScalingAndPngOutput) {
   EXPECT_EQ(out[2], 255);          // first pixel red (BGRA)
   EXPECT_EQ(out[9 * 4 + 0], 255);  // last pixel of the row blue
   EXPECT_FALSE(scaleImage4(img.row(0), 0, 20, img.bytesPerRow, out.data(), 10, 5, 40));
+  std::filesystem::create_directories(std::string(OMRA_BINARY_DIR) + "/test_models");
   const std::string path = std::string(OMRA_BINARY_DIR) + "/test_models/half.png";
   EXPECT_TRUE(writePng(path, img));
   EXPECT_FALSE(writePng("/nonexistent/dir/x.png", img));
   EXPECT_FALSE(writePng(path, 10, 10, 2, std::vector<uint8_t>(200)));
+}
+
+// What each writer puts in the file, read back as RGBA: channel order, rows and padding.
+TEST(ImageOpsTest, PngHoldsThePixelsInOrder) {
+  auto readRgba = [](const std::string& path, uint32_t* width, uint32_t* height) {
+    png_image image;
+    std::memset(&image, 0, sizeof image);
+    image.version = PNG_IMAGE_VERSION;
+    std::vector<uint8_t> rgba;
+    if (!png_image_begin_read_from_file(&image, path.c_str())) return rgba;
+    image.format = PNG_FORMAT_RGBA;
+    rgba.resize(PNG_IMAGE_SIZE(image));
+    if (!png_image_finish_read(&image, nullptr, rgba.data(), 0, nullptr)) rgba.clear();
+    *width = image.width;
+    *height = image.height;
+    return rgba;
+  };
+  std::filesystem::create_directories(std::string(OMRA_BINARY_DIR) + "/test_models");
+  const std::string path = std::string(OMRA_BINARY_DIR) + "/test_models/order.png";
+  struct Case {
+    const char* name;
+    std::function<bool()> write;
+    std::vector<uint8_t> rgba;  // expected, 2 x 2
+  };
+  PixelBuffer bgra;  // 2 x 2 with 4 bytes of row padding: blue, green / red, white
+  bgra.width = bgra.height = 2;
+  bgra.bytesPerRow = 12;
+  bgra.data = std::make_shared<std::vector<uint8_t>>(std::vector<uint8_t>{
+      255, 0, 0, 255, 0, 255, 0, 255, 9, 9, 9, 9, 0, 0, 255, 255, 255, 255, 255, 255, 9, 9, 9, 9});
+  const Case cases[] = {
+      {"rgb",
+       [&] {
+         return writePng(path, 2, 2, 3, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
+       },
+       {1, 2, 3, 255, 4, 5, 6, 255, 7, 8, 9, 255, 10, 11, 12, 255}},
+      {"gray",
+       [&] {
+         return writePng(path, 2, 2, 1, {0, 50, 100, 255});
+       },
+       {0, 0, 0, 255, 50, 50, 50, 255, 100, 100, 100, 255, 255, 255, 255, 255}},
+      {"bgra buffer",
+       [&] { return writePng(path, bgra); },
+       {0, 0, 255, 255, 0, 255, 0, 255, 255, 0, 0, 255, 255, 255, 255, 255}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(c.write());
+    uint32_t width = 0, height = 0;
+    EXPECT_EQ(readRgba(path, &width, &height), c.rgba);
+    EXPECT_EQ(width, 2u);
+    EXPECT_EQ(height, 2u);
+  }
 }
 
 }  // namespace
