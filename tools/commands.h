@@ -42,9 +42,11 @@ struct DemoOptions {
 struct ReplayOptions {
   std::string path;
   std::string server;  // back end base URL; empty: omra-server in process
-  // The record store the kit writes (the back end's localizers read it); empty: the in-process
-  // server's memory store, or with --server the store `omra server` uses by default.
+  // The in-process server's store (without --server); empty: memory. The kit itself always sends
+  // its records to the back end's ingest route.
   std::string store;
+  // The kit's record outbox; empty: the per-user default for the application "com.omra.replay".
+  std::string outbox;
   std::string mode;  // "mapping" or "localization"; empty: the recording's own role
   std::string mapID = "omra-replay-map";
   double speed = 1;  // real time; 0: as fast as possible (the kit then drops most frames)

@@ -93,8 +93,11 @@ int main(int argc, char** argv) {
   replayCmd->add_option("--server", replay.server,
                         "Back end base URL, e.g. http://127.0.0.1:8080 (default: in process)");
   replayCmd->add_option("--store", replay.store,
-                        "Record store the back end reads (default: memory in process, "
-                        "sqlite:omra-server.db with --server)");
+                        "Store of the in-process back end, without --server: sqlite:PATH, "
+                        "dynamodb:URL or memory (default: memory)");
+  replayCmd->add_option("--outbox", replay.outbox,
+                        "The kit's record outbox file (default: "
+                        "$XDG_STATE_HOME/omrakit/com.omra.replay/record-outbox.db)");
   replayCmd
       ->add_option("--session", replay.mode, "mapping or localization (default: the recording's)")
       ->check(CLI::IsMember({"mapping", "localization"}));

@@ -15,6 +15,13 @@ std::vector<TableSchema> recordTableSchemas() {
           PointCloudModel::schema(),    TransformResultModel::schema()};
 }
 
+std::vector<TableSchema> kitRecordTableSchemas() {
+  std::vector<TableSchema> kit = recordTableSchemas();
+  std::erase_if(kit,
+                [](const TableSchema& s) { return s.name == TransformResultModel::kTableName; });
+  return kit;
+}
+
 std::optional<StoreError> ensureRecordTables(RecordStore& store) {
   for (const TableSchema& schema : recordTableSchemas()) {
     if (auto error = store.createTable(schema)) return error;

@@ -14,6 +14,9 @@ namespace omra {
 // (SessionId S / Timestamp N).
 std::vector<TableSchema> recordTableSchemas();
 
+// The five tables the kit writes (all but "Transformations", which the back end writes).
+std::vector<TableSchema> kitRecordTableSchemas();
+
 // createTable for each of the six; the first error, if any.
 std::optional<StoreError> ensureRecordTables(RecordStore& store);
 

@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -17,8 +20,10 @@ struct CommandRun {
   std::string output;  // standard output and standard error together
 };
 
-CommandRun omra(const std::string& arguments) {
-  const std::string command = std::string(OMRA_BINARY_DIR) + "/tools/omra " + arguments + " 2>&1";
+// environment: "NAME=value ..." put before the command, or empty.
+CommandRun omra(const std::string& arguments, const std::string& environment = "") {
+  const std::string command =
+      environment + " " + std::string(OMRA_BINARY_DIR) + "/tools/omra " + arguments + " 2>&1";
   CommandRun run;
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return run;
@@ -67,19 +72,79 @@ TEST(OmraCommand, RecordReplayReplayBringsAssetsBack) {
   ASSERT_EQ(omra("record --seed 3 " + mapping).exitCode, 0);
   ASSERT_EQ(omra("record --seed 3 --session localization " + localization).exitCode, 0);
   // Faster than real time to keep the test short; still slow enough for the kit to record.
-  CommandRun placed = omra("replay " + mapping + " --place --speed 4 --store " + store);
+  const std::string outbox = " --outbox " + (dir / "outbox.db").string();
+  CommandRun placed = omra("replay " + mapping + " --place --speed 4 --store " + store + outbox);
   ASSERT_EQ(placed.exitCode, 0) << placed.output;
   EXPECT_NE(placed.output.find("placements stored"), std::string::npos) << placed.output;
-  CommandRun back = omra("replay " + localization + " --speed 4 --timeout 20 --store " + store);
+  CommandRun back =
+      omra("replay " + localization + " --speed 4 --timeout 20 --store " + store + outbox);
   ASSERT_EQ(back.exitCode, 0) << back.output;
   EXPECT_NE(back.output.find("assets after"), std::string::npos) << back.output;
   EXPECT_NE(back.output.find("from where it belongs"), std::string::npos) << back.output;
   EXPECT_EQ(back.output.find("warning"), std::string::npos) << back.output;
 
   // --place needs a mapping recording with truth.
-  CommandRun refused = omra("replay " + localization + " --place --store memory");
+  CommandRun refused = omra("replay " + localization + " --place --store memory" + outbox);
   EXPECT_EQ(refused.exitCode, 1);
   EXPECT_NE(refused.output.find("--place needs a mapping recording"), std::string::npos);
+  std::filesystem::remove_all(dir);
+}
+
+// Two devices that share nothing but the server's URL: `omra server` and two replays as separate
+// processes, with default settings. The records reach the server only through its ingest route.
+TEST(OmraCommand, TwoDevicesShareOnlyTheServer) {
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("omra-devices-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir / "phone-a");
+  std::filesystem::create_directories(dir / "phone-b");
+  const std::string mapping = (dir / "mapping.jsonl").string();
+  const std::string localization = (dir / "localization.jsonl").string();
+  ASSERT_EQ(omra("record --seed 5 --seconds 16 " + mapping).exitCode, 0);
+  ASSERT_EQ(omra("record --seed 5 --seconds 12 --session localization " + localization).exitCode,
+            0);
+
+  const std::string serverLog = (dir / "server.log").string();
+  const pid_t server = fork();
+  ASSERT_GE(server, 0);
+  if (server == 0) {
+    if (!freopen(serverLog.c_str(), "w", stderr)) _exit(127);
+    const std::string binary = std::string(OMRA_BINARY_DIR) + "/tools/omra";
+    const std::string store = "sqlite:" + (dir / "server.db").string();
+    execl(binary.c_str(), binary.c_str(), "server", "--port", "0", "--store", store.c_str(),
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  // The server says where it listens.
+  std::string url;
+  for (int i = 0; i < 200 && url.empty(); ++i) {
+    std::ifstream in(serverLog);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t at = text.find("listening on ");
+    const size_t end = at == std::string::npos ? at : text.find('\n', at);
+    if (end != std::string::npos) url = text.substr(at + 13, end - at - 13);
+    if (url.empty()) usleep(50000);
+  }
+  ASSERT_FALSE(url.empty()) << "the server did not start";
+
+  // Each phone keeps its own outbox (the default place under its own state folder).
+  CommandRun placed = omra("replay " + mapping + " --place --server " + url,
+                           "XDG_STATE_HOME=" + (dir / "phone-a").string());
+  CommandRun back = omra("replay " + localization + " --server " + url,
+                         "XDG_STATE_HOME=" + (dir / "phone-b").string());
+  kill(server, SIGTERM);
+  int status = 0;
+  waitpid(server, &status, 0);
+
+  ASSERT_EQ(placed.exitCode, 0) << placed.output;
+  EXPECT_NE(placed.output.find("placements stored"), std::string::npos) << placed.output;
+  ASSERT_EQ(back.exitCode, 0) << back.output;
+  EXPECT_NE(back.output.find("assets after"), std::string::npos) << back.output;
+  EXPECT_NE(back.output.find("from where it belongs"), std::string::npos) << back.output;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "server exit " << status;
+  std::ifstream in(serverLog);
+  const std::string log((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(log.find("records/batch_write 200"), std::string::npos) << log;
   std::filesystem::remove_all(dir);
 }
 

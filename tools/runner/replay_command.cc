@@ -9,7 +9,7 @@
 #include "server/server.h"
 #include "sim/recording_io.h"
 #include "src/cloud/camera_path_model.h"
-#include "src/cloud/record_tables.h"
+#include "src/platform/config_loader.h"
 #include "src/platform/store/record_store_factory.h"
 #include "tools/commands.h"
 #include "tools/runner/demo_text.h"
@@ -73,22 +73,24 @@ int runReplay(const ReplayOptions& options) {
     return 1;
   }
   const bool inProcess = options.server.empty();
-  std::string storeSpec = options.store;
-  if (storeSpec.empty()) storeSpec = inProcess ? "memory" : "sqlite:omra-server.db";
+  if (!inProcess && !options.store.empty()) {
+    std::fprintf(stderr,
+                 "omra replay: --store names the in-process server's store; with --server the kit "
+                 "sends its records to that server\n");
+    return 2;
+  }
   std::string error;
-  std::shared_ptr<RecordStore> store = makeRecordStore(storeSpec, {}, nullptr, &error);
-  if (!store) {
-    std::fprintf(stderr, "omra replay: cannot open the store %s: %s\n", storeSpec.c_str(),
-                 error.c_str());
-    return 1;
-  }
-  if (std::optional<StoreError> e = ensureRecordTables(*store)) {
-    std::fprintf(stderr, "omra replay: cannot create the record tables: %s\n", e->message.c_str());
-    return 1;
-  }
   std::unique_ptr<server::Server> server;
+  std::shared_ptr<RecordStore> store;  // the in-process server's
   std::string url = options.server;
+  const std::string storeSpec = options.store.empty() ? "memory" : options.store;
   if (inProcess) {
+    store = makeRecordStore(storeSpec, {}, nullptr, &error);
+    if (!store) {
+      std::fprintf(stderr, "omra replay: cannot open the store %s: %s\n", storeSpec.c_str(),
+                   error.c_str());
+      return 1;
+    }
     server::ServerOptions s;
     s.store = store;
     s.logRequests = false;
@@ -101,9 +103,23 @@ int runReplay(const ReplayOptions& options) {
     url = server->baseUrl();
   }
 
+  // As on a device: the records go to the back end's ingest route, through the outbox.
+  std::string outbox = options.outbox;
+  if (outbox.empty()) {
+    Config config;
+    config.bundleIdentifier = "com.omra.replay";
+    outbox = defaultRecordOutboxPath(config, processEnv()).value_or("omra-replay-outbox.db");
+  }
   std::fprintf(stderr, "replaying %s (%zu frames) as a %s session against %s\n",
                options.path.c_str(), recording->frameCount(), mode.c_str(), url.c_str());
-  KitServices services = makeKitServices(store, url, options.timeoutSeconds);
+  std::optional<KitServices> device =
+      makeDeviceKitServices(url, outbox, options.timeoutSeconds, &error);
+  if (!device) {
+    std::fprintf(stderr, "omra replay: cannot open the record outbox %s: %s\n", outbox.c_str(),
+                 error.c_str());
+    return 1;
+  }
+  KitServices& services = *device;
   DriveOptions drive;
   drive.mode = mode == "localization" ? SessionMode::localization : SessionMode::mapping;
   drive.mapID = options.mapID;
@@ -112,7 +128,6 @@ int runReplay(const ReplayOptions& options) {
   drive.waitAfterFeedSeconds = drive.mode == SessionMode::localization ? options.timeoutSeconds : 0;
   if (options.place) drive.placements = placementsOnRoomObjects(*recording);
   DriveResult result = driveSession(services, recording, drive);
-  if (server) server->stop();
   // Localizers that find no frames of a session answer nothing; say why before the wait is blamed.
   const auto warnWithoutFrames = [&](const std::optional<std::string>& session, const char* what) {
     if (!session || !framesStoredFor(*store, *session)) {
@@ -129,6 +144,8 @@ int runReplay(const ReplayOptions& options) {
                                               ? "mapping session"
                                               : "localization session");
   }
+
+  if (server) server->stop();
 
   if (!result.status) {
     std::fprintf(stderr,

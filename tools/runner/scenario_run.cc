@@ -1,9 +1,13 @@
 #include "tools/runner/scenario_run.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <numbers>
 
 #include "server/server.h"
@@ -57,6 +61,18 @@ double headingErrorDegrees(double a, double b) {
   return d * 180 / std::numbers::pi;
 }
 
+namespace {
+
+// A fresh file name per run: several runs may go at once in one process or in several.
+std::string temporaryOutboxPath() {
+  static std::atomic<int> runs{0};
+  return (std::filesystem::temp_directory_path() /
+          ("omra-outbox-" + std::to_string(::getpid()) + "-" + std::to_string(++runs) + ".db"))
+      .string();
+}
+
+}  // namespace
+
 ScenarioReport runScenario(const ScenarioRunOptions& options) {
   const auto start = std::chrono::steady_clock::now();
   ScenarioReport report;
@@ -84,7 +100,24 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   std::string error;
   if (!server.start(&error)) return finish("cannot start omra-server: " + error);
 
-  KitServices services = makeKitServices(store, server.baseUrl());
+  // The kit talks to the server over HTTP only, as a phone does: its records reach the server's
+  // store through the ingest route, from an outbox of its own.
+  std::string outbox = options.kitOutboxPath;
+  const bool ownOutbox = outbox.empty();
+  if (ownOutbox) outbox = temporaryOutboxPath();
+  struct RemoveOutbox {
+    std::string path;
+    ~RemoveOutbox() {
+      if (path.empty()) return;
+      std::error_code ignored;
+      for (const char* suffix : {"", "-wal", "-shm"})
+        std::filesystem::remove(path + suffix, ignored);
+    }
+  } removeOutbox{ownOutbox ? outbox : std::string()};
+  std::optional<KitServices> device =
+      makeDeviceKitServices(server.baseUrl(), outbox, /*httpIdleSeconds=*/10, &error);
+  if (!device) return finish("cannot open the kit's record outbox: " + error);
+  KitServices& services = *device;
   const sim::YawTransform mapFromRoom = scenario.mapping->truth->sessionFromRoom;
   const sim::YawTransform locFromRoom = scenario.localization->truth->sessionFromRoom;
   const std::vector<AssetSpot> spots = assetSpots(*scenario.room);

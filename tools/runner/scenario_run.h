@@ -1,4 +1,5 @@
-// One end-to-end run over a simulated scene: omra-server in process over the given store, a mapping
+// One end-to-end run over a simulated scene: omra-server in process over the given store (the kit
+// reaches it over HTTP only), a mapping
 // session that places three assets on room objects, a localization session from the other origin,
 // and the relocalized assets compared with the truth. Blocks the calling thread; nothing is shared
 // between runs except the store given.
@@ -19,8 +20,11 @@ namespace omra::tools {
 
 struct ScenarioRunOptions {
   sim::ScenarioOptions scenario;
-  // The store the server and the kit share; null: a fresh in-memory store.
+  // The server's store; null: a fresh in-memory store. The kit never writes it directly: its
+  // records arrive through the server's ingest route.
   std::shared_ptr<RecordStore> store;
+  // The kit's record outbox file; empty: a temporary file, removed after the run.
+  std::string kitOutboxPath;
   double mappingSpeed = 3;
   double localizationSpeed = 2;
   // Scan seconds to keep feeding after the first assets, so a better localizer can still answer.

@@ -9,9 +9,12 @@
 #include "sim/recording_feeder.h"
 #include "sim/recording_player.h"
 #include "sim/sim_detector.h"
+#include "src/cloud/account_http_client.h"
+#include "src/cloud/record_tables.h"
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/curl_http_client.h"
 #include "src/platform/fixed_device_info.h"
+#include "src/platform/store/record_store_factory.h"
 #include "tools/runner/localizer_logger.h"
 
 namespace omra::tools {
@@ -67,6 +70,19 @@ KitServices makeKitServices(std::shared_ptr<RecordStore> records, std::string ba
       std::shared_ptr<void>(nullptr, [raw = client.get()](void*) { raw->shutdown(); });
   s.records = std::move(records);
   s.backendUrl = std::move(backendUrl);
+  return s;
+}
+
+std::optional<KitServices> makeDeviceKitServices(std::string backendUrl,
+                                                 const std::string& outboxPath,
+                                                 double httpIdleSeconds, std::string* error) {
+  KitServices s = makeKitServices(nullptr, std::move(backendUrl), httpIdleSeconds);
+  Config config;
+  config.recordStore = "backend:" + s.backendUrl + "/prod";
+  config.recordOutbox = outboxPath;
+  KitStoreServices store{s.http, s.dispatcher, kitRecordTableSchemas(), kAccountHeader};
+  s.records = makeRecordStore(config, store, nullptr, error);
+  if (!s.records) return std::nullopt;
   return s;
 }
 

@@ -27,15 +27,23 @@ namespace omra::tools {
 struct KitServices {
   std::shared_ptr<Dispatcher> dispatcher;
   std::shared_ptr<HttpClient> http;
-  std::shared_ptr<RecordStore> records;
   std::string backendUrl;  // "http://HOST:PORT"
-  // Destroyed first, with the last copy: stops the HTTP client while the dispatcher still runs.
+  // Destroyed after the store, with the last copy: stops the HTTP client while the dispatcher
+  // still runs.
   std::shared_ptr<void> stopHttpFirst;
+  std::shared_ptr<RecordStore> records;
 };
 
 // httpIdleSeconds bounds a request that gets no answer (an unreachable back end).
 KitServices makeKitServices(std::shared_ptr<RecordStore> records, std::string backendUrl,
                             double httpIdleSeconds = 10);
+
+// As a device runs: the kit's records go to the back end's ingest route at backendUrl (stage
+// "/prod"), through a durable outbox at outboxPath. Null with *error set when the outbox cannot be
+// opened.
+std::optional<KitServices> makeDeviceKitServices(std::string backendUrl,
+                                                 const std::string& outboxPath,
+                                                 double httpIdleSeconds, std::string* error);
 
 // One assets-found callback as the host saw it.
 struct AssetsArrival {

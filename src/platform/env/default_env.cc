@@ -7,7 +7,6 @@
 #include "omrakit/platform/detector_model.h"
 #include "src/cloud/account_http_client.h"
 #include "src/cloud/record_tables.h"
-#include "src/cloud/transform_result_model.h"
 #include "src/cloud/urls.h"
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/console_logger.h"
@@ -34,12 +33,7 @@ std::optional<Env> makeDefaultEnv(const Config& config, std::string* error) {
   storeServices.http = env.http;
   storeServices.dispatcher = dispatcher;
   storeServices.accountHeader = kAccountHeader;
-  for (TableSchema& schema : recordTableSchemas()) {
-    // The back end writes "Transformations" itself.
-    if (schema.name != TransformResultModel::kTableName) {
-      storeServices.recordTables.push_back(std::move(schema));
-    }
-  }
+  storeServices.recordTables = kitRecordTableSchemas();
   std::string storeError;
   env.records = makeRecordStore(config, storeServices, env.logger, &storeError);
   if (!env.records) {
