@@ -190,9 +190,9 @@ Answer MapService::placeAssetOnMap(const std::string& body) {
       BodyReader p((*list)[i], "placements[" + std::to_string(i) + "]");
       PlacementRecord rec;
       rec.assetId = p.string("asset_id");
-      rec.x = p.number("x");
-      rec.y = p.number("y");
-      rec.z = p.number("z");
+      rec.x = p.coordinate("x");
+      rec.y = p.coordinate("y");
+      rec.z = p.coordinate("z");
       rec.orientation = p.number("orientation");
       rec.placementId = placementId;
       rec.timestamp = timestamp;
