@@ -4,6 +4,7 @@
 
 #include "server/body_reader.h"
 #include "server/ids.h"
+#include "src/foundation/json_reader.h"
 
 namespace omra::server {
 namespace {
@@ -79,7 +80,8 @@ Answer MapService::handle(const Request& request) {
 }
 
 Answer MapService::error(int status, const std::string& message) {
-  return {status, Json{{"errorMessage", message}}};
+  // Messages may quote outside input (a query parameter): they must still encode.
+  return {status, Json{{"errorMessage", toValidUtf8(message)}}};
 }
 
 std::optional<Answer> MapService::readOpening(const std::string& body, Opening& out) {

@@ -31,6 +31,10 @@ std::optional<nlohmann::ordered_json> readJson(std::string_view text, std::strin
 // Whether text is well-formed UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).
 bool isValidUtf8(std::string_view text);
 
+// text with every byte that does not start a valid UTF-8 sequence replaced by U+FFFD: for
+// messages that quote outside input (a query parameter, say) and must still encode as JSON.
+std::string toValidUtf8(std::string_view text);
+
 // The document as compact text; strings that are not valid UTF-8 come out with U+FFFD in place of
 // the bad bytes instead of throwing. For logs and for values that were validated already.
 std::string dumpJson(const nlohmann::ordered_json& value);

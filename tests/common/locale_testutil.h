@@ -34,9 +34,9 @@ class ScopedCommaLocale {
 }  // namespace omra::testing
 
 // Declares `locale` and skips the test, saying why, when the comma-decimal locale is missing.
-#define OMRA_UNDER_COMMA_LOCALE(locale)                                  \
-  ::omra::testing::ScopedCommaLocale locale;                             \
-  if (locale.active()) {                                                 \
-  } else                                                                 \
-    GTEST_SKIP() << ::omra::testing::kCommaDecimalLocale                 \
+#define OMRA_UNDER_COMMA_LOCALE(locale)                  \
+  ::omra::testing::ScopedCommaLocale locale;             \
+  if (locale.active()) {                                 \
+  } else                                                 \
+    GTEST_SKIP() << ::omra::testing::kCommaDecimalLocale \
                  << " is not installed: run scripts/install-deps.sh (locales + locale-gen)"

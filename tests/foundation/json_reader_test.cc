@@ -116,10 +116,17 @@ TEST(IsValidUtf8, AcceptsTextOnly) {
       dumps = false;
     }
     EXPECT_EQ(dumps, c.valid) << ::testing::PrintToString(c.bytes);
+    // Repair keeps what is valid and makes the rest encodable.
+    const std::string repaired = toValidUtf8(c.bytes);
+    EXPECT_TRUE(isValidUtf8(repaired)) << ::testing::PrintToString(c.bytes);
+    if (c.valid) {
+      EXPECT_EQ(repaired, c.bytes);
+    }
   }
 }
 
 TEST(DumpJson, ReplacesWhatTheEncoderWouldThrowOn) {
+  EXPECT_EQ(toValidUtf8("id-\xff\xc3\xa9-\xc3"), "id-\xef\xbf\xbd\xc3\xa9-\xef\xbf\xbd");
   Json j = Json::object();
   j["id"] = std::string("a\xff") + "b";
   EXPECT_EQ(dumpJson(j),

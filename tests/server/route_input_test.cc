@@ -63,6 +63,17 @@ TEST(RouteInput, HostileBodiesAnswer400OnEveryRoute) {
   }
 }
 
+// Query parameters are outside input too; answers quoting them must still encode.
+TEST(RouteInput, QueryParametersThatAreNotTextStillGetAnAnswer) {
+  ServiceHarness h;
+  for (const char* id : {"LOC-\xff", "\xc3", "\xed\xa0\x80"}) {
+    const Answer a = h.get("/prod/maps/get_best_transform",
+                           {{"session_id", id}, {"localizer", "su_localizer\xfe"}});
+    EXPECT_GE(a.status, 400);
+    EXPECT_NO_THROW((void)a.body.dump()) << ::testing::PrintToString(std::string(id));
+  }
+}
+
 TEST(RouteInput, PlacementsOutsideAnyMapAreRefused) {
   ServiceHarness h;
   const std::string map = h.createMap("room");
