@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 PRESET ?= default
 BUILD_DIR = $(if $(filter default,$(PRESET)),build,build-$(PRESET))
 
-.PHONY: deps configure build test demo bench asan tsan dynamodb dynamodb-stop format clean
+.PHONY: deps configure build test demo bench asan tsan fuzz dynamodb dynamodb-stop format clean
 
 deps:
 	@scripts/install-deps.sh
@@ -30,6 +30,11 @@ asan:
 tsan:
 	$(MAKE) test PRESET=tsan
 
+# Every libFuzzer harness for FUZZ_SECONDS each (default 60), from its seed corpus (build-fuzz/).
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) scripts/run-fuzzers.sh
+
 # A local DynamoDB-compatible server (dynalite) on loopback, for the store tests and local use.
 dynamodb:
 	@scripts/dynalite.sh start
@@ -41,4 +46,4 @@ format:
 	git ls-files '*.cc' '*.h' '*.c' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz

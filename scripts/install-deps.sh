@@ -8,7 +8,26 @@ packages=(
   libcurl4-openssl-dev libssl-dev zlib1g-dev nlohmann-json3-dev libsqlite3-dev libasio-dev
   libopencv-dev libcpp-httplib-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
   libdeflate-dev libboost-dev libpng-dev python3 python3-onnx python3-numpy nodejs npm wrk
+  locales clang-14 libclang-rt-14-dev
 )
+
+# The locale tests run under a comma-decimal locale, as GTK and Qt hosts set it.
+ensure_test_locale() {
+  locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$' && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "The de_DE.UTF-8 locale is missing (its tests are skipped). Run as root:" >&2
+    echo "  sed -i 's/^# *de_DE.UTF-8/de_DE.UTF-8/' /etc/locale.gen && locale-gen" >&2
+    return 0
+  fi
+  if ! grep -q '^de_DE.UTF-8' /etc/locale.gen 2>/dev/null; then
+    if grep -q '^# *de_DE.UTF-8' /etc/locale.gen 2>/dev/null; then
+      sed -i 's/^# *de_DE.UTF-8/de_DE.UTF-8/' /etc/locale.gen
+    else
+      echo 'de_DE.UTF-8 UTF-8' >>/etc/locale.gen
+    fi
+  fi
+  locale-gen >/dev/null
+}
 
 missing=()
 for p in "${packages[@]}"; do
@@ -23,6 +42,7 @@ for p in "${packages[@]}"; do
 done
 
 if [ ${#missing[@]} -eq 0 ]; then
+  ensure_test_locale
   exit 0
 fi
 
@@ -37,3 +57,4 @@ export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
 # shellcheck disable=SC2086
 $cmd -qq
+ensure_test_locale

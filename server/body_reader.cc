@@ -2,14 +2,18 @@
 
 #include <cmath>
 
+#include "omrakit/map_asset.h"
+#include "src/foundation/json_reader.h"
+
 namespace omra::server {
 
 BodyReader::BodyReader(const std::string& text) {
-  parsed_ = Json::parse(text, nullptr, false);
-  if (parsed_.is_discarded()) {
+  std::string why;
+  std::optional<Json> parsed = readJson(text, &why);
+  if (!parsed) {
     parsed_ = Json::object();
-    fail("Request body is not JSON");
-  } else if (!parsed_.is_object()) {
+    fail("Request body is not JSON: " + why);
+  } else if (parsed_ = std::move(*parsed); !parsed_.is_object()) {
     parsed_ = Json::object();
     fail("Request body must be a JSON object");
   }
@@ -77,6 +81,16 @@ std::optional<double> BodyReader::optionalNumber(const char* key) {
 double BodyReader::number(const char* key) {
   if (!find(key, true)) return 0;
   return optionalNumber(key).value_or(0);
+}
+
+double BodyReader::coordinate(const char* key) {
+  const double d = number(key);
+  if (!isPlausibleCoordinate(d)) {
+    fail(name(key) + " must be within " +
+         std::to_string(static_cast<int>(kMaxAssetCoordinateMetres)) + " m of the origin");
+    return 0;
+  }
+  return d;
 }
 
 std::optional<bool> BodyReader::optionalBoolean(const char* key) {

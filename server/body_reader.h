@@ -12,7 +12,8 @@ namespace omra::server {
 
 class BodyReader {
  public:
-  // Parses text; a body that is not a JSON object is the first complaint.
+  // Parses text with the bounded reader (depth, size, UTF-8); a body that is not a JSON object is
+  // the first complaint.
   explicit BodyReader(const std::string& text);
   BodyReader(const BodyReader&) = delete;
   BodyReader& operator=(const BodyReader&) = delete;
@@ -29,6 +30,8 @@ class BodyReader {
   std::string string(const char* key, bool allowEmpty = false);  // required
   std::optional<std::string> optionalString(const char* key);
   double number(const char* key);  // required, finite
+  // Required, finite and within kMaxAssetCoordinateMetres: a position in a map.
+  double coordinate(const char* key);
   std::optional<double> optionalNumber(const char* key);
   bool boolean(const char* key);
   std::optional<bool> optionalBoolean(const char* key);

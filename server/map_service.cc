@@ -7,6 +7,7 @@
 #include "server/body_reader.h"
 #include "server/ids.h"
 #include "server/record_batch.h"
+#include "src/foundation/json_reader.h"
 
 namespace omra::server {
 namespace {
@@ -109,7 +110,8 @@ Answer MapService::handle(const Request& request) {
 }
 
 Answer MapService::error(int status, const std::string& message) {
-  return {status, Json{{"errorMessage", message}}};
+  // Messages may quote outside input (a query parameter): they must still encode.
+  return {status, Json{{"errorMessage", toValidUtf8(message)}}};
 }
 
 // A body that names a developer key must name the caller's.
@@ -220,9 +222,9 @@ Answer MapService::placeAssetOnMap(const Caller& caller, const Request& request)
       BodyReader p((*list)[i], "placements[" + std::to_string(i) + "]");
       PlacementRecord rec;
       rec.assetId = p.string("asset_id");
-      rec.x = p.number("x");
-      rec.y = p.number("y");
-      rec.z = p.number("z");
+      rec.x = p.coordinate("x");
+      rec.y = p.coordinate("y");
+      rec.z = p.coordinate("z");
       rec.orientation = p.number("orientation");
       if (p.ok() && rec.assetId.size() > kMaxAssetIdBytes) {
         p.fail("placements[" + std::to_string(i) + "] \"asset_id\" is over " +

@@ -9,19 +9,22 @@
 #include <ostream>
 #include <unordered_set>
 
+#include "src/foundation/json_reader.h"
+
 namespace omra::sim {
 namespace {
 
 using OJson = nlohmann::ordered_json;
-using Json = nlohmann::json;
+using Json = nlohmann::ordered_json;
 
 // The shortest decimal that reads back to the same float, as a double for the JSON writer.
 double shortest(float f) {
   if (!std::isfinite(f)) return 0;
   char buf[32];
-  auto r = std::to_chars(buf, buf + sizeof buf - 1, f);
-  *r.ptr = '\0';
-  return std::strtod(buf, nullptr);
+  const auto r = std::to_chars(buf, buf + sizeof buf, f);
+  double d = 0;
+  std::from_chars(buf, r.ptr, d);  // not strtod: locale-free
+  return d;
 }
 
 OJson vec(const Float3& v) { return OJson::array({shortest(v.x), shortest(v.y), shortest(v.z)}); }
@@ -388,11 +391,14 @@ RecordingReadResult readRecording(std::istream& in) {
     bool complete = !in.eof();  // the last line of a whole file ends with a newline
     if (line.empty()) continue;
     if (ended) return fail(lineNo, "content after the end line");
-    Json j = Json::parse(line, nullptr, false);
-    if (j.is_discarded() || !j.is_object()) {
-      return fail(lineNo, complete ? "not a valid JSON object (corrupt line)"
-                                   : "truncated: the file ends in the middle of this line");
+    std::string why;
+    std::optional<Json> parsed = readJson(line, &why);
+    if (!parsed || !parsed->is_object()) {
+      if (!complete) return fail(lineNo, "truncated: the file ends in the middle of this line");
+      return fail(lineNo,
+                  "not a valid JSON object (corrupt line" + (why.empty() ? "" : ": " + why) + ")");
     }
+    Json& j = *parsed;
     try {
       if (lineNo == 1) {
         readHeader(j, rec);
@@ -426,6 +432,8 @@ RecordingReadResult readRecording(std::istream& in) {
       return fail(lineNo, e.message);
     } catch (const Json::exception& e) {
       return fail(lineNo, std::string("unexpected value: ") + e.what());
+    } catch (const std::exception& e) {
+      return fail(lineNo, std::string("cannot read: ") + e.what());
     }
   }
   if (lineNo == 0) return fail(1, "empty file: no recording header");

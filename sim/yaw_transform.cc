@@ -1,9 +1,9 @@
 #include "sim/yaw_transform.h"
 
-#include <cerrno>
+#include <charconv>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
+
+#include "src/foundation/number_format.h"
 
 namespace omra::sim {
 
@@ -19,26 +19,32 @@ YawTransform YawTransform::compose(const YawTransform& other) const {
 }
 
 std::string YawTransform::toText() const {
-  char buf[128];
-  std::snprintf(buf, sizeof buf, "%.17g,%.17g,%.17g,%.17g", tx, ty, tz, theta);
-  return buf;
+  std::string text;
+  appendDoubleShortest(text, tx);
+  text += ',';
+  appendDoubleShortest(text, ty);
+  text += ',';
+  appendDoubleShortest(text, tz);
+  text += ',';
+  appendDoubleShortest(text, theta);
+  return text;
 }
 
 std::optional<YawTransform> YawTransform::fromText(const std::string& text) {
   double v[4];
-  const char* p = text.c_str();
+  const char* p = text.data();
+  const char* const end = p + text.size();
   for (int i = 0; i < 4; ++i) {
-    char* end = nullptr;
-    errno = 0;
-    v[i] = std::strtod(p, &end);
-    if (end == p || errno == ERANGE || !std::isfinite(v[i])) return std::nullopt;
-    p = end;
+    if (p != end && *p == '+') ++p;
+    const auto [next, ec] = std::from_chars(p, end, v[i]);
+    if (ec != std::errc() || !std::isfinite(v[i])) return std::nullopt;
+    p = next;
     if (i < 3) {
-      if (*p != ',') return std::nullopt;
+      if (p == end || *p != ',') return std::nullopt;
       ++p;
     }
   }
-  if (*p != '\0') return std::nullopt;
+  if (p != end) return std::nullopt;
   return YawTransform{v[0], v[1], v[2], v[3]};
 }
 

@@ -78,8 +78,9 @@ class OmraSession {
   // Starts the session: opens a new map (mapping) or a localization session against mapID on the
   // back end; the outcome arrives through statusCallback. env needs dispatcher, http, logger,
   // device and records; metrics, location and detector may be null (no metrics, no location, no
-  // scene understanding). A device without a bundle identifier is a fatal error. Any callback may
-  // be empty.
+  // scene understanding). A device without a bundle identifier is a fatal error. A bundle, user or
+  // map identifier that is not valid UTF-8 is logged and the session never opens (status
+  // networkError). Any callback may be empty.
   OmraSession(Env env, SessionMode mapMode, std::string userID, std::string mapID,
               const std::string& developerKey, double screenHeight, double screenWidth,
               AssetsFoundCallback assetsFoundCallback, ProgressCallback progressCallback,
@@ -107,7 +108,9 @@ class OmraSession {
   void sessionDidRemove(const std::vector<AnyArAnchor>& anchors);
 
   // Stores the host's asset placements against the map. Returns whether the request was sent
-  // (false before `initialized`, and in localization mode); callback later tells whether the back
+  // (false before `initialized`, in localization mode before assets were localized, and for an
+  // asset identifier that is not valid UTF-8 or a position that is not finite or lies beyond
+  // kMaxAssetCoordinateMetres); callback later tells whether the back
   // end stored them, on the main queue. Thread-safe.
   bool storePlacement(const std::vector<MapAsset>& assets, StoreCallback callback);
 

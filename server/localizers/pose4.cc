@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <numbers>
 
+#include "src/foundation/number_format.h"
+
 namespace omra::server {
 
 Vec3 Pose4::apply(const Vec3& p) const {
@@ -13,9 +15,16 @@ Vec3 Pose4::apply(const Vec3& p) const {
 }
 
 std::string Pose4::toText() const {
-  char buf[128];
-  std::snprintf(buf, sizeof buf, "%.6f,%.6f,%.6f,%.7f", tx, ty, tz, theta);
-  return buf;
+  // Locale-free: the text goes to the kit, which reads it with '.' as the decimal point.
+  std::string text;
+  appendFixed(text, tx, 6);
+  text += ',';
+  appendFixed(text, ty, 6);
+  text += ',';
+  appendFixed(text, tz, 6);
+  text += ',';
+  appendFixed(text, theta, 7);
+  return text;
 }
 
 std::optional<Pose4> Pose4::parse(std::string_view text) {

@@ -1,7 +1,7 @@
 #include "src/cloud/cloud_api.h"
 
+#include <charconv>
 #include <chrono>
-#include <cstdlib>
 #include <utility>
 
 #include "omrakit/settings.h"
@@ -10,6 +10,7 @@
 #include "src/cloud/metrics.h"
 #include "src/cloud/model_name.h"
 #include "src/foundation/fatal.h"
+#include "src/foundation/json_reader.h"
 #include "src/foundation/number_format.h"
 
 namespace omra {
@@ -17,8 +18,12 @@ namespace {
 
 // A float as the JSON number whose shortest text reads back to that float (0.1f goes out as 0.1,
 // not 0.10000000149011612).
+// from_chars, not strtod: under a host's comma-decimal locale strtod stops at the '.'.
 Json floatNumber(float value) {
-  return Json(std::strtod(formatFloatShortest(value).c_str(), nullptr));
+  const std::string text = formatFloatShortest(value);
+  double number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  return Json(number);
 }
 
 double secondsSince1970() {
@@ -79,9 +84,7 @@ std::optional<Json> CloudAPI::replyJson(const HttpResponse& response) {
     return response.json;
   }
   if (!response.transportError.empty() || response.body.empty()) return std::nullopt;
-  Json parsed = Json::parse(response.body, nullptr, false);
-  if (parsed.is_discarded()) return std::nullopt;
-  return parsed;
+  return readJson(response.body);
 }
 
 Json CloudAPI::sessionBody(const std::string& appID, const std::string& user,

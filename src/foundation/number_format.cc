@@ -77,3 +77,38 @@ std::string formatFloatShortest(float value) {
 }
 
 }  // namespace omra
+
+namespace omra {
+namespace {
+
+bool appendSpecial(std::string& out, double value) {
+  if (std::isnan(value)) {
+    out += "nan";
+  } else if (std::isinf(value)) {
+    out += value < 0 ? "-inf" : "inf";
+  } else {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void appendFixed(std::string& out, double value, int decimals) {
+  if (appendSpecial(out, value)) return;
+  // The largest double has 309 digits before the point.
+  char buf[330 + 64];
+  if (decimals < 0) decimals = 0;
+  if (decimals > 60) decimals = 60;
+  const auto res = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, decimals);
+  out.append(buf, res.ptr);
+}
+
+void appendDoubleShortest(std::string& out, double value) {
+  if (appendSpecial(out, value)) return;
+  char buf[32];
+  const auto res = std::to_chars(buf, buf + sizeof buf, value);
+  out.append(buf, res.ptr);
+}
+
+}  // namespace omra

@@ -14,4 +14,11 @@ void appendFloatShortest(std::string& out, float value);
 
 std::string formatFloatShortest(float value);
 
+// Appends value with the given number of decimals, as printf's "%.Nf" in the "C" locale writes it
+// ("nan", "inf" and "-inf" for the special values), whatever locale the host process runs in.
+void appendFixed(std::string& out, double value, int decimals);
+
+// Appends the shortest text that reads back to the same double ("nan", "inf", "-inf" as above).
+void appendDoubleShortest(std::string& out, double value);
+
 }  // namespace omra

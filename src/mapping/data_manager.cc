@@ -5,6 +5,7 @@
 
 #include "omrakit/settings.h"
 #include "src/cloud/cloud_api.h"
+#include "src/foundation/json_reader.h"
 #include "src/mapping/transform_answer.h"
 
 namespace omra {
@@ -85,7 +86,7 @@ void DataManager::openSession(bool localization, StatusCallback statusCallback) 
 }
 
 void DataManager::handleMappingReply(const Json& reply, const StatusCallback& statusCallback) {
-  deps_.logger->print(reply.dump());
+  deps_.logger->print(dumpJson(reply));
   MapStatus status = MapStatus::networkError;
   if (std::optional<std::string> uuid = stringAt(reply, "uuid")) {
     {
@@ -100,7 +101,7 @@ void DataManager::handleMappingReply(const Json& reply, const StatusCallback& st
 }
 
 void DataManager::handleLocalizationReply(const Json& reply, const StatusCallback& statusCallback) {
-  deps_.logger->print(reply.dump());
+  deps_.logger->print(dumpJson(reply));
   if (std::optional<std::string> sessionUUID = stringAt(reply, "session_uuid")) {
     bool haveMap = false;
     {
@@ -135,7 +136,7 @@ void DataManager::triggerTransformCompute(const std::string& mappingUUID,
   const std::string& url = deps_.cloudAPI->urls().triggerTransformCompute(useBeta());
   auto logger = deps_.logger;
   deps_.cloudAPI->http()->postJson(url, parameters, [logger](HttpResponse response) {
-    if (response.json) logger->print("Transform requested");
+    if (CloudAPI::replyJson(response)) logger->print("Transform requested");
   });
 }
 
@@ -146,7 +147,7 @@ void DataManager::triggerImageMatchTrigger(const std::string& localizationUUID) 
   const std::string& url = deps_.cloudAPI->urls().triggerImageMatchCompute(useBeta());
   auto logger = deps_.logger;
   deps_.cloudAPI->http()->postJson(url, parameters, [logger](HttpResponse response) {
-    if (response.json) logger->print("Transform requested");
+    if (CloudAPI::replyJson(response)) logger->print("Transform requested");
   });
 }
 
@@ -173,9 +174,9 @@ void DataManager::getLatestTransform(const std::string& sessionId, const std::st
 }
 
 void DataManager::handleTransformReply(const HttpResponse& response) {
-  // The raw bytes are read again (not the client's parse), as the answer is an object or nothing.
-  std::optional<Json> dictionary = convertToDictionary(response.body);
-  if (!dictionary) return;
+  // The answer is an object or nothing.
+  std::optional<Json> dictionary = CloudAPI::replyJson(response);
+  if (!dictionary || !dictionary->is_object()) return;
   TransformRetrievedHandler handler;
   {
     std::lock_guard lock(mutex_);
@@ -208,8 +209,8 @@ void DataManager::retrieveAssets(AssetsCallback callback) {
 }
 
 std::optional<Json> DataManager::convertToDictionary(std::string_view text) {
-  Json parsed = Json::parse(text.begin(), text.end(), nullptr, false);
-  if (parsed.is_discarded() || !parsed.is_object()) return std::nullopt;
+  std::optional<Json> parsed = readJson(text);
+  if (!parsed || !parsed->is_object()) return std::nullopt;
   return parsed;
 }
 

@@ -15,6 +15,7 @@
 #include "src/cloud/point_cloud_model_queue.h"
 #include "src/cloud/scene_understanding_model.h"
 #include "src/foundation/fatal.h"
+#include "src/foundation/json_reader.h"
 #include "src/foundation/number_format.h"
 #include "src/mapping/data_manager.h"
 #include "src/mapping/transform_answer.h"
@@ -41,7 +42,10 @@ double secondsSince(std::chrono::system_clock::time_point start) {
 std::optional<float> numberAt(const Json& object, const char* key) {
   auto it = object.find(key);
   if (it == object.end() || !it->is_number()) return std::nullopt;
-  return it->get<float>();
+  const double value = it->get<double>();
+  // Checked before the narrowing: a stored 1e300 is no position and no float.
+  if (!isPlausibleCoordinate(value)) return std::nullopt;
+  return static_cast<float>(value);
 }
 
 SessionIdSource sessionIdSource(const std::shared_ptr<SessionState>& state) {
@@ -327,7 +331,8 @@ void Persistence::transformRetrieved(const std::string& algorithm, const std::st
   if (!parseTransformText(transform)) {
     deps_.logger->systemLog(
         LogLevel::kError,
-        "Dropped a best-transform answer with an unreadable transform: " + transform);
+        "Dropped a best-transform answer with an unreadable or implausible transform: " +
+            dumpJson(Json(transform)));
     return;
   }
   std::vector<MapAsset> assets = convertAssetsToLocalFrame(transform);
@@ -405,11 +410,17 @@ std::vector<MapAsset> Persistence::convertAssetsToLocalFrame(const std::string& 
       }
     }
     if (!x || !y || !z || !ori || !id) {
-      deps_.logger->systemLog(LogLevel::kError,
-                              "Skipped a stored placement with missing fields: " + element.dump());
+      deps_.logger->systemLog(
+          LogLevel::kError,
+          "Skipped a stored placement with missing or implausible fields: " + dumpJson(element));
       continue;
     }
     const Float3 moved = applyYawTransform(*parsed, {*x, *y, *z});
+    if (!isPlausiblePosition(Vector3(moved))) {
+      deps_.logger->systemLog(LogLevel::kError,
+                              "Skipped a placement the transform moves out of range: " + *id);
+      continue;
+    }
     const float distance = std::sqrt(moved.x * moved.x + moved.y * moved.y + moved.z * moved.z);
     deps_.logger->print("Relocalized asset new position (" + formatFloatShortest(moved.x) + ", " +
                         formatFloatShortest(moved.y) + ", " + formatFloatShortest(moved.z) +
@@ -442,6 +453,19 @@ void Persistence::queryAssets(int64_t initialRestartCount) {
 bool Persistence::storePlacement(std::vector<MapAsset> assets, StoreCallback callback) {
   std::shared_ptr<CloudAPI> cloud = sessionState_->cloudApi();
   cloud->postMetric(kMetricAssetSaved, std::nullopt, true, true);
+  for (const MapAsset& asset : assets) {
+    if (!isValidUtf8(asset.assetID)) {
+      deps_.logger->systemLog(LogLevel::kError,
+                              "Cannot store assets: an asset identifier is not valid UTF-8");
+      return false;
+    }
+    if (!isPlausiblePosition(asset.position) || !std::isfinite(asset.orientation)) {
+      deps_.logger->systemLog(LogLevel::kError, "Cannot store asset " + asset.assetID +
+                                                    ": its position is not finite or lies beyond " +
+                                                    "the map's range");
+      return false;
+    }
+  }
   if (isLocalizationSession()) {
     std::optional<std::vector<float>> translation;
     std::optional<float> confidence;

@@ -27,7 +27,7 @@ class DataManager;
 class CameraPathModelQueue;
 class PointCloudModelQueue;
 class Activation;
-struct DetectedObject;
+class DetectedObject;
 
 // Owned by the session facade through shared_ptr (the polling loop and in-flight work keep it
 // alive). Thread-safe: frames arrive on the update queue, planes on the host's thread, objects and

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <vector>
 
+#include "omrakit/map_asset.h"
+
 namespace omra {
 namespace {
 
@@ -79,6 +81,9 @@ std::optional<YawTransform> parseTransformText(std::string_view text) {
     start = comma + 1;
   }
   if (numbers.size() < 4) return std::nullopt;
+  for (int i = 0; i < 4; ++i) {
+    if (!isPlausibleCoordinate(numbers[static_cast<size_t>(i)])) return std::nullopt;
+  }
   return YawTransform{{numbers[0], numbers[1], numbers[2]}, numbers[3]};
 }
 

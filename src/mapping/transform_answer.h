@@ -44,7 +44,8 @@ struct YawTransform {
 };
 
 // "tx,ty,tz,theta": pieces split at ",", empty pieces dropped, each read by its leading numeric
-// prefix (a piece that does not start with a number reads as 0). None when fewer than four numbers.
+// prefix (a piece that does not start with a number reads as 0). None when fewer than four numbers,
+// or when one of the four is not finite or lies beyond kMaxAssetCoordinateMetres.
 std::optional<YawTransform> parseTransformText(std::string_view text);
 
 // translation + R(theta) p.

@@ -102,8 +102,9 @@ AsioDispatcher::~AsioDispatcher() {
     for (auto& [id, entry] : impl_->timers) timers.push_back(entry);
   }
   // Cancel on each timer's own strand so a timer object is never touched by two threads at once.
-  for (auto& [timer, strand] : timers) {
-    asio::post(strand, [timer] { timer->cancel(); });
+  // (No structured binding here: clang 14 cannot capture one.)
+  for (auto& entry : timers) {
+    asio::post(entry.second, [timer = entry.first] { timer->cancel(); });
   }
   // Waits for queued and running work (including the cancelled timers' handlers) to finish.
   impl_->pool.join();

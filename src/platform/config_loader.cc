@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "omrakit/platform/http_client.h"
-#include "src/platform/json_body.h"
+#include "src/foundation/json_reader.h"
 
 namespace omra {
 namespace {
@@ -312,9 +312,13 @@ EnvLookup processEnv() {
   };
 }
 
+// A configuration is a handful of keys; anything bigger is not one.
+constexpr size_t kMaxConfigBytes = 1u << 20;
+
 std::optional<std::string> applyConfigJson(std::string_view text, Config& config) {
-  auto parsed = parseJsonBody(text);
-  if (!parsed) return std::string("the configuration file is not valid JSON");
+  std::string error;
+  auto parsed = readJson(text, &error, {kMaxJsonDepth, kMaxConfigBytes});
+  if (!parsed) return "the configuration file is not valid JSON: " + error;
   if (!parsed->is_object()) return std::string("the configuration file must hold one JSON object");
   const Json& root = *parsed;
   for (const auto& [key, value] : root.items()) {

@@ -12,7 +12,7 @@
 #include <unordered_set>
 
 #include "src/foundation/fatal.h"
-#include "src/platform/json_body.h"
+#include "src/foundation/json_reader.h"
 
 namespace omra {
 
@@ -192,7 +192,8 @@ struct CurlHttpClient::Worker {
       r.headers = responseHeaders(t->easy);
       r.status = status;
       r.body = std::move(t->body);
-      r.json = parseJsonBody(r.body);
+      // Read once here; a refused body is marked so that nobody reads it again.
+      if (!r.body.empty()) r.json = readJson(r.body).value_or(Json(Json::value_t::discarded));
     }
     complete(std::move(t), std::move(r));
   }

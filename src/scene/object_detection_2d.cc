@@ -66,9 +66,12 @@ void ObjectDetection2D::classifyImage(const PixelBuffer& image,
   }
   lastExecutionNs_ = nowNs();
   std::shared_ptr<const Activation> activation = processDetectionResult(result);
-  // Unexpected results call nobody and keep the semaphore taken: the next classifyImage waits
-  // until this object goes away. The detector's own behaviour, kept.
-  if (!activation) return;
+  // Unexpected results call nobody, but the next frame gets its turn: a model that misbehaves
+  // once must not stop detection for the rest of the session.
+  if (!activation) {
+    semaphore_->signal();
+    return;
+  }
   if (callback) callback(activation->predictions, activation);
   dispatcher_.mainQueue().post([overlays = overlays_, n = numBoxes] { hide(*overlays, n); });
   semaphore_->signal();
@@ -76,17 +79,27 @@ void ObjectDetection2D::classifyImage(const PixelBuffer& image,
 
 std::shared_ptr<const Activation> ObjectDetection2D::processDetectionResult(
     const DetectorResult& result) {
-  if (result.outputs.size() != 4) return nullptr;
-  const Tensor& scores = result.outputs[1].tensor;
-  const Tensor& boxes = result.outputs[2].tensor;
-  const Tensor& activation = result.outputs[3].tensor;
-  if (scores.empty() || boxes.empty() || activation.empty()) return nullptr;
-  // Outputs of the wrong size are refused, never read out of range.
-  if (!ssdPostProcessor_.acceptsOutputs(boxes, scores) || activation.shape().size() < 3) {
-    if (logger_) logger_->print("Detector outputs have unexpected sizes; frame dropped");
+  std::string why;
+  std::optional<SSDPostProcessor::Outputs> outputs;
+  if (result.outputs.size() != 4) {
+    why = "the detector gave " + std::to_string(result.outputs.size()) + " outputs, expected 4";
+  } else if (const Tensor& activation = result.outputs[3].tensor;
+             !activation.fitsStorage() || activation.empty() || activation.shape().size() < 3) {
+    why = "the activation is not a three-dimensional feature map inside its storage";
+  } else {
+    // Outputs of the wrong size or layout are refused, never read out of range.
+    outputs = ssdPostProcessor_.canonicalOutputs(result.outputs[2].tensor, result.outputs[1].tensor,
+                                                 &why);
+  }
+  if (!outputs) {
+    // Once per detector: a broken model would otherwise log every frame.
+    if (logger_ && !reportedBadOutputs_.exchange(true)) {
+      logger_->systemLog(LogLevel::kError, "Detector outputs dropped: " + why);
+    }
     return nullptr;
   }
-  return std::make_shared<const Activation>(ssdPostProcessor_.process(boxes, scores), activation);
+  return std::make_shared<const Activation>(
+      ssdPostProcessor_.process(outputs->boxes, outputs->scores), result.outputs[3].tensor);
 }
 
 void ObjectDetection2D::hide(Overlays& overlays, int numBoxes) {

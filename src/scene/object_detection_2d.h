@@ -40,7 +40,7 @@ class ObjectDetection2D {
   ~ObjectDetection2D();
 
   // Dismisses a call waiting on the semaphore (it returns without running the model), and every
-  // later call. Lets an owner shut down even after unexpected results kept the semaphore taken.
+  // later call.
   // Thread-safe.
   void close();
 
@@ -77,6 +77,7 @@ class ObjectDetection2D {
 
   std::unique_ptr<Semaphore> semaphore_;
   std::atomic<bool> closing_{false};
+  std::atomic<bool> reportedBadOutputs_{false};
   std::atomic<int64_t> lastExecutionNs_;
   const SSDPostProcessor ssdPostProcessor_;
   const std::shared_ptr<DetectorModel> visionModel_;

@@ -35,6 +35,47 @@ struct FlatValues {
   double operator[](size_t i) const { return f ? f[i] : d[i]; }
 };
 
+// The shape without its leading dimensions of 1 (a batch of one), keeping at least one.
+std::vector<int64_t> withoutBatch(const std::vector<int64_t>& shape) {
+  size_t first = 0;
+  while (first + 1 < shape.size() && shape[first] == 1) ++first;
+  return {shape.begin() + static_cast<std::ptrdiff_t>(first), shape.end()};
+}
+
+enum class Layout { kRowsMajor, kAnchorMajor, kWrong, kAmbiguous };
+
+// [rows, anchors] or [anchors, rows].
+Layout layoutOf(const Tensor& t, int64_t rows, int64_t anchors) {
+  const std::vector<int64_t> s = withoutBatch(t.shape());
+  if (s.size() != 2) {
+    // A flat run of the right count could be either.
+    return s.size() == 1 && s[0] == rows * anchors ? Layout::kAmbiguous : Layout::kWrong;
+  }
+  const bool rowsMajor = s[0] == rows && s[1] == anchors;
+  const bool anchorMajor = s[0] == anchors && s[1] == rows;
+  if (rowsMajor && anchorMajor) return Layout::kAmbiguous;
+  if (rowsMajor) return Layout::kRowsMajor;
+  if (anchorMajor) return Layout::kAnchorMajor;
+  return Layout::kWrong;
+}
+
+std::string shapeText(const Tensor& t) {
+  std::string text = "[";
+  for (size_t i = 0; i < t.shape().size(); ++i) {
+    if (i > 0) text += ", ";
+    text += std::to_string(t.shape()[i]);
+  }
+  return text + "]";
+}
+
+// A contiguous [rows, anchors] copy of a [.., anchors, rows] tensor.
+Tensor transposedCopy(const Tensor& t, int64_t rows, int64_t anchors) {
+  const std::vector<int64_t>& st = t.strides();
+  const size_t n = st.size();
+  const Tensor view({rows, anchors}, {st[n - 1], st[n - 2]}, t.dataType(), t.storage(), t.offset());
+  return Tensor::fromFloats({rows, anchors}, view.toFloats());
+}
+
 std::vector<std::string> split(const std::string& text, char sep) {
   std::vector<std::string> parts;
   std::string part;
@@ -68,7 +109,46 @@ SSDPostProcessor::SSDPostProcessor(int numAnchors_, int numClasses_, double thre
 
 bool SSDPostProcessor::acceptsOutputs(const Tensor& boxes, const Tensor& scores) const {
   const int64_t n = numAnchors;
-  return boxes.count() == 4 * n && scores.count() == (numClasses + 1) * n;
+  return boxes.fitsStorage() && scores.fitsStorage() && boxes.count() == 4 * n &&
+         scores.count() == (numClasses + 1) * n && layoutOf(boxes, 4, n) == Layout::kRowsMajor &&
+         layoutOf(scores, numClasses + 1, n) == Layout::kRowsMajor;
+}
+
+std::optional<SSDPostProcessor::Outputs> SSDPostProcessor::canonicalOutputs(
+    const Tensor& boxes, const Tensor& scores, std::string* why) const {
+  const int64_t n = numAnchors;
+  auto fail = [&](std::string message) -> std::optional<Outputs> {
+    if (why) *why = std::move(message);
+    return std::nullopt;
+  };
+  if (!boxes.fitsStorage() || !scores.fitsStorage()) {
+    return fail("a detector output addresses elements beyond its storage");
+  }
+  Outputs out{boxes, scores};
+  const struct {
+    Tensor& tensor;
+    int64_t rows;
+    const char* what;
+  } parts[] = {{out.boxes, 4, "box encodings"}, {out.scores, numClasses + 1, "class scores"}};
+  for (const auto& part : parts) {
+    const std::string expected = "[" + std::to_string(part.rows) + ", " + std::to_string(n) +
+                                 "] or [" + std::to_string(n) + ", " + std::to_string(part.rows) +
+                                 "]";
+    switch (layoutOf(part.tensor, part.rows, n)) {
+      case Layout::kRowsMajor:
+        break;
+      case Layout::kAnchorMajor:
+        part.tensor = transposedCopy(part.tensor, part.rows, n);
+        break;
+      case Layout::kAmbiguous:
+        return fail(std::string(part.what) + " of shape " + shapeText(part.tensor) +
+                    " do not say their layout; expected " + expected);
+      case Layout::kWrong:
+        return fail(std::string(part.what) + " of shape " + shapeText(part.tensor) + "; expected " +
+                    expected);
+    }
+  }
+  return out;
 }
 
 Rect SSDPostProcessor::modelPixelRect(const OrientedBoundingBox& b) {

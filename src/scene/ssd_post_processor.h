@@ -27,9 +27,20 @@ class SSDPostProcessor {
   std::optional<std::vector<std::string>> classNames;
   std::string classNamesRaw;
 
-  // True when the tensors hold exactly 4 x numAnchors encodings and (numClasses + 1) x numAnchors
-  // scores; the readers below are fatal on anything else.
+  // True when the tensors fit their storage and are shaped [4, numAnchors] (encodings) and
+  // [numClasses + 1, numAnchors] (scores), leading dimensions of 1 aside; the readers below are
+  // fatal on anything else.
   bool acceptsOutputs(const Tensor& boxPredictions, const Tensor& classPredictions) const;
+
+  struct Outputs {
+    Tensor boxes, scores;
+  };
+  // A model's outputs in the layout the readers take. Exported SSD models often give them
+  // anchor-major ([numAnchors, 4] and [numAnchors, numClasses + 1]): those are told apart by shape
+  // and transposed. None, with *why, for a tensor that does not fit its storage, has the wrong
+  // number of values, or whose shape does not say which layout it is in.
+  std::optional<Outputs> canonicalOutputs(const Tensor& boxPredictions,
+                                          const Tensor& classPredictions, std::string* why) const;
 
   // Per class number (index 0, the background, stays empty): every anchor whose score is strictly
   // above the threshold. Tensors are read flat: score of anchor b for class c at c*numAnchors+b,

@@ -7,6 +7,7 @@
 #include "src/cloud/cloud_api.h"
 #include "src/cloud/metrics.h"
 #include "src/foundation/fatal.h"
+#include "src/foundation/json_reader.h"
 #include "src/mapping/data_manager.h"
 #include "src/mapping/persistence.h"
 #include "src/platform/md5.h"
@@ -179,7 +180,16 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
     }
   });
   s.sessionState->setDataManager(s.dataManager);
-  if (mapMode == SessionMode::mapping) {
+  // Identifiers go into JSON bodies and records: bytes that are not text would be refused by the
+  // back end or break an encoder later, so the session does not open at all.
+  const bool textIdentifiers =
+      isValidUtf8(s.appID) && isValidUtf8(s.userID) && isValidUtf8(s.mapID);
+  if (!textIdentifiers) {
+    s.env.logger->systemLog(LogLevel::kError,
+                            "OmraSession not opened: the bundle, user or map identifier is not "
+                            "valid UTF-8");
+    mapStatusCallback(MapStatus::networkError);
+  } else if (mapMode == SessionMode::mapping) {
     s.dataManager->setMappingMode(mapStatusCallback);
   } else {
     s.dataManager->setLocalizationMode(mapStatusCallback);
@@ -203,14 +213,16 @@ OmraSession::OmraSession(Env env, SessionMode mapMode, std::string userID, std::
         s.env.logger, s.env.device);
   }
 
-  if (mapMode != SessionMode::mapping) {
+  if (mapMode != SessionMode::mapping && textIdentifiers) {
     s.persistenceManager->queryAssets(s.sessionState->restartCount());
   }
   Impl::scheduleMeasureFPS(dispatcher, s.updateInProgressCheckSyncQueue, s.sessionState,
                            s.counters);
   // User and map identifiers stand side by side in this line on purpose.
-  s.env.logger->systemLog(LogLevel::kInfo, "OmraSession created for " + s.appID + " " + s.userID +
-                                               s.mapID + " - mode: " + modeDescription(mapMode));
+  if (textIdentifiers) {
+    s.env.logger->systemLog(LogLevel::kInfo, "OmraSession created for " + s.appID + " " + s.userID +
+                                                 s.mapID + " - mode: " + modeDescription(mapMode));
+  }
   s.sessionState->setReadyTime(std::chrono::system_clock::now());
 }
 
@@ -309,6 +321,11 @@ bool OmraSession::listNearbyMaps(const std::optional<std::string>& userID, doubl
                                  double latitude, double longitudeDelta, double latitudeDelta,
                                  MapsFoundCallback mapsFoundCallback) {
   Impl& s = *impl_;
+  if (userID && !isValidUtf8(*userID)) {
+    s.env.logger->systemLog(LogLevel::kError,
+                            "listNearbyMaps: the user identifier is not valid UTF-8");
+    return false;
+  }
   std::shared_ptr<DataManager> manager = s.sessionState->dataManager();
   if (!manager) {
     // The text speaks of storing assets here too; it is kept word for word.

@@ -10,10 +10,12 @@
 
 #include "omrakit/settings.h"
 #include "src/cloud/metrics.h"
+#include "src/foundation/json_reader.h"
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/curl_http_client.h"
 #include "src/platform/fixed_device_info.h"
 #include "src/platform/memory_metrics_sink.h"
+#include "tests/common/locale_testutil.h"
 
 namespace omra {
 namespace {
@@ -284,6 +286,10 @@ TEST_F(CloudApiTest, DeliveryRules) {
       {"empty body", 200, "", "application/json", false},
       {"truncated json", 200, R"({"uuid": "AB)", "application/json", false},
       {"not json at all", 200, "uuid=AB", "text/plain", false},
+      // Refused by the client's reader, and never parsed a second time.
+      {"deeply nested", 200, "{\"uuid\":" + std::string(100000, '[') + "],\"x\":1}",
+       "application/json", false},
+      {"not utf-8", 200, "{\"uuid\":\"\xff\"}", "application/json", false},
   };
   int sent = 0;
   for (const auto& s : scenarios) {
@@ -310,6 +316,57 @@ TEST_F(CloudApiTest, DeliveryRules) {
     EXPECT_EQ(found, asset);
     EXPECT_EQ(nearby, std::vector<std::vector<Map>>(1));
   }
+}
+
+// A host's own client may leave bodies unparsed, or mark a refused one: either way the reader is
+// the bounded one, and a refused body stays refused.
+TEST(CloudApiParsing, ReplyJsonReadsOnceAndBounded) {
+  const std::string deep = "{\"uuid\":" + std::string(100000, '[') + "],\"x\":1}";
+  const struct {
+    const char* name;
+    HttpResponse response;
+    std::optional<Json> expected;
+  } cases[] = {
+      {"unparsed object", {200, "", R"({"uuid":"A"})", std::nullopt}, Json{{"uuid", "A"}}},
+      {"unparsed deep", {200, "", deep, std::nullopt}, std::nullopt},
+      {"unparsed not utf-8", {200, "", "[\"\xc3\x28\"]", std::nullopt}, std::nullopt},
+      {"refused by the client",
+       {200, "", R"({"uuid":"A"})", Json(Json::value_t::discarded)},
+       std::nullopt},
+      {"parsed by the client", {200, "", "ignored", Json::array({1})}, Json::array({1})},
+      {"transport failure", {0, "timed out", R"({"uuid":"A"})", std::nullopt}, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(CloudAPI::replyJson(c.response), c.expected);
+  }
+}
+
+// Keeps the last request and never answers: the body as built, with no thread in between.
+class LastRequestClient : public HttpClient {
+ public:
+  void send(HttpRequest request, Completion) override { last = std::move(request); }
+  HttpRequest last;
+};
+
+// GTK and Qt hosts run under their user's locale; the body's numbers must not follow it.
+TEST(CloudApiLocale, PlacementsKeepTheirDecimalsUnderACommaLocale) {
+  OMRA_UNDER_COMMA_LOCALE(locale);
+  auto http = std::make_shared<LastRequestClient>();
+  auto device = std::make_shared<FixedDeviceInfo>(FixedDeviceInfo::Values{
+      "com.example.host", "12.4", "iPhone10,3", std::nullopt, std::nullopt});
+  const std::string o = "http://127.0.0.1:9";
+  CloudAPI api(false, "com.example.host", kDevKeyHash,
+               {http, device, nullptr, Urls({o, o, o, o, o, o})});
+  api.placeAssetOnMap("MAP-1", {MapAsset("chair", Vector3(0.1f, -2.5f, 3.75f), -0.25f)},
+                      [](Json) {});
+  const std::optional<Json> body = readJson(http->last.body);
+  ASSERT_TRUE(body.has_value()) << http->last.body;
+  const Json& chair = body->at("placements").at(0);
+  EXPECT_EQ(chair.at("x").get<double>(), 0.1);
+  EXPECT_EQ(chair.at("y").get<double>(), -2.5);
+  EXPECT_EQ(chair.at("z").get<double>(), 3.75);
+  EXPECT_EQ(chair.at("orientation").get<double>(), -0.25);
 }
 
 TEST(CloudApiParsing, NearbyMapsEntries) {

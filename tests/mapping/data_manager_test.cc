@@ -133,6 +133,9 @@ TEST(DataManager, DictionaryConversion) {
   EXPECT_FALSE(DataManager::convertToDictionary("<html>"));
   EXPECT_FALSE(DataManager::convertToDictionary(""));
   EXPECT_FALSE(DataManager::convertToDictionary("{\"a\":\"\xff\"}"));  // not UTF-8
+  // A deep value followed by another key: refused before any document is built.
+  EXPECT_FALSE(
+      DataManager::convertToDictionary("{\"a\":" + std::string(100000, '[') + "],\"b\":1}"));
 }
 
 TEST(DataManager, DataDirectoryCarriesTheCreationTime) {

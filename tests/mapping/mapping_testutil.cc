@@ -3,23 +3,40 @@
 #include <thread>
 
 #include "src/cloud/record_tables.h"
+#include "src/foundation/json_reader.h"
 
 namespace omra {
 
 void ScriptedHttpClient::send(HttpRequest request, Completion completion) {
   SeenRequest seen{request.method, request.url, Json()};
   if (!request.body.empty()) {
-    Json parsed = Json::parse(request.body, nullptr, false);
-    if (!parsed.is_discarded()) seen.body = std::move(parsed);
+    if (std::optional<Json> parsed = readJson(request.body)) seen.body = std::move(*parsed);
   }
   Handler handler;
+  RawHandler rawHandler;
   {
     std::lock_guard lock(mutex_);
     requests_.push_back(seen);
     handler = handler_;
+    rawHandler = rawHandler_;
+  }
+  HttpResponse response;
+  if (rawHandler) {
+    if (std::optional<std::string> raw = rawHandler(seen)) {
+      response.status = 200;
+      response.body = std::move(*raw);
+      if (!response.body.empty()) {
+        response.json = readJson(response.body).value_or(Json(Json::value_t::discarded));
+      }
+    } else {
+      response.transportError = "Connection refused";
+    }
+    main_.post([completion = std::move(completion), response = std::move(response)] {
+      completion(response);
+    });
+    return;
   }
   std::optional<Json> answer = handler ? handler(seen) : std::nullopt;
-  HttpResponse response;
   if (answer) {
     response.status = 200;
     response.body = answer->dump();
@@ -35,6 +52,11 @@ void ScriptedHttpClient::send(HttpRequest request, Completion completion) {
 void ScriptedHttpClient::setHandler(Handler handler) {
   std::lock_guard lock(mutex_);
   handler_ = std::move(handler);
+}
+
+void ScriptedHttpClient::setRawHandler(RawHandler handler) {
+  std::lock_guard lock(mutex_);
+  rawHandler_ = std::move(handler);
 }
 
 std::vector<SeenRequest> ScriptedHttpClient::requests() const {

@@ -40,9 +40,14 @@ class ScriptedHttpClient : public HttpClient {
   // No value: the request fails in transport ("connection refused").
   using Handler = std::function<std::optional<Json>(const SeenRequest&)>;
 
+  // Answers with raw body bytes, read as the libcurl client reads them (a refused body is marked).
+  // Takes precedence over the Json handler while set. No value: transport failure.
+  using RawHandler = std::function<std::optional<std::string>(const SeenRequest&)>;
+
   explicit ScriptedHttpClient(MainQueue& mainQueue) : main_(mainQueue) {}
   void send(HttpRequest request, Completion completion) override;
   void setHandler(Handler handler);
+  void setRawHandler(RawHandler handler);
   std::vector<SeenRequest> requests() const;
   // Requests whose URL contains needle.
   std::vector<SeenRequest> requestsTo(const std::string& needle) const;
@@ -51,6 +56,7 @@ class ScriptedHttpClient : public HttpClient {
   MainQueue& main_;
   mutable std::mutex mutex_;
   Handler handler_;
+  RawHandler rawHandler_;
   std::vector<SeenRequest> requests_;
 };
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "omrakit/settings.h"
 #include "src/foundation/number_format.h"
 #include "src/mapping/persistence.h"
@@ -118,6 +120,13 @@ TEST(Relocalization, MalformedInputIsDroppedNotFatal) {
           7,
           {"placement":{"x":0,"y":0,"z":0,"ori":0},"asset":{"id":"ok"}}]})",
        {"ok"}},
+      // Stored values no room holds: beyond the documented bound, or beyond a float.
+      {R"({"placements":[
+          {"placement":{"x":1e300,"y":0,"z":0,"ori":0},"asset":{"id":"far"}},
+          {"placement":{"x":0,"y":-10000.5,"z":0,"ori":0},"asset":{"id":"deep"}},
+          {"placement":{"x":0,"y":0,"z":0,"ori":1e39},"asset":{"id":"spun"}},
+          {"placement":{"x":-10000,"y":0,"z":10000,"ori":0},"asset":{"id":"edge"}}]})",
+       {"edge"}},
       {R"({"placements":{"not":"an array"}})", {}},
   };
   for (const auto& [reply, ids] : replies) {
@@ -131,6 +140,28 @@ TEST(Relocalization, MalformedInputIsDroppedNotFatal) {
     }
     EXPECT_EQ(found, ids) << reply;
   }
+}
+
+TEST(Relocalization, ImplausibleTransformsNeverReachTheHost) {
+  for (const char* transform : {"nan,nan,nan,nan", "inf,0,-inf,0", "1e30,0,-1e30,1e9", "0,0,0,nan",
+                                "10000.5,0,0,0", "0,0,0,1e39"}) {
+    SCOPED_TRACE(transform);
+    Relocalization r;
+    r.persistence->transformRetrieved("su_localizer", transform, 0.9f);
+    r.persistence->transformRetrieved("full_image_matcher", transform, 0.9f);
+    EXPECT_TRUE(r.h.assetsFound().empty());
+    EXPECT_FALSE(r.persistence->bestSULocalizerMatchValue());
+    EXPECT_TRUE(r.h.logger->contains("unreadable or implausible transform"));
+  }
+  // A transform inside the bound that carries a stored asset past it drops that asset only.
+  Relocalization r;
+  std::vector<std::string> ids;
+  for (const MapAsset& a : r.persistence->convertAssetsToLocalFrame("9999.5,0,0,0")) {
+    ids.push_back(a.assetID);
+    EXPECT_TRUE(isPlausiblePosition(a.position));
+  }
+  EXPECT_TRUE(ids.empty()) << "both stored assets lie at x >= 1";
+  EXPECT_EQ(r.persistence->convertAssetsToLocalFrame("9998,0,0,0").size(), 2u);
 }
 
 TEST(Relocalization, PollingEveryIntervalUntilRestart) {
@@ -184,6 +215,25 @@ TEST(StorePlacement, RefusalsLogAndNeverCallBack) {
   EXPECT_TRUE(localization.h.logger->contains(
       "Cannot store new assets in localization mode until previous assets have been localized"));
   EXPECT_EQ(localization.metric("OmraKit.AssetSaved"), 2u);  // posted before any check
+
+  // Identifiers that are not text, and positions no map holds, are refused before sending.
+  Relocalization mapping(SessionMode::mapping);
+  const float kNan = std::numeric_limits<float>::quiet_NaN();
+  const std::vector<MapAsset> refused[] = {
+      {MapAsset("ok", {}, 0), MapAsset("caf\xc3", {}, 0)},
+      {MapAsset("\xff", {}, 0)},
+      {MapAsset("far", {1e30f, 0, 0}, 0)},
+      {MapAsset("deep", {0, -10001, 0}, 0)},
+      {MapAsset("nan", {kNan, 0, 0}, 0)},
+      {MapAsset("spun", {}, kNan)},
+  };
+  for (const auto& assets : refused) {
+    EXPECT_FALSE(mapping.persistence->storePlacement(assets, [&](bool) { called = true; }));
+  }
+  EXPECT_TRUE(mapping.h.logger->contains("an asset identifier is not valid UTF-8"));
+  EXPECT_TRUE(mapping.h.logger->contains("Cannot store asset far"));
+  mapping.h.pumpFor(std::chrono::milliseconds(20));
+  EXPECT_TRUE(mapping.h.http->requestsTo("/place_asset_on_map").empty());
 
   // Mapping before the map exists.
   MappingHarness h(SessionMode::mapping);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -174,28 +175,114 @@ class ObjectDetection2DTest : public ::testing::Test {
   std::shared_ptr<MemoryLogger> logger_ = std::make_shared<MemoryLogger>();
 };
 
-TEST_F(ObjectDetection2DTest, UnexpectedResultsCallNobodyAndKeepTheSemaphore) {
-  DetectorResult three = chairOutputs();
-  three.outputs.pop_back();
-  auto model = ScriptedDetectorModel::returning(three);
-  ObjectDetection2D d(800, 600, model, *dispatcher_, logger_);
-  int calls = 0;
-  auto count = [&](const std::vector<Prediction>&, std::shared_ptr<const Activation>) { ++calls; };
-  d.classifyImage(frameAt(0).capturedImage, count, phoneOrientation::portrait);
-  EXPECT_EQ(calls, 0);
-  EXPECT_EQ(model->orientations(), std::vector<ImageOrientation>{ImageOrientation::kRight});
-  // The semaphore stays taken: the next call waits until the detector is closed.
-  std::atomic<bool> returned{false};
-  std::thread second([&] {
-    d.classifyImage(frameAt(0).capturedImage, count, phoneOrientation::portrait);
-    returned = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_FALSE(returned);
-  d.close();
-  second.join();
-  EXPECT_EQ(model->calls(), 1);
-  EXPECT_EQ(calls, 0);
+// Scores of chairOutputs() laid out anchor-major, as exported SSD models give them.
+Tensor anchorMajorScores(std::vector<int64_t> shape) {
+  const std::vector<float> classMajor = chairOutputs().outputs[1].tensor.toFloats();
+  std::vector<float> values(classMajor.size());
+  for (int64_t c = 0; c < 91; ++c) {
+    for (int64_t a = 0; a < kN; ++a) values[a * 91 + c] = classMajor[c * kN + a];
+  }
+  return Tensor::fromFloats(std::move(shape), values);
+}
+
+// A model that misbehaves is logged once, calls nobody, and never stops detection: every frame
+// still gets its run.
+TEST_F(ObjectDetection2DTest, UnexpectedResultsCallNobodyLogOnceAndReleaseTheSemaphore) {
+  auto spoil = [](std::function<void(DetectorResult&)> f) {
+    DetectorResult r = chairOutputs();
+    f(r);
+    return r;
+  };
+  auto shortStorage = std::make_shared<std::vector<std::byte>>(4 * kN * sizeof(float) - 4);
+  const struct {
+    const char* name;
+    DetectorResult result;
+    const char* says;
+  } cases[] = {
+      {"three outputs", spoil([](DetectorResult& r) { r.outputs.pop_back(); }), "3 outputs"},
+      {"scores one class short", spoil([](DetectorResult& r) {
+         r.outputs[1].tensor = Tensor::fromFloats({90, kN}, std::vector<float>(90 * kN));
+       }),
+       "class scores of shape [90, 1917]"},
+      {"view past its storage", spoil([&](DetectorResult& r) {
+         r.outputs[2].tensor = Tensor({4, kN}, {kN, 1}, TensorDataType::kFloat32, shortStorage);
+       }),
+       "beyond its storage"},
+      {"negative stride before the start", spoil([&](DetectorResult& r) {
+         r.outputs[2].tensor = Tensor({4, kN}, {-kN, 1}, TensorDataType::kFloat32, shortStorage);
+       }),
+       "beyond its storage"},
+      {"flat scores", spoil([](DetectorResult& r) {
+         r.outputs[1].tensor = Tensor::fromFloats({91 * kN}, std::vector<float>(91 * kN));
+       }),
+       "do not say their layout"},
+      {"flat activation", spoil([](DetectorResult& r) {
+         r.outputs[3].tensor = Tensor::fromFloats({2}, {1, 2});
+       }),
+       "three-dimensional"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto model = ScriptedDetectorModel::returning(c.result);
+    auto logger = std::make_shared<MemoryLogger>();
+    ObjectDetection2D d(800, 600, model, *dispatcher_, logger);
+    std::atomic<int> calls{0};
+    auto count = [&](const std::vector<Prediction>&, std::shared_ptr<const Activation>) {
+      ++calls;
+    };
+    auto frames = std::async(std::launch::async, [&] {
+      for (int i = 0; i < 3; ++i) {
+        d.classifyImage(frameAt(0).capturedImage, count, phoneOrientation::portrait);
+      }
+    });
+    const bool finished = frames.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    if (!finished) d.close();  // lets a stuck run return, so that the failure is reported
+    frames.get();
+    EXPECT_TRUE(finished) << "a bad result kept the semaphore";
+    EXPECT_EQ(model->calls(), 3);
+    EXPECT_EQ(calls, 0);
+    size_t reports = 0;
+    for (const MemoryLogger::Line& line : logger->lines()) {
+      if (line.text.find("Detector outputs dropped") == std::string::npos) continue;
+      ++reports;
+      EXPECT_EQ(line.level, LogLevel::kError);
+      EXPECT_NE(line.text.find(c.says), std::string::npos) << line.text;
+    }
+    EXPECT_EQ(reports, 1u);
+  }
+}
+
+// The layouts are told apart by shape, so the chair is found in each.
+TEST_F(ObjectDetection2DTest, AnchorMajorOutputsAreReadLikeClassMajorOnes) {
+  auto boxesAnchorMajor = [](std::vector<int64_t> shape) {
+    return Tensor::fromFloats(std::move(shape), std::vector<float>(4 * kN));
+  };
+  const struct {
+    const char* name;
+    Tensor scores, boxes;
+  } cases[] = {
+      {"class-major", chairOutputs().outputs[1].tensor, chairOutputs().outputs[2].tensor},
+      {"class-major with a batch",
+       Tensor::fromFloats({1, 91, kN}, chairOutputs().outputs[1].tensor.toFloats()),
+       Tensor::fromFloats({1, 4, kN}, std::vector<float>(4 * kN))},
+      {"anchor-major", anchorMajorScores({kN, 91}), boxesAnchorMajor({kN, 4})},
+      {"anchor-major with a batch", anchorMajorScores({1, kN, 91}), boxesAnchorMajor({1, kN, 4})},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    DetectorResult r = chairOutputs();
+    r.outputs[1].tensor = c.scores;
+    r.outputs[2].tensor = c.boxes;
+    ObjectDetection2D d(800, 600, ScriptedDetectorModel::returning(r), *dispatcher_, logger_);
+    std::vector<Prediction> got;
+    d.classifyImage(
+        frameAt(0).capturedImage,
+        [&](const std::vector<Prediction>& p, std::shared_ptr<const Activation>) { got = p; },
+        phoneOrientation::portrait);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(d.classNames()[static_cast<size_t>(got[0].detectedClass)], "chair");
+    EXPECT_NEAR(got[0].score, 0.9, 1e-6);
+  }
 }
 
 TEST_F(ObjectDetection2DTest, WrongSizedOutputsAreNeverRead) {

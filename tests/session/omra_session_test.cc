@@ -42,10 +42,11 @@ struct SessionRun {
     session.reset();
   }
 
-  void start(SessionMode mode, SessionOptions options = {}) {
+  void start(SessionMode mode, SessionOptions options = {}, std::string user = "user-1",
+             std::string map = "map-1") {
     if (!options.endpoints) options.endpoints = backend.hosts();
     session = std::make_unique<OmraSession>(
-        t.env, mode, "user-1", "map-1", "developer-key", 800, 400,
+        t.env, mode, std::move(user), std::move(map), "developer-key", 800, 400,
         [this](std::vector<MapAsset> assets) {
           EXPECT_TRUE(t.mainQueue->isCurrent());
           assetsFound.push_back(std::move(assets));
@@ -144,6 +145,46 @@ TEST(OmraSession, StatusForEveryCreateAnswer) {
       EXPECT_FALSE(run.backend.requests(path).at(0).body.contains("long"));
     }
   }
+}
+
+// Identifiers that are not UTF-8 cannot go into a JSON body: the session says so and stays closed,
+// and nothing is thrown to the host.
+TEST(OmraSession, IdentifiersThatAreNotTextKeepTheSessionClosed) {
+  const struct {
+    SessionMode mode;
+    const char* user;
+    const char* map;
+  } cases[] = {
+      {SessionMode::mapping, "user-\xff", "map-1"},
+      {SessionMode::mapping, "user-1", "caf\xc3"},
+      {SessionMode::localization, "user-1", "\xed\xa0\x80"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(std::string(c.user) + "/" + c.map));
+    SessionRun run;
+    ASSERT_NO_THROW(run.start(c.mode, {}, c.user, c.map));
+    EXPECT_EQ(run.waitForStatus(), MapStatus::networkError);
+    EXPECT_TRUE(run.t.logger->contains("identifier is not valid UTF-8"));
+    EXPECT_FALSE(run.session->currentSessionUUID());
+    EXPECT_FALSE(run.session->storePlacement({MapAsset("a", {}, 0)}, nullptr));
+    run.t.pumpFor(milliseconds(20));
+    EXPECT_EQ(run.backend.requestCount("/maps/create_map") +
+                  run.backend.requestCount("/maps/create_localization_session") +
+                  run.backend.requestCount("/maps/find_assets_on_the_map"),
+              0u);
+  }
+  // An open session refuses such asset and user identifiers per call.
+  SessionRun run;
+  run.start(SessionMode::mapping);
+  ASSERT_EQ(run.waitForStatus(), MapStatus::initialized);
+  bool answered = false;
+  EXPECT_FALSE(run.session->storePlacement({MapAsset("lamp\xff", {1, 0, 0}, 0)},
+                                           [&](bool) { answered = true; }));
+  EXPECT_FALSE(run.session->listNearbyMaps(std::string("\xc0\xaf"), 2, 1, 0.1, 0.1, nullptr));
+  run.t.pumpFor(milliseconds(50));
+  EXPECT_FALSE(answered);
+  EXPECT_EQ(run.backend.requestCount("/maps/place_asset_on_map"), 0u);
+  EXPECT_EQ(run.backend.requestCount("/maps/list_nearby_maps"), 0u);
 }
 
 TEST(OmraSession, CreateRequestCarriesTheHostAndLogsTheStart) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <sstream>
 
+#include "tests/common/locale_testutil.h"
 #include "tests/sim/sim_testutil.h"
 
 namespace omra::sim {
@@ -124,6 +125,11 @@ TEST(RecordingIo, BadInputNamesTheLine) {
       {"after the end", text + "{\"type\":\"frame\"}\n", at(n + 1, "content after the end line")},
       {"wrong frame count", edited(n - 1, lines.back(), "{\"type\":\"end\",\"frames\":3}"),
        at(n, "end line counts 3")},
+      // A deep value and then more keys: refused before a document is built.
+      {"deeply nested", edited(frameLine, "{", "{\"x\":" + std::string(100000, '[') + "],"),
+       at(frameLine + 1, "not a valid JSON object (corrupt line: JSON nested deeper than 64")},
+      {"not utf-8", edited(planeLine, "\"type\":\"plane\"", "\"type\":\"plane\xff\""),
+       at(planeLine + 1, "not a valid JSON object (corrupt line: invalid UTF-8")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -150,6 +156,18 @@ TEST(YawTransform, ComposeInverseAndText) {
   for (const char* bad : {"", "1,2,3", "1,2,3,4,5", "1,2,x,4", "1,2,3,nan", "1,2,3,4 "}) {
     EXPECT_FALSE(YawTransform::fromText(bad).has_value()) << bad;
   }
+}
+
+// Transform texts and recordings do not follow a host's comma-decimal locale.
+TEST(YawTransform, TextIgnoresTheLocale) {
+  OMRA_UNDER_COMMA_LOCALE(locale);
+  const YawTransform a{0.1, -2.5, 3.75, 0.7};
+  EXPECT_EQ(a.toText(), "0.1,-2.5,3.75,0.7");
+  auto back = YawTransform::fromText("0.1,-2.5,3.75,0.7");
+  ASSERT_TRUE(back.has_value());
+  EXPECT_EQ(back->tx, 0.1);
+  EXPECT_EQ(back->ty, -2.5);
+  EXPECT_EQ(back->tz, 3.75);
 }
 
 }  // namespace

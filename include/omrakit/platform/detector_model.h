@@ -25,8 +25,8 @@ class Tensor {
   Tensor() = default;
   // Zero-filled, row-major (last dimension fastest). Negative sizes count as 0.
   Tensor(std::vector<int64_t> shape, TensorDataType type);
-  // A view over existing storage; strides and offset count elements. The caller guarantees the
-  // view stays inside storage.
+  // A view over existing storage; strides and offset count elements. The kit checks fitsStorage()
+  // on every tensor a model hands it and refuses those that do not fit.
   Tensor(std::vector<int64_t> shape, std::vector<int64_t> strides, TensorDataType type,
          std::shared_ptr<std::vector<std::byte>> storage, int64_t offset = 0);
 
@@ -40,6 +40,9 @@ class Tensor {
   int64_t count() const;  // product of the shape; 0 for an empty tensor
   bool empty() const { return !storage_ || count() == 0; }
   bool isContiguous() const;  // row-major with no gaps
+  // Whether every element the shape, strides and offset address lies inside the storage (no size
+  // is negative, nothing overflows). An empty tensor fits.
+  bool fitsStorage() const;
 
   // First element of the view (the element at all-zero subscripts); null when empty.
   const void* data() const;

@@ -27,7 +27,9 @@ struct HttpResponse {
   long status = 0;             // 0 when no HTTP answer arrived
   std::string transportError;  // non-empty when no HTTP answer arrived
   std::string body;
-  std::optional<Json> json;  // the body parsed as JSON, when it is JSON
+  // The body parsed as JSON by the client; a discarded value when the client refused it
+  // (malformed, too deep, too large, invalid UTF-8); none when the client does not parse bodies.
+  std::optional<Json> json;
   // Response headers by lower-case name (a repeated header keeps its last value).
   std::map<std::string, std::string> headers;
 };
@@ -45,7 +47,9 @@ class HttpClient {
     r.method = HttpMethod::kPost;
     r.url = url;
     r.headers["Content-Type"] = "application/json";
-    r.body = body.dump();
+    // Strings are checked where they enter the kit; should one slip through, a replacement
+    // character goes out rather than an exception into the caller.
+    r.body = body.dump(-1, ' ', false, Json::error_handler_t::replace);
     send(std::move(r), std::move(completion));
   }
   void get(const std::string& url, Completion completion) {

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <random>
 
+#include "src/foundation/json_reader.h"
 #include "src/platform/store/attribute_json.h"
 #include "src/platform/store/item_checks.h"
 
@@ -86,7 +87,7 @@ void DynamoDbRecordStore::log(const std::string& message) const {
 std::optional<Json> DynamoDbRecordStore::call(Connection& connection, const std::string& operation,
                                               const Json& request,
                                               std::optional<StoreError>* error) {
-  const std::string body = request.dump();
+  const std::string body = dumpJson(request);
   const std::string target = std::string("X-Amz-Target: ") + kTargetPrefix + operation;
   const std::string sigv4 = "aws:amz:" + options_.region + ":dynamodb";
   const std::string userPwd = options_.accessKeyId + ":" + options_.secretAccessKey;
@@ -132,15 +133,17 @@ std::optional<Json> DynamoDbRecordStore::call(Connection& connection, const std:
                         (curlError[0] != 0 ? curlError : curl_easy_strerror(rc));
       retry = true;
     } else {
-      Json json = Json::parse(answer, nullptr, false);
-      if (status == 200 && !json.is_discarded() && json.is_object()) return json;
-      if (!json.is_discarded() && json.is_object() && !errorType(json).empty()) {
-        const std::string type = errorType(json);
-        failure.message = type + ": " + errorMessage(json);
+      std::string why;
+      std::optional<Json> json = readJson(answer, &why);
+      if (status == 200 && json && json->is_object()) return json;
+      if (json && json->is_object() && !errorType(*json).empty()) {
+        const std::string type = errorType(*json);
+        failure.message = type + ": " + errorMessage(*json);
         retry = status >= 500 || retryableType(type);
       } else {
+        // Quoted through the encoder: the answer's bytes may be anything.
         failure.message = "Unreadable answer from DynamoDB (HTTP " + std::to_string(status) +
-                          "): " + answer.substr(0, 120);
+                          "): " + why + ": " + dumpJson(Json(answer.substr(0, 120)));
         retry = status >= 500;
       }
     }

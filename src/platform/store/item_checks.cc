@@ -2,6 +2,8 @@
 
 #include <cctype>
 
+#include "src/foundation/json_reader.h"
+
 namespace omra {
 namespace {
 
@@ -65,6 +67,19 @@ std::optional<StoreError> checkNumbers(const Item& item) {
   return std::nullopt;
 }
 
+// Stored and sent as JSON text: bytes that are not UTF-8 would be refused there (or thrown on).
+std::optional<StoreError> checkText(const Item& item) {
+  for (const auto& [name, v] : item) {
+    if (!isValidUtf8(name)) return StoreError{"An attribute name is not valid UTF-8"};
+    bool ok = v.type != AttributeValue::Type::kString || isValidUtf8(v.text);
+    for (const auto& [k, s] : v.map) ok = ok && isValidUtf8(k) && isValidUtf8(s);
+    if (!ok)
+      return StoreError{"One or more parameter values were invalid: " + name +
+                        " is not valid UTF-8"};
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 size_t itemSizeBytes(const Item& item) {
@@ -110,6 +125,7 @@ std::optional<StoreError> checkItem(const TableSchema& schema, const Item& item)
 
 std::optional<StoreError> checkItemContents(const Item& item) {
   if (auto e = checkNumbers(item)) return e;
+  if (auto e = checkText(item)) return e;
   const size_t size = itemSizeBytes(item);
   if (size > kMaxItemBytes) {
     return StoreError{std::string(kItemTooLargeMessage) + " (" + std::to_string(size) +
@@ -126,6 +142,7 @@ std::optional<StoreError> checkKey(const TableSchema& schema, const Item& key) {
   if (key.size() != (schema.rangeKey ? 2u : 1u)) {
     return StoreError{"The provided key element does not match the schema"};
   }
+  if (auto e = checkText(key)) return e;
   return checkNumbers(key);
 }
 

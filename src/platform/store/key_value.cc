@@ -1,6 +1,6 @@
 #include "src/platform/store/key_value.h"
 
-#include <cstdlib>
+#include <charconv>
 
 namespace omra {
 
@@ -9,7 +9,11 @@ KeyValue KeyValue::of(const AttributeValue& value) {
   k.text = value.text;
   if (value.type == AttributeValue::Type::kNumber) {
     k.numeric = true;
-    k.number = std::strtold(value.text.c_str(), nullptr);
+    // Locale-free: the text is DynamoDB's number form whatever the host's locale says.
+    const char* begin = value.text.data();
+    const char* end = begin + value.text.size();
+    if (begin != end && *begin == '+') ++begin;
+    std::from_chars(begin, end, k.number);
   }
   return k;
 }

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdlib>
 
+#include "src/foundation/json_reader.h"
 #include "src/platform/store/attribute_json.h"
 #include "src/platform/store/item_checks.h"
 
@@ -41,7 +42,11 @@ void bindKey(sqlite3_stmt* stmt, int index, const AttributeValue& value) {
   if (res.ec == std::errc() && res.ptr == end) {
     sqlite3_bind_int64(stmt, index, n);
   } else {
-    sqlite3_bind_double(stmt, index, std::strtod(value.text.c_str(), nullptr));
+    // from_chars, not strtod: a host's comma-decimal locale must not turn 2.5 into 2.
+    double d = 0;
+    const char* start = begin != end && *begin == '+' ? begin + 1 : begin;
+    std::from_chars(start, end, d);
+    sqlite3_bind_double(stmt, index, d);
   }
 }
 
@@ -305,7 +310,7 @@ std::optional<StoreError> SqliteRecordStore::writeItem(const std::string& table,
   } else {
     sqlite3_bind_int64(s, 2, 0);
   }
-  const std::string text = itemToJson(item).dump();
+  const std::string text = dumpJson(itemToJson(item));
   sqlite3_bind_text(s, 3, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
   const int rc = sqlite3_step(s);
   sqlite3_reset(s);
@@ -427,9 +432,9 @@ std::optional<Item> SqliteRecordStore::get(const std::string& table, const Item&
   std::optional<StoreError> readError;
   if (rc == SQLITE_ROW) {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-    const Json json = Json::parse(text != nullptr ? text : "", nullptr, false);
     std::string why;
-    result = json.is_discarded() ? std::nullopt : itemFromJson(json, &why);
+    const std::optional<Json> json = readJson(text != nullptr ? text : "", &why);
+    result = json ? itemFromJson(*json, &why) : std::nullopt;
     if (!result) readError = StoreError{"unreadable stored item in " + table + " " + why};
   } else if (rc != SQLITE_DONE) {
     readError = c.error("reading " + table);
@@ -489,9 +494,9 @@ QueryPage SqliteRecordStore::query(const std::string& table, const AttributeValu
       break;
     }
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-    const Json json = Json::parse(text != nullptr ? text : "", nullptr, false);
     std::string why;
-    auto item = json.is_discarded() ? std::nullopt : itemFromJson(json, &why);
+    const std::optional<Json> json = readJson(text != nullptr ? text : "", &why);
+    auto item = json ? itemFromJson(*json, &why) : std::nullopt;
     if (!item) {
       readError = StoreError{"unreadable stored item in " + table + " " + why};
       break;

@@ -71,8 +71,40 @@ Tensor Tensor::fromInts(std::vector<int64_t> shape, const std::vector<int32_t>& 
 int64_t Tensor::count() const {
   if (!storage_) return 0;
   int64_t n = 1;
-  for (int64_t s : shape_) n *= s;
+  for (int64_t s : shape_) {
+    // A view whose shape does not fit any storage counts as empty rather than overflowing.
+    if (s <= 0 || __builtin_mul_overflow(n, s, &n)) return 0;
+  }
   return n;
+}
+
+bool Tensor::fitsStorage() const {
+  if (!storage_) return true;
+  if (offset_ < 0) return false;
+  bool empty = false;
+  for (int64_t s : shape_) {
+    if (s < 0) return false;
+    empty = empty || s == 0;
+  }
+  if (empty) return true;
+  // The lowest and highest element the view reaches, relative to its first element.
+  int64_t low = 0, high = 0;
+  for (size_t d = 0; d < shape_.size(); ++d) {
+    int64_t reach;
+    if (__builtin_mul_overflow(shape_[d] - 1, strides_[d], &reach)) return false;
+    if (__builtin_add_overflow(reach < 0 ? low : high, reach, reach < 0 ? &low : &high)) {
+      return false;
+    }
+  }
+  int64_t first, end, bytes;
+  if (__builtin_add_overflow(offset_, low, &first) || first < 0) return false;
+  if (__builtin_add_overflow(offset_, high, &end) || __builtin_add_overflow(end, 1, &end)) {
+    return false;
+  }
+  if (__builtin_mul_overflow(end, static_cast<int64_t>(tensorElementSize(type_)), &bytes)) {
+    return false;
+  }
+  return static_cast<uint64_t>(bytes) <= storage_->size();
 }
 
 bool Tensor::isContiguous() const { return strides_ == rowMajorStrides(shape_); }

@@ -21,6 +21,7 @@
 #include "src/platform/store/dynamodb_record_store.h"
 #include "src/platform/store/memory_record_store.h"
 #include "src/platform/store/sqlite_record_store.h"
+#include "tests/common/locale_testutil.h"
 #include "tests/platform/store/dynalite_testutil.h"
 
 namespace omra {
@@ -203,6 +204,59 @@ TYPED_TEST(RecordStoreTest, DoubleRangeKeysOrderAndReplace) {
     rows.emplace_back(r->timestamp.value_or(0), r->localizer.value_or(""));
   }
   EXPECT_EQ(rows, (std::vector<Row>{{99.25, "new"}, {1763770000.125, "b"}, {1763770000.5, "a"}}));
+}
+
+// Number keys are read the "C" way whatever the host's locale: under a comma-decimal locale a
+// strtod-style reader would take 2.5 and 2.25 for 2, and one row would replace the other.
+TYPED_TEST(RecordStoreTest, NumberKeysIgnoreTheLocale) {
+  OMRA_UNDER_COMMA_LOCALE(locale);
+  const std::string table = TransformResultModel::kTableName;
+  for (double t : {2.5, 2.0, 2.25, 10.75}) {
+    TransformResultModel r;
+    r.sessionId = "locale";
+    r.timestamp = t;
+    r.localizer = "su_localizer";
+    ASSERT_FALSE(this->store_->put(table, r.toItem()));
+  }
+  std::vector<double> seen;
+  for (const Item& item : queryAll(*this->store_, table, AttributeValue::string("locale"))) {
+    seen.push_back(TransformResultModel::fromItem(item)->timestamp.value_or(-1));
+  }
+  EXPECT_EQ(seen, (std::vector<double>{2.0, 2.25, 2.5, 10.75}));
+}
+
+// Text that is not UTF-8 cannot be stored as JSON: refused as a store error, on the caller's
+// thread for put and through the callback for save, never thrown on a worker thread.
+TYPED_TEST(RecordStoreTest, RefusesTextThatIsNotUtf8) {
+  const std::string table = SceneUnderstandingModel::kTableName;
+  const Item good =
+      withRecordId(SceneUnderstandingModel("S", 1, 0, 0, 0, "cup", 1, 1, false).toItem(), 1);
+  const struct {
+    const char* name;
+    std::function<void(Item&)> spoil;
+  } cases[] = {
+      {"string value", [](Item& i) { i["ObjectName"] = AttributeValue::string("cup\xff"); }},
+      {"hash key", [](Item& i) { i["SessionId"] = AttributeValue::string("S\xc3"); }},
+      {"attribute name", [](Item& i) { i["Extra\xc0\xaf"] = AttributeValue::string("x"); }},
+      {"map value",
+       [](Item& i) {
+         i["Extra"] = AttributeValue::stringMap({{"k", "\xed\xa0\x80"}});
+       }},
+      {"map key",
+       [](Item& i) {
+         i["Extra"] = AttributeValue::stringMap({{"\xff", "v"}});
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Item item = good;
+    c.spoil(item);
+    const auto saved = this->saveAndWait(table, item);
+    ASSERT_TRUE(saved.has_value());
+    EXPECT_NE(saved->message.find("UTF-8"), std::string::npos) << saved->message;
+    EXPECT_TRUE(this->store_->put(table, item).has_value());
+  }
+  EXPECT_FALSE(this->saveAndWait(table, good).has_value());
 }
 
 TYPED_TEST(RecordStoreTest, RefusesOversizeAndMalformedItems) {

@@ -1,0 +1,178 @@
+#include "src/foundation/json_reader.h"
+
+#include <charconv>
+#include <cstdint>
+
+namespace omra {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Walks the text without building anything, stopping at the first level past the limit.
+class DepthCheck : public nlohmann::json_sax<Json> {
+ public:
+  explicit DepthCheck(int maxDepth) : maxDepth_(maxDepth) {}
+
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t&) override { return true; }
+  bool string(string_t&) override { return true; }
+  bool binary(binary_t&) override { return true; }
+  bool start_object(std::size_t) override { return enter(); }
+  bool key(string_t&) override { return true; }
+  bool end_object() override { return leave(); }
+  bool start_array(std::size_t) override { return enter(); }
+  bool end_array() override { return leave(); }
+  bool parse_error(std::size_t position, const std::string&,
+                   const nlohmann::detail::exception& e) override {
+    position_ = position;
+    // The lexer's own message quotes the offending bytes; only its kind is kept.
+    const std::string_view what = e.what();
+    badUtf8_ = what.find("UTF-8") != std::string_view::npos ||
+               what.find("surrogate") != std::string_view::npos;
+    return false;
+  }
+
+  bool tooDeep() const { return tooDeep_; }
+  bool badUtf8() const { return badUtf8_; }
+  std::size_t position() const { return position_; }
+
+ private:
+  bool enter() {
+    if (++depth_ > maxDepth_) {
+      tooDeep_ = true;
+      return false;
+    }
+    return true;
+  }
+  bool leave() {
+    --depth_;
+    return true;
+  }
+
+  int maxDepth_;
+  int depth_ = 0;
+  bool tooDeep_ = false;
+  bool badUtf8_ = false;
+  std::size_t position_ = 0;
+};
+
+void setError(std::string* error, std::string message) {
+  if (error) *error = std::move(message);
+}
+
+std::string number(std::size_t n) {
+  char buf[24];
+  return std::string(buf, std::to_chars(buf, buf + sizeof buf, n).ptr);
+}
+
+}  // namespace
+
+std::optional<Json> readJson(std::string_view text, std::string* error, JsonLimits limits) {
+  if (text.empty()) {
+    setError(error, "empty JSON text");
+    return std::nullopt;
+  }
+  if (text.size() > limits.maxBytes) {
+    setError(error, "JSON text of " + number(text.size()) + " bytes is over the limit of " +
+                        number(limits.maxBytes));
+    return std::nullopt;
+  }
+  try {
+    DepthCheck check(limits.maxDepth);
+    if (!Json::sax_parse(text.begin(), text.end(), &check)) {
+      if (check.tooDeep()) {
+        setError(error, "JSON nested deeper than " + number(static_cast<size_t>(limits.maxDepth)) +
+                            " levels");
+      } else if (check.badUtf8()) {
+        setError(error, "invalid UTF-8 in JSON text near byte " + number(check.position()));
+      } else {
+        setError(error, "malformed JSON near byte " + number(check.position()));
+      }
+      return std::nullopt;
+    }
+    Json parsed = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+    if (parsed.is_discarded()) {
+      setError(error, "malformed JSON");
+      return std::nullopt;
+    }
+    return parsed;
+  } catch (const std::exception& e) {
+    // Only allocation can still fail here.
+    setError(error, std::string("JSON text could not be read: ") + e.what());
+    return std::nullopt;
+  }
+}
+
+namespace {
+
+// The length of the valid UTF-8 sequence at p, or 0 when none starts there.
+int sequenceLength(const unsigned char* p, const unsigned char* end) {
+  const unsigned char c = *p;
+  if (c < 0x80) return 1;
+  int extra;
+  uint32_t cp;
+  if (c >= 0xC2 && c <= 0xDF) {
+    extra = 1;
+    cp = c & 0x1F;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    extra = 2;
+    cp = c & 0x0F;
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    extra = 3;
+    cp = c & 0x07;
+  } else {
+    return 0;
+  }
+  if (end - p <= extra) return 0;
+  for (int i = 1; i <= extra; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (p[i] & 0x3F);
+  }
+  // Overlong forms, UTF-16 surrogates and code points past U+10FFFF.
+  if ((extra == 2 && cp < 0x800) || (extra == 3 && cp < 0x10000) || cp > 0x10FFFF ||
+      (cp >= 0xD800 && cp <= 0xDFFF)) {
+    return 0;
+  }
+  return extra + 1;
+}
+
+}  // namespace
+
+bool isValidUtf8(std::string_view text) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const auto* end = p + text.size();
+  while (p < end) {
+    const int n = sequenceLength(p, end);
+    if (n == 0) return false;
+    p += n;
+  }
+  return true;
+}
+
+std::string toValidUtf8(std::string_view text) {
+  if (isValidUtf8(text)) return std::string(text);
+  std::string out;
+  out.reserve(text.size() + 8);
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const auto* end = p + text.size();
+  while (p < end) {
+    const int n = sequenceLength(p, end);
+    if (n == 0) {
+      out += "\xef\xbf\xbd";
+      ++p;
+    } else {
+      out.append(reinterpret_cast<const char*>(p), static_cast<size_t>(n));
+      p += n;
+    }
+  }
+  return out;
+}
+
+std::string dumpJson(const Json& value) {
+  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace omra
