@@ -13,10 +13,10 @@
 
 namespace {
 
-using omra::server::testing::ServiceHarness;
+using omra::server::testing::RouteHarness;
 
 struct Fixture {
-  ServiceHarness harness;
+  RouteHarness harness;
   std::string map, session;
   Fixture() {
     map = harness.createMap("fuzz-room");

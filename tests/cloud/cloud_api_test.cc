@@ -327,14 +327,14 @@ TEST(CloudApiParsing, ReplyJsonReadsOnceAndBounded) {
     HttpResponse response;
     std::optional<Json> expected;
   } cases[] = {
-      {"unparsed object", {200, "", R"({"uuid":"A"})", std::nullopt}, Json{{"uuid", "A"}}},
-      {"unparsed deep", {200, "", deep, std::nullopt}, std::nullopt},
-      {"unparsed not utf-8", {200, "", "[\"\xc3\x28\"]", std::nullopt}, std::nullopt},
+      {"unparsed object", {200, "", R"({"uuid":"A"})", std::nullopt, {}}, Json{{"uuid", "A"}}},
+      {"unparsed deep", {200, "", deep, std::nullopt, {}}, std::nullopt},
+      {"unparsed not utf-8", {200, "", "[\"\xc3\x28\"]", std::nullopt, {}}, std::nullopt},
       {"refused by the client",
-       {200, "", R"({"uuid":"A"})", Json(Json::value_t::discarded)},
+       {200, "", R"({"uuid":"A"})", Json(Json::value_t::discarded), {}},
        std::nullopt},
-      {"parsed by the client", {200, "", "ignored", Json::array({1})}, Json::array({1})},
-      {"transport failure", {0, "timed out", R"({"uuid":"A"})", std::nullopt}, std::nullopt},
+      {"parsed by the client", {200, "", "ignored", Json::array({1}), {}}, Json::array({1})},
+      {"transport failure", {0, "timed out", R"({"uuid":"A"})", std::nullopt, {}}, std::nullopt},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -8,10 +8,10 @@
 
 namespace omra::server::testing {
 
-ServiceHarness::ServiceHarness()
+RouteHarness::RouteHarness()
     : store_(std::make_shared<MemoryRecordStore>()), jobs_(std::make_unique<JobRunner>(1)) {
   if (auto e = createAllTables(*store_)) {
-    std::fprintf(stderr, "ServiceHarness: cannot create tables: %s\n", e->message.c_str());
+    std::fprintf(stderr, "RouteHarness: cannot create tables: %s\n", e->message.c_str());
     std::abort();
   }
   MapServiceOptions options;
@@ -19,12 +19,12 @@ ServiceHarness::ServiceHarness()
   service_ = std::make_unique<MapService>(*store_, *jobs_, std::move(options));
 }
 
-ServiceHarness::~ServiceHarness() {
+RouteHarness::~RouteHarness() {
   // Jobs refer to the service and the store: they go first.
   jobs_.reset();
 }
 
-Request ServiceHarness::request(const std::string& method, const std::string& path) {
+Request RouteHarness::request(const std::string& method, const std::string& path) {
   Request r;
   r.method = method;
   r.path = path;
@@ -34,23 +34,23 @@ Request ServiceHarness::request(const std::string& method, const std::string& pa
   return r;
 }
 
-Answer ServiceHarness::post(const std::string& path, std::string body) {
+Answer RouteHarness::post(const std::string& path, std::string body) {
   Request r = request("POST", path);
   r.headers["content-type"] = "application/json";
   r.body = std::move(body);
   return service_->handle(r);
 }
 
-Answer ServiceHarness::get(const std::string& path, std::map<std::string, std::string> query) {
+Answer RouteHarness::get(const std::string& path, std::map<std::string, std::string> query) {
   Request r = request("GET", path);
   r.query = std::move(query);
   return service_->handle(r);
 }
 
-std::string ServiceHarness::createMap(const std::string& name) {
+std::string RouteHarness::createMap(const std::string& name) {
   const Answer a = post("/prod/maps/create_map", openingBody(name));
   if (a.status != 200 || !a.body.contains("uuid") || !a.body["uuid"].is_string()) {
-    std::fprintf(stderr, "ServiceHarness: create_map answered %d\n", a.status);
+    std::fprintf(stderr, "RouteHarness: create_map answered %d\n", a.status);
     return {};
   }
   return a.body["uuid"].get<std::string>();

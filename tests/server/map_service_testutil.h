@@ -1,4 +1,5 @@
-// The routes without HTTP: a MapService over a MemoryRecordStore with every table, one job worker,
+// The routes without HTTP and without GoogleTest (the route fuzzers link it): a MapService over a
+// MemoryRecordStore with every table, one job worker,
 // and requests that carry an account header. Shared by the route tests and the route fuzzer. One
 // per test; not thread-safe.
 #pragma once
@@ -16,10 +17,10 @@ namespace omra::server::testing {
 // The account digest every harness request carries (32 lower-case hex digits).
 inline constexpr const char* kHarnessAccount = "0123456789abcdef0123456789abcdef";
 
-class ServiceHarness {
+class RouteHarness {
  public:
-  ServiceHarness();
-  ~ServiceHarness();
+  RouteHarness();
+  ~RouteHarness();
 
   // A POST of body to path ("/prod/maps/create_map") with the account header.
   Answer post(const std::string& path, std::string body);

@@ -10,7 +10,7 @@
 namespace omra::server {
 namespace {
 
-using testing::ServiceHarness;
+using testing::RouteHarness;
 
 const char* const kPostRoutes[] = {
     "/prod/maps/create_map",
@@ -22,7 +22,7 @@ const char* const kPostRoutes[] = {
     "/prod/linear-optimizer/initial_transforms",
 };
 
-size_t storedItems(ServiceHarness& h) {
+size_t storedItems(RouteHarness& h) {
   size_t n = 0;
   for (const TableSchema& t : serverTableSchemas()) n += h.store().itemCount(t.name);
   return n;
@@ -52,7 +52,7 @@ TEST(RouteInput, HostileBodiesAnswer400OnEveryRoute) {
   for (const char* route : kPostRoutes) {
     for (const auto& b : bodies) {
       SCOPED_TRACE(std::string(route) + ": " + b.name);
-      ServiceHarness h;
+      RouteHarness h;
       const size_t before = storedItems(h);
       const Answer a = h.post(route, b.body);
       EXPECT_EQ(a.status, 400);
@@ -65,7 +65,7 @@ TEST(RouteInput, HostileBodiesAnswer400OnEveryRoute) {
 
 // Query parameters are outside input too; answers quoting them must still encode.
 TEST(RouteInput, QueryParametersThatAreNotTextStillGetAnAnswer) {
-  ServiceHarness h;
+  RouteHarness h;
   for (const char* id : {"LOC-\xff", "\xc3", "\xed\xa0\x80"}) {
     const Answer a = h.get("/prod/maps/get_best_transform",
                            {{"session_id", id}, {"localizer", "su_localizer\xfe"}});
@@ -75,7 +75,7 @@ TEST(RouteInput, QueryParametersThatAreNotTextStillGetAnAnswer) {
 }
 
 TEST(RouteInput, PlacementsOutsideAnyMapAreRefused) {
-  ServiceHarness h;
+  RouteHarness h;
   const std::string map = h.createMap("room");
   ASSERT_FALSE(map.empty());
   // Two placements, the second at (x, y, 0); asset names unique per call.

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "src/platform/json_body.h"
+#include "src/foundation/json_reader.h"
 #include "src/platform/store/attribute_json.h"
 
 namespace omra {
@@ -55,7 +55,7 @@ std::optional<OutboxRow> readOutboxRow(int64_t id, std::string_view account, std
   };
   if (!isAccountDigest(account)) return fail("the account is not a developer-key digest");
   if (!isTableName(table)) return fail("the table name is not printable text");
-  const std::optional<Json> json = parseJsonBody(itemJson);
+  const std::optional<Json> json = readJson(itemJson);
   if (!json || !json->is_object() || json->empty()) {
     return fail("the item is not a JSON object of attributes");
   }
