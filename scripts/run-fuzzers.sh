@@ -24,7 +24,8 @@ while read -r name; do
   artifacts="build-fuzz/artifacts/$name/"
   mkdir -p "$work" "$artifacts"
   echo "== $name (${seconds} s)"
-  if ! "$binary" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=65536 \
+  # A fixed seed, so that a short run (CI's) explores the same inputs each time.
+  if ! "$binary" -seed="${FUZZ_SEED:-1}" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=65536 \
       -print_final_stats=1 -artifact_prefix="$artifacts" "$work" "fuzz/corpus/$name" \
       >"build-fuzz/$name.log" 2>&1; then
     tail -40 "build-fuzz/$name.log"
