@@ -83,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     case kTransform: {
       // The text alone, then as a best-transform answer whose transform moves the stored assets.
       checkPlausible(f->persistence->convertAssetsToLocalFrame(body));
-      std::optional<Json> answer = omra::CloudAPI::replyJson({200, "", body, std::nullopt});
+      std::optional<Json> answer = omra::CloudAPI::replyJson({200, "", body, std::nullopt, {}});
       if (!answer) break;
       const omra::TransformAnswerOutcome outcome = omra::readBestTransformAnswer(*answer);
       if (const auto* best = std::get_if<omra::BestTransformAnswer>(&outcome)) {
