@@ -157,6 +157,21 @@ SqliteRecordStore::~SqliteRecordStore() {
   idleReaders_.clear();
 }
 
+struct SqliteRecordStore::ReadAccess {
+  ReadLease lease;
+  std::unique_lock<std::mutex> writerLock;
+  Connection* connection = nullptr;  // null: lease.error() says why
+};
+
+SqliteRecordStore::ReadAccess SqliteRecordStore::beginRead() {
+  if (options_.readConnections > 0) {
+    ReadLease reader = lease();
+    Connection* c = reader.get();
+    return ReadAccess{std::move(reader), {}, c};
+  }
+  return ReadAccess{ReadLease(*this, nullptr, {}), std::unique_lock(dbMu_), writerDb_.get()};
+}
+
 SqliteRecordStore::ReadLease SqliteRecordStore::lease() {
   std::unique_lock lock(readMu_);
   readCv_.wait(lock,
@@ -408,11 +423,9 @@ std::optional<Item> SqliteRecordStore::get(const std::string& table, const Item&
     if (error != nullptr) *error = std::move(e);
     return std::nullopt;
   };
-  std::unique_lock<std::mutex> writerLock;
-  ReadLease reader = options_.readConnections > 0 ? lease() : ReadLease(*this, nullptr, {});
-  if (options_.readConnections > 0 && reader.get() == nullptr) return fail(reader.error());
-  if (reader.get() == nullptr) writerLock = std::unique_lock(dbMu_);
-  Connection& c = reader.get() != nullptr ? *reader.get() : *writerDb_;
+  ReadAccess read = beginRead();
+  if (read.connection == nullptr) return fail(read.lease.error());
+  Connection& c = *read.connection;
   const auto schema = schemaFor(c, table);
   if (!schema) return fail(missingTableError(table));
   if (auto e = checkKey(*schema, key)) return fail(std::move(*e));
@@ -457,11 +470,9 @@ QueryPage SqliteRecordStore::query(const std::string& table, const AttributeValu
     if (error != nullptr) *error = std::move(e);
     return QueryPage{};
   };
-  std::unique_lock<std::mutex> writerLock;
-  ReadLease reader = options_.readConnections > 0 ? lease() : ReadLease(*this, nullptr, {});
-  if (options_.readConnections > 0 && reader.get() == nullptr) return fail(reader.error());
-  if (reader.get() == nullptr) writerLock = std::unique_lock(dbMu_);
-  Connection& c = reader.get() != nullptr ? *reader.get() : *writerDb_;
+  ReadAccess read = beginRead();
+  if (read.connection == nullptr) return fail(read.lease.error());
+  Connection& c = *read.connection;
   const auto schema = schemaFor(c, table);
   if (!schema) return fail(missingTableError(table));
   std::optional<StoreError> prepError;

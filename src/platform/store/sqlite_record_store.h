@@ -64,6 +64,7 @@ class SqliteRecordStore : public RecordStore {
   // One SQLite connection and its prepared statements; used by one thread at a time.
   struct Connection;
   class ReadLease;
+  struct ReadAccess;
 
   SqliteRecordStore(sqlite3* db, std::string path, Options options);
   void writerLoop();
@@ -77,6 +78,9 @@ class SqliteRecordStore : public RecordStore {
   // A statement of a dropped table keeps failing: forget it and the schema, prepare anew.
   void forget(Connection& c, const std::string& table);
   ReadLease lease();
+  // The connection for one read: a leased reader, or the writer's, under its lock, when readers
+  // are off.
+  ReadAccess beginRead();
 
   const std::string path_;
   Options options_;
