@@ -16,7 +16,102 @@ void setPixel(PixelBuffer& img, int x, int y, uint8_t b, uint8_t g, uint8_t r) {
   p[3] = 255;
 }
 
+Vec3 shellNormal(int surfaceId) {
+  switch (surfaceId) {
+    case 0:
+      return {0, 1, 0};
+    case 1:
+      return {1, 0, 0};
+    case 2:
+      return {-1, 0, 0};
+    case 3:
+      return {0, 0, 1};
+    case 4:
+      return {0, 0, -1};
+    default:
+      return {0, -1, 0};
+  }
+}
+
+double sign(double v) { return v < 0 ? -1 : 1; }
+
+// Paint of a wall: a soft pattern along it and up it, in the wall's own coordinates.
+double wallTexture(const Vec3& p, const Vec3& n) {
+  const Vec3 along = Vec3{0, 1, 0}.cross(n);
+  const double u = p.dot(along);
+  return 0.8 + 0.12 * std::cos(2.1 * u) * std::cos(1.7 * p.y) + 0.08 * sign(std::sin(9 * u + 0.4));
+}
+
+// Paint of an object: a checker of its class's own frequencies, in its own coordinates.
+double objectTexture(const SimObject& o, const Vec3& p, const Vec3& n) {
+  const Mat3 back = Mat3::rotY(-o.yaw);
+  const Vec3 local = back * (p - o.center), ln = back * n;
+  double u = local.x, v = local.y;
+  if (std::fabs(ln.x) > 0.5) u = local.z;
+  if (std::fabs(ln.y) > 0.5) v = local.z;
+  const int k = o.classIndex;
+  const double a = 8 + (k * 7) % 11, b = 6 + (k * 5) % 9;
+  return 0.75 + 0.25 * sign(std::sin(a * u + 1.3) * std::sin(b * v + 0.7));
+}
+
 }  // namespace
+
+PixelBuffer renderView(const Room& room, const CameraModel& camera, const CameraPose& pose,
+                       const Lighting& light, int width, int height,
+                       std::span<const SimObject> extras) {
+  PixelBuffer img;
+  img.width = std::max(width, 1);
+  img.height = std::max(height, 1);
+  img.bytesPerRow = static_cast<size_t>(img.width) * 4;
+  img.data =
+      std::make_shared<std::vector<uint8_t>>(img.bytesPerRow * static_cast<size_t>(img.height), 0);
+  const Vec3 toLight{std::cos(light.elevation) * std::sin(light.azimuth), std::sin(light.elevation),
+                     std::cos(light.elevation) * std::cos(light.azimuth)};
+  for (int y = 0; y < img.height; ++y) {
+    for (int x = 0; x < img.width; ++x) {
+      const Vec3 dir = pose.rotation *
+                       camera.rayThroughImagePoint((x + 0.5) / img.width, (y + 0.5) / img.height);
+      RayHit hit = room.castRay(pose.position, dir);
+      const SimObject* object = hit.objectId > 0 ? room.object(hit.objectId) : nullptr;
+      for (const SimObject& e : extras) {
+        const double t = rayObjectDistance(e, pose.position, dir, 1e-4);
+        if (t < hit.distance) {
+          hit.distance = t;
+          hit.point = pose.position + dir * t;
+          object = &e;
+        }
+      }
+      double b = 200, g = 200, r = 200, texture = 0.95;
+      Vec3 n;
+      if (object && object->classIndex > 0) {
+        const int k = object->classIndex;
+        b = 60 + (k * 53) % 190;
+        g = 60 + (k * 97) % 190;
+        r = 60 + (k * 31) % 190;
+        n = objectNormalAt(*object, hit.point);
+        texture = objectTexture(*object, hit.point, n);
+      } else if (object) {  // an inner wall
+        n = objectNormalAt(*object, hit.point);
+        texture = wallTexture(hit.point, n);
+      } else {
+        n = shellNormal(hit.surfaceId);
+        if (hit.surfaceId == 0) {
+          b = 70, g = 110, r = 150;
+          texture = 0.8 + 0.2 * std::cos(5.3 * hit.point.x) * std::cos(4.1 * hit.point.z);
+        } else if (hit.surfaceId > 0) {
+          texture = wallTexture(hit.point, n);
+        }
+      }
+      const double diffuse = std::max(0.0, n.dot(toLight));
+      const double shade = light.gain * (light.ambient + (1 - light.ambient) * diffuse) *
+                           std::clamp(1.15 - hit.distance / 10, 0.4, 1.0) * texture;
+      setPixel(img, x, y, static_cast<uint8_t>(std::clamp(b * shade, 0.0, 255.0)),
+               static_cast<uint8_t>(std::clamp(g * shade, 0.0, 255.0)),
+               static_cast<uint8_t>(std::clamp(r * shade, 0.0, 255.0)));
+    }
+  }
+  return img;
+}
 
 void writeFrameTag(PixelBuffer& image, int64_t frameIndex) {
   if (image.empty() || image.width < 6) return;

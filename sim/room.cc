@@ -13,6 +13,7 @@ namespace omra::sim {
 namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr double kDoorHalfWidth = 0.45, kDoorHeight = 2.0, kWallThickness = 0.1;
 
 struct SolidBox {
   Vec3 center;
@@ -103,11 +104,16 @@ bool overlaps3d(const SimObject& a, const SimObject& b, double margin) {
 class Builder {
  public:
   Builder(uint64_t seed, const RoomOptions& options) : rng_(seed), options_(options) {}
+  // Changes to a room already built.
+  Builder(uint64_t seed, const Room& room) : rng_(seed), room_(room) {}
 
   Room build() {
     room_.width = uniform(5.0, 7.5);
     room_.depth = uniform(4.5, 6.5);
     room_.height = uniform(2.5, 2.9);
+    if (options_.width > 0) room_.width = options_.width;
+    if (options_.depth > 0) room_.depth = options_.depth;
+    if (options_.height > 0) room_.height = options_.height;
     room_.walkA = 0.17 * room_.width;
     room_.walkB = 0.17 * room_.depth;
     addShell();
@@ -115,6 +121,7 @@ class Builder {
     int maxCount = std::clamp(options_.maxObjects, minCount, 60);
     int target = std::uniform_int_distribution<int>(minCount, maxCount)(rng_);
     placeTable();
+    if (options_.identicalRow > 0) placeRow(options_.identicalRow);
     auto classes = furnitureClasses();
     int attempts = 0;
     while (static_cast<int>(room_.objects.size()) < target && attempts++ < 400) {
@@ -180,9 +187,26 @@ class Builder {
     return (f.cx * f.cx) / (a * a) + (f.cz * f.cz) / (b * b) >= 1;
   }
 
+  // The way from the walkway to a doorway stays free (wall hangings beside it are fine).
+  bool clearOfDoorways(const Footprint& f, bool hangs) const {
+    if (!options_.doorWest && !options_.doorEast) return true;
+    constexpr double kHalfWay = 0.75;
+    double zMin = kInf, zMax = -kInf, xMin = kInf, xMax = -kInf;
+    for (auto [x, z] : f.corners()) {
+      zMin = std::min(zMin, z), zMax = std::max(zMax, z);
+      xMin = std::min(xMin, x), xMax = std::max(xMax, x);
+    }
+    if (zMax < -kHalfWay || zMin > kHalfWay) return true;
+    if (hangs) return false;
+    return !((options_.doorWest && xMin < 0) || (options_.doorEast && xMax > 0));
+  }
+
   bool fits(const SimObject& o, bool checkWalkway) const {
     Footprint f = footprintOf(o);
     if (!insideRoom(f) || (checkWalkway && !clearOfWalkway(f))) return false;
+    const ObjectClass* cls = findClass(o.className);
+    const bool onTable = cls && cls->placement == Placement::kTableTop;
+    if (!onTable && !clearOfDoorways(f, cls && cls->placement == Placement::kWall)) return false;
     for (const SimObject& other : room_.objects) {
       if (overlaps3d(o, other, 0.08)) return false;
     }
@@ -221,9 +245,119 @@ class Builder {
     }
   }
 
-  void place(const ObjectClass& cls) {
+  // A row of identical chairs along one wall, facing into the room.
+  void placeRow(int count) {
+    const ObjectClass* chair = findClass("chair");
+    if (!chair) return;
+    SimObject model = makeObject(*chair);
+    constexpr double kSpacing = 0.7;
+    for (int attempt = 0; attempt < 60; ++attempt) {
+      int wall = std::uniform_int_distribution<int>(1, 4)(rng_);
+      const PlaneSurface& s = room_.surfaces[static_cast<size_t>(wall)];
+      double length = (count - 1) * kSpacing;
+      double room = s.halfU - length / 2 - model.size.x / 2 - 0.05;
+      if (room <= 0) continue;
+      double first = uniform(-room, room) - length / 2;
+      std::vector<SimObject> row;
+      for (int i = 0; i < count; ++i) {
+        SimObject o = model;
+        Vec3 p = wallPoint(wall, first + i * kSpacing, o.size.z / 2 + 0.15);
+        o.center = {p.x, o.size.y / 2, p.z};
+        o.yaw = yawFacing(s.normal);
+        if (!fits(o, true)) break;
+        row.push_back(o);
+        add(std::move(o));
+      }
+      if (static_cast<int>(row.size()) == count) return;
+      room_.objects.resize(room_.objects.size() - row.size());
+    }
+  }
+
+  // A new spot for an object of the room (its size kept); false when none was found.
+  bool relocate(size_t index) {
+    SimObject old = room_.objects[index];
+    const ObjectClass* cls = findClass(old.className);
+    if (!cls || old.slabOnly) return false;
+    room_.objects.erase(room_.objects.begin() + static_cast<std::ptrdiff_t>(index));
+    for (int attempt = 0; attempt < 30; ++attempt) {
+      size_t before = room_.objects.size();
+      place(*cls, &old);
+      if (room_.objects.size() == before) break;
+      SimObject moved = room_.objects.back();
+      room_.objects.pop_back();
+      if ((moved.center - old.center).norm() < 0.5) continue;
+      Mat3 back = Mat3::rotY(-old.yaw), forth = Mat3::rotY(moved.yaw);
+      for (FeaturePoint& p : room_.points) {
+        if (p.objectId != old.id) continue;
+        p.position = moved.center + forth * (back * (p.position - old.center));
+        p.normal = forth * (back * p.normal);
+        p.surfaceId = -1;
+      }
+      moved.id = old.id;
+      room_.objects.insert(room_.objects.begin() + static_cast<std::ptrdiff_t>(index), moved);
+      return true;
+    }
+    room_.objects.insert(room_.objects.begin() + static_cast<std::ptrdiff_t>(index), old);
+    return false;
+  }
+
+ public:
+  Room change(const RoomChanges& changes) {
+    auto pick = [&](auto accept) -> std::vector<size_t> {
+      std::vector<size_t> out;
+      for (size_t i = 0; i < room_.objects.size(); ++i) {
+        if (accept(room_.objects[i])) out.push_back(i);
+      }
+      std::shuffle(out.begin(), out.end(), rng_);
+      return out;
+    };
+    auto movable = [](const SimObject& o) { return !o.slabOnly && o.classIndex > 0; };
+    int moved = 0;
+    for (size_t i : pick(movable)) {
+      if (moved >= changes.moved) break;
+      if (relocate(i)) ++moved;
+    }
+    std::vector<size_t> gone = pick(movable);
+    gone.resize(std::min(gone.size(), static_cast<size_t>(std::max(changes.removed, 0))));
+    std::vector<bool> removed(room_.objects.size() + 1, false);
+    for (size_t i : gone) removed[static_cast<size_t>(room_.objects[i].id)] = true;
+    auto classes = furnitureClasses();
+    std::vector<SimObject> kept;
+    std::vector<int> newId(room_.objects.size() + 1, 0);
+    for (const SimObject& o : room_.objects) {
+      if (removed[static_cast<size_t>(o.id)]) continue;
+      newId[static_cast<size_t>(o.id)] = static_cast<int>(kept.size()) + 1;
+      kept.push_back(o);
+      kept.back().id = static_cast<int>(kept.size());
+    }
+    std::erase_if(room_.points, [&](const FeaturePoint& p) {
+      return p.objectId > 0 && removed[static_cast<size_t>(p.objectId)];
+    });
+    for (FeaturePoint& p : room_.points) {
+      if (p.objectId > 0) p.objectId = newId[static_cast<size_t>(p.objectId)];
+    }
+    room_.objects = std::move(kept);
+    uint64_t nextPoint = 1;
+    for (const FeaturePoint& p : room_.points) nextPoint = std::max(nextPoint, p.id + 1);
+    for (int added = 0, attempts = 0; added < changes.added && attempts < 200; ++attempts) {
+      size_t before = room_.objects.size();
+      place(classes[std::uniform_int_distribution<size_t>(0, classes.size() - 1)(rng_)]);
+      if (room_.objects.size() == before) continue;
+      ++added;
+      size_t first = room_.points.size();
+      addObjectPoints(room_.objects.back());
+      for (size_t i = first; i < room_.points.size(); ++i) room_.points[i].id = nextPoint++;
+    }
+    OMRA_CHECK(nextPoint < 100'000, "simulated room holds too many feature points");
+    return std::move(room_);
+  }
+
+ private:
+  // keep: an object to put elsewhere with its size, instead of a new one.
+  void place(const ObjectClass& cls, const SimObject* keep = nullptr) {
     for (int attempt = 0; attempt < 40; ++attempt) {
       SimObject o = makeObject(cls);
+      if (keep) o = *keep;
       bool walkway = true;
       switch (cls.placement) {
         case Placement::kFloorAgainstWall:
@@ -331,9 +465,12 @@ class Builder {
   void addSurfacePoints(const PlaneSurface& s) {
     double density = s.kind == SurfaceKind::kFloor ? 12 : 9;
     int n = static_cast<int>(std::lround(4 * s.halfU * s.halfV * density));
+    const bool door = s.kind == SurfaceKind::kWall && std::fabs(s.normal.x) > 0.5 &&
+                      (s.normal.x > 0 ? options_.doorWest : options_.doorEast);
     for (int i = 0; i < n; ++i) {
       Vec3 p =
           s.center + s.axisU * uniform(-s.halfU, s.halfU) + s.axisV() * uniform(-s.halfV, s.halfV);
+      if (door && std::fabs(p.z) < kDoorHalfWidth && p.y < kDoorHeight) continue;
       addPoint(p, s.normal, 0, s.id);
     }
   }
@@ -408,6 +545,101 @@ std::vector<Vec3> Room::corners(const SimObject& o) {
 
 Room generateRoom(uint64_t seed, const RoomOptions& options) {
   return Builder(seed, options).build();
+}
+
+Room rearrangeRoom(const Room& room, const RoomChanges& changes, uint64_t seed) {
+  return Builder(seed, room).change(changes);
+}
+
+double rayObjectDistance(const SimObject& object, const Vec3& o, const Vec3& d, double tMin) {
+  return intersectBox(solidOf(object), o, d, tMin);
+}
+
+Vec3 objectNormalAt(const SimObject& object, const Vec3& point) {
+  const SolidBox b = solidOf(object);
+  const Vec3 local = Mat3::rotY(-b.yaw) * (point - b.center);
+  const double r[3] = {std::fabs(local.x) / b.half.x, std::fabs(local.y) / b.half.y,
+                       std::fabs(local.z) / b.half.z};
+  Vec3 n;
+  if (r[0] >= r[1] && r[0] >= r[2]) {
+    n.x = local.x < 0 ? -1 : 1;
+  } else if (r[1] >= r[2]) {
+    n.y = local.y < 0 ? -1 : 1;
+  } else {
+    n.z = local.z < 0 ? -1 : 1;
+  }
+  return Mat3::rotY(b.yaw) * n;
+}
+
+Space generateSpace(uint64_t seed, int rooms, const RoomOptions& options) {
+  rooms = std::clamp(rooms, 1, 12);
+  std::mt19937_64 rng(seed ^ 0x0ff1ce5ULL);
+  RoomOptions cellOptions = options;
+  if (cellOptions.depth <= 0) cellOptions.depth = std::uniform_real_distribution(4.5, 6.5)(rng);
+  if (cellOptions.height <= 0) cellOptions.height = std::uniform_real_distribution(2.5, 2.9)(rng);
+  Space space;
+  double total = 0;
+  for (int k = 0; k < rooms; ++k) {
+    RoomOptions o = cellOptions;
+    o.doorWest = k > 0;
+    o.doorEast = k + 1 < rooms;
+    space.cells.push_back(generateRoom(rng(), o));
+    total += space.cells.back().width + (k > 0 ? kWallThickness : 0);
+  }
+  Room& m = space.merged;
+  m.width = total;
+  m.depth = cellOptions.depth;
+  m.height = cellOptions.height;
+  m.walkA = space.cells[0].walkA;
+  m.walkB = space.cells[0].walkB;
+  double west = -total / 2;
+  for (int k = 0; k < rooms; ++k) {
+    const Room& cell = space.cells[static_cast<size_t>(k)];
+    const double cx = west + cell.width / 2;
+    space.cellCenterX.push_back(cx);
+    const Vec3 shift{cx, 0, 0};
+    const int objectBase = static_cast<int>(m.objects.size());
+    const int surfaceBase = static_cast<int>(m.surfaces.size());
+    for (SimObject o : cell.objects) {
+      o.id += objectBase;
+      o.center = o.center + shift;
+      m.objects.push_back(std::move(o));
+      space.cellOfObject.push_back(k);
+    }
+    for (PlaneSurface s : cell.surfaces) {
+      s.id += surfaceBase;
+      s.center = s.center + shift;
+      m.surfaces.push_back(s);
+    }
+    for (FeaturePoint p : cell.points) {
+      p.position = p.position + shift;
+      if (p.objectId > 0) p.objectId += objectBase;
+      if (p.surfaceId >= 0) p.surfaceId += surfaceBase;
+      p.id = m.points.size() + 1;
+      m.points.push_back(p);
+      space.cellOfPoint.push_back(k);
+    }
+    west += cell.width + kWallThickness;
+    if (k + 1 == rooms) break;
+    // The wall to the next room, with a doorway at z = 0.
+    const double wx = west - kWallThickness / 2, d = m.depth, h = m.height;
+    const double side = d / 2 - kDoorHalfWidth;
+    const Vec3 parts[3][2] = {
+        {{wx, h / 2, -d / 2 + side / 2}, {kWallThickness, h, side}},
+        {{wx, h / 2, d / 2 - side / 2}, {kWallThickness, h, side}},
+        {{wx, (kDoorHeight + h) / 2, 0}, {kWallThickness, h - kDoorHeight, 2 * kDoorHalfWidth}}};
+    for (const auto& [center, size] : parts) {
+      SimObject wall;
+      wall.id = static_cast<int>(m.objects.size()) + 1;
+      wall.className = "wall";
+      wall.center = center;
+      wall.size = size;
+      m.objects.push_back(std::move(wall));
+      space.cellOfObject.push_back(-1);
+    }
+  }
+  OMRA_CHECK(m.points.size() < 100'000, "simulated space holds too many feature points");
+  return space;
 }
 
 }  // namespace omra::sim

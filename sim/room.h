@@ -49,6 +49,20 @@ struct FeaturePoint {
 struct RoomOptions {
   int minObjects = 10;  // the table included
   int maxObjects = 30;
+  // A row of this many identical chairs (same size, same heading) on top of the rest; 0: none.
+  int identicalRow = 0;
+  // Fixed size (metres) instead of a seeded one; 0: seeded. Rooms of one flat share depth and
+  // height.
+  double width = 0, depth = 0, height = 0;
+  // Doorways in the west (-x) and east (+x) walls at z = 0: furniture keeps the way clear.
+  bool doorWest = false, doorEast = false;
+};
+
+// What changes in a room between two sessions.
+struct RoomChanges {
+  int moved = 0;    // objects shifted and turned elsewhere (with their feature points)
+  int removed = 0;  // objects taken away
+  int added = 0;    // new objects
 };
 
 struct RayHit {
@@ -75,6 +89,28 @@ class Room {
   // The eight corners of an object's box, room frame.
   static std::vector<Vec3> corners(const SimObject& o);
 };
+
+// The room after the changes: counts beyond what is possible are capped. Object ids count up
+// from 1 again; objects keep their order. Seeded; the table is never moved or removed.
+Room rearrangeRoom(const Room& room, const RoomChanges& changes, uint64_t seed);
+
+// Entry distance of the ray o + t d (t > tMin) into an object's solid, or +infinity.
+double rayObjectDistance(const SimObject& object, const Vec3& o, const Vec3& d, double tMin);
+
+// Outward normal of the face of an object's solid nearest to a point on it.
+Vec3 objectNormalAt(const SimObject& object, const Vec3& point);
+
+// A flat or an office floor: rooms of one depth in a row along x, doorways between them. The
+// merged room holds every object, surface and point in the space's frame (interior walls are
+// objects of class index 0, which no detector reports); cells hold each room in its own frame.
+struct Space {
+  Room merged;
+  std::vector<Room> cells;
+  std::vector<double> cellCenterX;  // cell k's frame is the space's shifted by this along x
+  std::vector<int> cellOfObject;    // per merged object (index id - 1): its cell, -1 for walls
+  std::vector<int> cellOfPoint;     // per merged point (index id - 1)
+};
+Space generateSpace(uint64_t seed, int rooms, const RoomOptions& options = {});
 
 // A seeded room: size, a table against a wall, 10 to 30 objects of the detector's classes placed
 // clear of each other and of the walkway, feature points on every surface.

@@ -6,6 +6,7 @@
 #include <random>
 #include <unordered_set>
 
+#include "sim/frame_image.h"
 #include "sim/object_classes.h"
 #include "sim/scan_path.h"
 #include "sim/view_descriptor.h"
@@ -33,6 +34,33 @@ std::string randomUuid(std::mt19937_64& rng) {
 }
 
 double ramp(double x, double lo, double hi) { return std::clamp((x - lo) / (hi - lo), 0.0, 1.0); }
+
+constexpr int kPersonClass = 1;              // COCO "person"
+constexpr int kPersonPoints = 60;            // tracked on the person at once
+constexpr double kPersonTrackSeconds = 0.5;  // a person's points last this long, then new ones
+constexpr uint64_t kPersonIdBase = 1ULL << 40;
+
+Vec3 personPointNormal(int k) {
+  const Vec3 normals[4] = {{0, 0, 1}, {0, 0, -1}, {1, 0, 0}, {-1, 0, 0}};
+  return normals[k % 4];
+}
+
+// Box-local spots on a person's front, back and sides where tracked points sit.
+Vec3 personPointLocal(const SimObject& person, int k) {
+  const Vec3 h = person.size * 0.5;
+  const double u = std::fmod(k * 0.6180339887, 1.0) * 2 - 1;
+  const double v = std::fmod(k * 0.7548776662, 1.0) * 2 - 1;
+  switch (k % 4) {
+    case 0:
+      return {u * h.x, v * h.y, h.z};
+    case 1:
+      return {u * h.x, v * h.y, -h.z};
+    case 2:
+      return {h.x, v * h.y, u * h.z};
+    default:
+      return {-h.x, v * h.y, u * h.z};
+  }
+}
 
 // Plane anchors of one surface as the platform would report them: the seen part grows, a second
 // floor patch appears and is later merged into the first.
@@ -63,12 +91,14 @@ struct TrackedPlane {
 
 class Simulator {
  public:
-  Simulator(const Room& room, uint64_t sceneSeed, const SessionOptions& options)
+  Simulator(const Room& room, const Space* space, uint64_t sceneSeed, const SessionOptions& options)
       : room_(room),
+        space_(space),
         options_(options),
-        path_(room, options.seed),
+        path_(room, options.seed, options.path),
         rng_(mix(options.seed, 77)),
-        planeRng_(mix(options.seed, 91)) {
+        planeRng_(mix(options.seed, 91)),
+        driftRng_(mix(options.seed, 113)) {
     rec_.header.role = options.role;
     rec_.header.sceneSeed = sceneSeed;
     rec_.header.sessionSeed = options.seed;
@@ -93,6 +123,14 @@ class Simulator {
       planes_.push_back(std::move(p));
     }
     floorPatch_.surfaceId = 0;
+    reported_ = origin_;
+    drifting_ = options.drift.positionPerMetre > 0 || options.drift.yawDegreesPerMinute != 0;
+    if (drifting_) {
+      std::uniform_real_distribution<double> angle(0, 2 * M_PI);
+      driftHeading_ = angle(driftRng_);
+      driftYawSign_ = std::uniform_int_distribution<int>(0, 1)(driftRng_) ? 1 : -1;
+    }
+    if (space_) buildCells();
   }
 
   Recording run() {
@@ -108,17 +146,115 @@ class Simulator {
     int visible = 0;
   };
 
+  // The camera's cell of a space: which occluders and points are worth looking at.
+  size_t cellAt(const Vec3& p) const {
+    size_t best = 0;
+    for (size_t k = 0; k < space_->cellCenterX.size(); ++k) {
+      if (std::fabs(p.x - space_->cellCenterX[k]) < std::fabs(p.x - space_->cellCenterX[best]))
+        best = k;
+    }
+    return best;
+  }
+
+  // Per cell: a room of the objects of it and its neighbours (the walls included), and the
+  // range of their points (cells' points are stored one cell after the other).
+  void buildCells() {
+    const size_t n = space_->cells.size();
+    for (size_t k = 0; k < n; ++k) {
+      Room local;
+      local.width = room_.width;
+      local.depth = room_.depth;
+      local.height = room_.height;
+      for (size_t o = 0; o < room_.objects.size(); ++o) {
+        int c = space_->cellOfObject[o];
+        if (c < 0 || std::abs(c - static_cast<int>(k)) <= 1)
+          local.objects.push_back(room_.objects[o]);
+      }
+      occluders_.push_back(std::move(local));
+      size_t begin = room_.points.size(), end = 0;
+      for (size_t p = 0; p < room_.points.size(); ++p) {
+        if (std::abs(space_->cellOfPoint[p] - static_cast<int>(k)) <= 1) {
+          begin = std::min(begin, p);
+          end = p + 1;
+        }
+      }
+      pointRanges_.emplace_back(std::min(begin, end), end);
+    }
+  }
+
+  // The tracked pose's error: follows the true camera, so that the reported motion is the true
+  // one turned by the heading error and lengthened along a slowly turning direction.
+  void advanceDrift(const Vec3& sessionPosition, double dt) {
+    if (!drifting_) return;
+    if (!driftStarted_) {
+      driftStarted_ = true;
+      lastTrue_ = sessionPosition;
+      tracked_ = sessionPosition;
+      return;
+    }
+    const Vec3 move = sessionPosition - lastTrue_;
+    const double metres = move.norm();
+    std::normal_distribution<double> gauss(0, 1);
+    driftHeading_ += 0.4 * std::sqrt(metres) * gauss(driftRng_);
+    driftYaw_ += driftYawSign_ * options_.drift.yawDegreesPerMinute * (M_PI / 180) * dt / 60;
+    const Vec3 dir{std::cos(driftHeading_), 0.15 * std::sin(2 * driftHeading_),
+                   std::sin(driftHeading_)};
+    tracked_ = tracked_ + Mat3::rotY(driftYaw_) * move +
+               dir.normalized() * (options_.drift.positionPerMetre * metres);
+    lastTrue_ = sessionPosition;
+    // reported = drift * origin, drift(x) = R(yaw)(x - true) + tracked.
+    YawTransform drift;
+    drift.theta = driftYaw_;
+    const Vec3 shift = tracked_ - Mat3::rotY(driftYaw_) * sessionPosition;
+    drift.tx = shift.x;
+    drift.ty = shift.y;
+    drift.tz = shift.z;
+    reported_ = drift.compose(origin_);
+  }
+
+  // Where the platform puts a point first seen from the camera at `eye` (room frame).
+  Vec3 measuredPoint(const FeaturePoint& fp, const Vec3& eye) const {
+    const PointNoise& noise = options_.pointNoise;
+    if (noise.depthSigma <= 0 && noise.outlierRate <= 0) return fp.position;
+    std::mt19937_64 rng(mix(fp.id, options_.seed ^ 0xdeb7a11ULL));
+    std::uniform_real_distribution<double> unit(0, 1);
+    std::normal_distribution<double> gauss(0, 1);
+    const Vec3 ray = fp.position - eye;
+    const double depth = ray.norm();
+    double factor = 1;
+    if (unit(rng) < noise.outlierRate) {
+      factor = 0.4 + 1.4 * unit(rng);
+    } else {
+      factor = 1 + noise.depthSigma * depth * gauss(rng);
+    }
+    return eye + ray * std::max(factor, 0.05);
+  }
+
   void step(int i) {
     double t = i / options_.fps;
     CameraPose pose = path_.pose(t);
     std::mt19937_64 frameRng(mix(options_.seed, static_cast<uint64_t>(i) + 1));
     Mat3 toCamera = pose.rotation.transposed();
+    advanceDrift(origin_.apply(pose.position), 1 / options_.fps);
+    const size_t cell = space_ ? cellAt(pose.position) : 0;
+    const Room& near = space_ ? occluders_[cell] : room_;
+    std::optional<SimObject> person;
+    if (options_.personWalking && !space_) person = walkingPerson(room_, options_.seed, t);
+    auto blockedByPerson = [&](const Vec3& to) {
+      if (!person) return false;
+      const Vec3 delta = to - pose.position;
+      const double len = delta.norm();
+      return rayObjectDistance(*person, pose.position, delta * (1 / len), 1e-4) < len - 1e-3;
+    };
 
     // Feature points this frame, and how much of each object and surface is in sight.
     std::vector<ObjectView> views(room_.objects.size() + 1);
     std::vector<std::vector<const FeaturePoint*>> surfaceHits(room_.surfaces.size());
     std::vector<const FeaturePoint*> seen;
-    for (const FeaturePoint& fp : room_.points) {
+    const size_t pointsBegin = space_ ? pointRanges_[cell].first : 0;
+    const size_t pointsEnd = space_ ? pointRanges_[cell].second : room_.points.size();
+    for (size_t pi = pointsBegin; pi < pointsEnd; ++pi) {
+      const FeaturePoint& fp = room_.points[pi];
       Vec3 rel = fp.position - pose.position;
       double dist = rel.norm();
       if (dist > options_.maxPointDistance || dist < 0.05) continue;
@@ -127,7 +263,8 @@ class Simulator {
       if (!img || img->first < 0 || img->first > 1 || img->second < 0 || img->second > 1) continue;
       ObjectView& ov = views[static_cast<size_t>(fp.objectId)];
       ++ov.inView;
-      if (room_.occluded(pose.position, fp.position, fp.objectId)) continue;
+      if (near.occluded(pose.position, fp.position, fp.objectId)) continue;
+      if (blockedByPerson(fp.position)) continue;
       ++ov.visible;
       seen.push_back(&fp);
       if (fp.surfaceId >= 0) surfaceHits[static_cast<size_t>(fp.surfaceId)].push_back(&fp);
@@ -145,19 +282,78 @@ class Simulator {
     RecordedFrame f;
     f.index = i;
     f.timestamp = 1000.0 + t;
-    Mat3 sessionRotation = Mat3::rotY(origin_.theta) * pose.rotation;
-    f.worldFromCamera = makeTransform(sessionRotation, origin_.apply(pose.position));
+    Mat3 sessionRotation = Mat3::rotY(reported_.theta) * pose.rotation;
+    f.worldFromCamera = makeTransform(sessionRotation, reported_.apply(pose.position));
     Vec3 e = eulerFromRotation(sessionRotation);
     f.eulerAngles = e.toFloat3();
     for (const FeaturePoint* fp : seen) {
       uint64_t id = idSalt_ * 100'000ULL + fp->id;  // rooms hold fewer than 100000 points
       f.pointIds.push_back(id);
-      if (!rec_.points.count(id)) rec_.points[id] = origin_.apply(fp->position).toFloat3();
+      if (!rec_.points.count(id)) {
+        rec_.points[id] = reported_.apply(measuredPoint(*fp, pose.position)).toFloat3();
+      }
     }
+    if (person) addPersonPoints(*person, pose, toCamera, t, f.pointIds);
     std::sort(f.pointIds.begin(), f.pointIds.end());
     f.detections = detect(pose, toCamera, views, frameRng);
-    f.activation = viewDescriptor(room_, options_.camera, pose);
+    if (person) detectPerson(*person, pose, toCamera, frameRng, f.detections);
+    if (options_.descriptorFromImage) {
+      std::vector<SimObject> extras;
+      if (person) extras.push_back(*person);
+      f.activation =
+          imageDescriptor(renderView(near, options_.camera, pose, options_.lighting,
+                                     kDescriptorImageSize, kDescriptorImageSize, extras));
+    } else {
+      f.activation = viewDescriptor(near, options_.camera, pose);
+    }
     rec_.events.emplace_back(std::move(f));
+  }
+
+  // Points the platform tracks on a person: fresh ones every half second, as the person moves.
+  void addPersonPoints(const SimObject& person, const CameraPose& pose, const Mat3& toCamera,
+                       double t, std::vector<uint64_t>& ids) {
+    const uint64_t window = static_cast<uint64_t>(t / kPersonTrackSeconds);
+    const Mat3 r = Mat3::rotY(person.yaw);
+    for (int k = 0; k < kPersonPoints; ++k) {
+      const Vec3 local = personPointLocal(person, k);
+      const Vec3 p = person.center + r * local;
+      const Vec3 rel = p - pose.position;
+      if ((r * personPointNormal(k)).dot(rel) >= 0) continue;  // the far side
+      auto img = options_.camera.project(toCamera * rel);
+      if (!img || img->first < 0 || img->first > 1 || img->second < 0 || img->second > 1) continue;
+      const uint64_t id = kPersonIdBase + idSalt_ * 1'000'000ULL + window * kPersonPoints +
+                          static_cast<uint64_t>(k);
+      ids.push_back(id);
+      if (!rec_.points.count(id)) rec_.points[id] = reported_.apply(p).toFloat3();
+    }
+  }
+
+  void detectPerson(const SimObject& person, const CameraPose& pose, const Mat3& toCamera,
+                    std::mt19937_64& rng, std::vector<Detection>& out) {
+    double xMin = 1e9, yMin = 1e9, xMax = -1e9, yMax = -1e9;
+    for (const Vec3& c : Room::corners(person)) {
+      Vec3 cam = toCamera * (c - pose.position);
+      if (cam.z > -0.2) return;
+      auto img = options_.camera.project(cam);
+      auto [x, y] = options_.camera.imageToModel(img->first, img->second);
+      xMin = std::min(xMin, x), xMax = std::max(xMax, x);
+      yMin = std::min(yMin, y), yMax = std::max(yMax, y);
+    }
+    const double full = (xMax - xMin) * (yMax - yMin);
+    double cx0 = std::max(xMin, 0.0), cx1 = std::min(xMax, 1.0);
+    double cy0 = std::max(yMin, 0.0), cy1 = std::min(yMax, 1.0);
+    if (cx1 - cx0 < 0.03 || cy1 - cy0 < 0.03 || full <= 0) return;
+    const double inside = (cx1 - cx0) * (cy1 - cy0) / full;
+    std::uniform_real_distribution<double> unit(0, 1);
+    if (unit(rng) >= (1 - options_.noise.missRate) * ramp(inside, 0.3, 0.6)) return;
+    Detection d;
+    d.classIndex = kPersonClass;
+    d.score = static_cast<float>(0.6 + 0.35 * inside);
+    d.xMin = static_cast<float>(cx0);
+    d.xMax = static_cast<float>(cx1);
+    d.yMin = static_cast<float>(cy0);
+    d.yMax = static_cast<float>(cy1);
+    out.push_back(d);
   }
 
   std::vector<Detection> detect(const CameraPose& pose, const Mat3& toCamera,
@@ -168,7 +364,7 @@ class Simulator {
     const DetectorNoise& noise = options_.noise;
     for (const SimObject& o : room_.objects) {
       const ObjectView& v = views[static_cast<size_t>(o.id)];
-      if (v.inView == 0) continue;
+      if (v.inView == 0 || o.classIndex <= 0) continue;
       double xMin = 1e9, yMin = 1e9, xMax = -1e9, yMax = -1e9;
       bool behind = false;
       for (const Vec3& c : Room::corners(o)) {
@@ -313,8 +509,8 @@ class Simulator {
     }
     // The estimate, not the surface: turned about the vertical and shifted along its normal.
     const Vec3 estimatedOrigin = p.origin + p.n * p.offsetError;
-    a.transform = makeTransform(Mat3::rotY(origin_.theta + p.headingError) * axes,
-                                origin_.apply(estimatedOrigin));
+    a.transform = makeTransform(Mat3::rotY(reported_.theta + p.headingError) * axes,
+                                reported_.apply(estimatedOrigin));
     a.alignment = room_.surfaces[static_cast<size_t>(p.surfaceId)].horizontal()
                       ? PlaneAlignment::kHorizontal
                       : PlaneAlignment::kVertical;
@@ -327,11 +523,19 @@ class Simulator {
   }
 
   const Room& room_;
+  const Space* space_ = nullptr;
   SessionOptions options_;
   ScanPath path_;
   std::mt19937_64 rng_;
   std::mt19937_64 planeRng_;  // its own stream, so plane noise leaves every other draw alone
+  std::mt19937_64 driftRng_;
   YawTransform origin_;
+  YawTransform reported_;  // session_from_room as the tracking has it now (drift included)
+  bool drifting_ = false, driftStarted_ = false;
+  Vec3 lastTrue_, tracked_;
+  double driftYaw_ = 0, driftHeading_ = 0, driftYawSign_ = 1;
+  std::vector<Room> occluders_;
+  std::vector<std::pair<size_t, size_t>> pointRanges_;
   uint64_t idSalt_ = 1;
   std::vector<TrackedPlane> planes_;
   TrackedPlane floorPatch_;
@@ -341,8 +545,25 @@ class Simulator {
 
 }  // namespace
 
+SimObject walkingPerson(const Room& room, uint64_t sessionSeed, double t) {
+  // Round the room between the scanning camera's loop and the furniture, the other way round.
+  std::mt19937_64 rng(mix(sessionSeed, 0x9e750aULL));
+  const double start = std::uniform_real_distribution<double>(0, 2 * M_PI)(rng);
+  const double a = 1.35 * room.walkA, b = 1.35 * room.walkB;
+  constexpr double kSpeed = 0.9;
+  const double alpha = start - kSpeed / (0.5 * (a + b)) * t;
+  SimObject person;
+  person.className = "person";
+  person.classIndex = kPersonClass;
+  person.size = {0.48, 1.72, 0.3};
+  person.center = {a * std::cos(alpha), person.size.y / 2, b * std::sin(alpha)};
+  // Facing along the way it walks.
+  person.yaw = std::atan2(std::sin(alpha) * a, -std::cos(alpha) * b);
+  return person;
+}
+
 YawTransform sessionOrigin(const Room& room, const SessionOptions& options) {
-  CameraPose first = ScanPath(room, options.seed).pose(0);
+  CameraPose first = ScanPath(room, options.seed, options.path).pose(0);
   YawTransform t;
   t.theta = wrapAngle(-first.yaw);
   Vec3 shift = Mat3::rotY(t.theta) * first.position;
@@ -353,7 +574,12 @@ YawTransform sessionOrigin(const Room& room, const SessionOptions& options) {
 }
 
 Recording simulateSession(const Room& room, uint64_t sceneSeed, const SessionOptions& options) {
-  return Simulator(room, sceneSeed, options).run();
+  return Simulator(room, nullptr, sceneSeed, options).run();
+}
+
+Recording simulateSpaceSession(const Space& space, uint64_t sceneSeed,
+                               const SessionOptions& options) {
+  return Simulator(space.merged, &space, sceneSeed, options).run();
 }
 
 }  // namespace omra::sim

@@ -7,8 +7,10 @@
 #include <string>
 
 #include "sim/camera_model.h"
+#include "sim/frame_image.h"
 #include "sim/recording.h"
 #include "sim/room.h"
+#include "sim/scan_path.h"
 
 namespace omra::sim {
 
@@ -27,6 +29,22 @@ struct PlaneNoise {
   double headingSigmaDegrees = 0.5;  // rotation about the vertical
 };
 
+// How visual-inertial tracking drifts: the reported camera (and with it every point and plane
+// reported afterwards) wanders off the truth, in position with the distance walked and in yaw
+// with time. Zero: the tracked pose is the true one.
+struct TrackingDrift {
+  double positionPerMetre = 0;  // metres of error per metre walked, in a slowly turning direction
+  double yawDegreesPerMinute = 0;  // steady heading drift (its sign is seeded)
+};
+
+// How far reported feature points are off their surfaces: depth error along the viewing ray
+// (std. dev. depthSigma at 1 m, growing with the square of the distance) and outliers (depth off
+// by a factor of 0.4 to 1.8).
+struct PointNoise {
+  double depthSigma = 0;
+  double outlierRate = 0;
+};
+
 struct SessionOptions {
   std::string role = "mapping";
   uint64_t seed = 1;  // the path, the session's origin, noise
@@ -37,11 +55,28 @@ struct SessionOptions {
   PlaneNoise planeNoise;
   int maxPointsPerFrame = 600;
   double maxPointDistance = 6.0;  // metres: farther surface points are not tracked
+  PathShape path;
+  TrackingDrift drift;
+  PointNoise pointNoise;
+  // Someone walks round the room through the camera's view (rooms of one cell only).
+  bool personWalking = false;
+  // The detector's activation from the rendered view of the camera under this light, rather
+  // than the room-frame descriptor.
+  bool descriptorFromImage = false;
+  Lighting lighting;
 };
+
+// The box of the person walking through at time t (room frame).
+SimObject walkingPerson(const Room& room, uint64_t sessionSeed, double t);
 
 // The session's world origin sits where its first camera stood, gravity-aligned, with -z along
 // that camera's heading, as an AR platform starts one; the truth records session_from_room.
 Recording simulateSession(const Room& room, uint64_t sceneSeed, const SessionOptions& options);
+
+// One session walking through a space of several rooms (its truth: session_from_space and the
+// merged room; the scenario narrows it to one room).
+Recording simulateSpaceSession(const Space& space, uint64_t sceneSeed,
+                               const SessionOptions& options);
 
 // The origin a session with these options gets (session_from_room), without running it.
 YawTransform sessionOrigin(const Room& room, const SessionOptions& options);

@@ -1,6 +1,8 @@
 #include "sim/view_descriptor.h"
 
+#include <algorithm>
 #include <cmath>
+#include <vector>
 
 namespace omra::sim {
 namespace {
@@ -36,6 +38,81 @@ ActivationData viewDescriptor(const Room& room, const CameraModel& camera, const
         out.values.push_back(quantize(kHeadingWeight * std::sin(freq * heading)));
         out.values.push_back(quantize(kHeadingWeight * std::cos(freq * heading)));
       }
+    }
+  }
+  return out;
+}
+
+ActivationData imageDescriptor(const PixelBuffer& image) {
+  ActivationData out;
+  out.shape = {1, kDescriptorRaysX * kDescriptorRaysY, kDescriptorFeatures};
+  const int w = image.width, h = image.height;
+  out.values.assign(static_cast<size_t>(kDescriptorRaysX * kDescriptorRaysY * kDescriptorFeatures),
+                    0.f);
+  if (image.empty() || w < 2 * kDescriptorRaysX || h < 2 * kDescriptorRaysY) return out;
+  std::vector<double> lum(static_cast<size_t>(w * h)), chromaR(lum.size()), chromaG(lum.size());
+  double mean = 0;
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* row = image.row(y);
+    for (int x = 0; x < w; ++x) {
+      const double b = row[4 * x], g = row[4 * x + 1], r = row[4 * x + 2];
+      const size_t i = static_cast<size_t>(y * w + x);
+      lum[i] = 0.114 * b + 0.587 * g + 0.299 * r;
+      const double sum = b + g + r + 1;
+      chromaR[i] = r / sum - 1.0 / 3;
+      chromaG[i] = g / sum - 1.0 / 3;
+      mean += lum[i];
+    }
+  }
+  mean = std::max(mean / static_cast<double>(lum.size()), 1.0);
+  const int cw = w / kDescriptorRaysX, ch = h / kDescriptorRaysY;
+  for (int cy = 0; cy < kDescriptorRaysY; ++cy) {
+    for (int cx = 0; cx < kDescriptorRaysX; ++cx) {
+      double hist[8] = {}, quarterLum[4] = {}, quarterR[4] = {}, quarterG[4] = {};
+      int quarterCount[4] = {};
+      double sum = 0, sumSq = 0, edges = 0;
+      int count = 0;
+      for (int y = cy * ch; y < (cy + 1) * ch; ++y) {
+        for (int x = cx * cw; x < (cx + 1) * cw; ++x) {
+          const size_t i = static_cast<size_t>(y * w + x);
+          const double l = lum[i] / mean;
+          const int q = (y - cy * ch) * 2 / ch * 2 + (x - cx * cw) * 2 / cw;
+          quarterLum[q] += l;
+          quarterR[q] += chromaR[i];
+          quarterG[q] += chromaG[i];
+          ++quarterCount[q];
+          sum += l;
+          sumSq += l * l;
+          ++count;
+          if (x + 1 >= w || y + 1 >= h) continue;
+          const double gx = (lum[i + 1] - lum[i]) / mean;
+          const double gy = (lum[i + static_cast<size_t>(w)] - lum[i]) / mean;
+          const double magnitude = std::hypot(gx, gy);
+          if (magnitude < 1e-3) continue;
+          const double angle = std::atan2(gy, gx) + M_PI;
+          hist[std::min(7, static_cast<int>(angle / (2 * M_PI) * 8))] += magnitude;
+          if (magnitude > 0.08) edges += 1;
+        }
+      }
+      double norm = 0;
+      for (double v : hist) norm += v * v;
+      norm = std::sqrt(norm);
+      float* cell = out.values.data() +
+                    static_cast<size_t>((cy * kDescriptorRaysX + cx) * kDescriptorFeatures);
+      int k = 0;
+      for (double v : hist) cell[k++] = quantize(norm > 0 ? v / norm : 0);
+      for (int q = 0; q < 4; ++q) {
+        const double n = std::max(quarterCount[q], 1);
+        cell[k++] = quantize(4 * quarterR[q] / n);
+        cell[k++] = quantize(4 * quarterG[q] / n);
+        cell[k++] = quantize(quarterLum[q] / n - 1);
+      }
+      const double cellMean = sum / std::max(count, 1);
+      cell[k++] =
+          quantize(std::sqrt(std::max(0.0, sumSq / std::max(count, 1) - cellMean * cellMean)));
+      cell[k++] = quantize(edges / std::max(count, 1));
+      cell[k++] = quantize(cellMean - 1);
+      cell[k++] = quantize(hist[0] + hist[4] > hist[2] + hist[6] ? 0.5 : -0.5);
     }
   }
   return out;

@@ -3,6 +3,7 @@
 // origin. Nearby viewpoints give descriptors of high cosine similarity; distant ones low.
 #pragma once
 
+#include "omrakit/pixel_buffer.h"
 #include "sim/camera_model.h"
 #include "sim/recording.h"
 #include "sim/scan_path.h"
@@ -17,6 +18,11 @@ inline constexpr int kDescriptorFeatures = 24;  // per ray: 4 (3 axes, heading) 
 // hits, encoded per axis (normalized by the room's size) as sines and cosines of a few frequencies,
 // and the ray's heading encoded alike.
 ActivationData viewDescriptor(const Room& room, const CameraModel& camera, const CameraPose& pose);
+
+// The same shape from a rendered image alone (BGRA): per cell of a 4 x 4 grid, a histogram of
+// gradient directions, the colour (chromaticity) and relative brightness of its quarters, and its
+// contrast. Brightness is taken relative to the whole image's, so a dimmer room looks alike.
+ActivationData imageDescriptor(const PixelBuffer& image);
 
 double cosineSimilarity(const std::vector<float>& a, const std::vector<float>& b);
 
