@@ -328,27 +328,31 @@ class Simulator {
     }
   }
 
+  // A person close by is seen in part: the detector still finds one when enough of the image
+  // shows them.
   void detectPerson(const SimObject& person, const CameraPose& pose, const Mat3& toCamera,
                     std::mt19937_64& rng, std::vector<Detection>& out) {
     double xMin = 1e9, yMin = 1e9, xMax = -1e9, yMax = -1e9;
+    int inFront = 0;
     for (const Vec3& c : Room::corners(person)) {
       Vec3 cam = toCamera * (c - pose.position);
-      if (cam.z > -0.2) return;
+      if (cam.z > -0.1) continue;
+      ++inFront;
       auto img = options_.camera.project(cam);
       auto [x, y] = options_.camera.imageToModel(img->first, img->second);
       xMin = std::min(xMin, x), xMax = std::max(xMax, x);
       yMin = std::min(yMin, y), yMax = std::max(yMax, y);
     }
-    const double full = (xMax - xMin) * (yMax - yMin);
+    if (inFront < 4) return;
     double cx0 = std::max(xMin, 0.0), cx1 = std::min(xMax, 1.0);
     double cy0 = std::max(yMin, 0.0), cy1 = std::min(yMax, 1.0);
-    if (cx1 - cx0 < 0.03 || cy1 - cy0 < 0.03 || full <= 0) return;
-    const double inside = (cx1 - cx0) * (cy1 - cy0) / full;
+    if (cx1 - cx0 < 0.03 || cy1 - cy0 < 0.03) return;
+    const double area = (cx1 - cx0) * (cy1 - cy0);
     std::uniform_real_distribution<double> unit(0, 1);
-    if (unit(rng) >= (1 - options_.noise.missRate) * ramp(inside, 0.3, 0.6)) return;
+    if (unit(rng) >= (1 - options_.noise.missRate) * ramp(area, 0.04, 0.15)) return;
     Detection d;
     d.classIndex = kPersonClass;
-    d.score = static_cast<float>(0.6 + 0.35 * inside);
+    d.score = static_cast<float>(0.6 + 0.3 * std::min(area, 1.0));
     d.xMin = static_cast<float>(cx0);
     d.xMax = static_cast<float>(cx1);
     d.yMin = static_cast<float>(cy0);
@@ -549,7 +553,8 @@ SimObject walkingPerson(const Room& room, uint64_t sessionSeed, double t) {
   // Round the room between the scanning camera's loop and the furniture, the other way round.
   std::mt19937_64 rng(mix(sessionSeed, 0x9e750aULL));
   const double start = std::uniform_real_distribution<double>(0, 2 * M_PI)(rng);
-  const double a = 1.35 * room.walkA, b = 1.35 * room.walkB;
+  // Between the camera's loop and the furniture (which keeps 0.6 m off the walkway).
+  const double a = room.walkA + 0.35, b = room.walkB + 0.35;
   constexpr double kSpeed = 0.9;
   const double alpha = start - kSpeed / (0.5 * (a + b)) * t;
   SimObject person;

@@ -18,13 +18,7 @@ namespace {
 
 using testing::shortScenario;
 
-std::vector<const RecordedFrame*> framesOf(const Recording& r) {
-  std::vector<const RecordedFrame*> out;
-  for (const RecordingEvent& e : r.events) {
-    if (const auto* f = std::get_if<RecordedFrame>(&e)) out.push_back(f);
-  }
-  return out;
-}
+using testing::framesOf;
 
 Vec3 positionOf(const RecordedFrame& f) { return Vec3::from(f.worldFromCamera.translation()); }
 
