@@ -169,6 +169,45 @@ YawTransform Scenario::localizationFromMapping() const {
   return *truthBetween(*mapping, *localization);
 }
 
+std::vector<std::string_view> conditionNames() {
+  return {"drift",     "points", "overlap",    "changes", "person",
+          "identical", "rooms",  "appearance", "all"};
+}
+
+bool applyCondition(ScenarioOptions& o, std::string_view name) {
+  if (name == "all") {
+    for (std::string_view each : conditionNames()) {
+      if (each != "all") applyCondition(o, each);
+    }
+    return true;
+  }
+  if (name == "drift") {
+    // Phone tracking of the good kind: about 1% of the way walked, a few degrees a minute.
+    o.drift.positionPerMetre = 0.01;
+    o.drift.yawDegreesPerMinute = 3;
+  } else if (name == "points") {
+    o.pointNoise.depthSigma = 0.01;
+    o.pointNoise.outlierRate = 0.05;
+  } else if (name == "overlap") {
+    o.overlapMin = 1.0 / 3;
+    o.overlapMax = 2.0 / 3;
+  } else if (name == "changes") {
+    o.changes = {.moved = 3, .removed = 2, .added = 3};
+  } else if (name == "person") {
+    o.personWalking = true;
+  } else if (name == "identical") {
+    o.room.identicalRow = 5;
+  } else if (name == "rooms") {
+    o.rooms = std::max(o.rooms, 4);
+  } else if (name == "appearance") {
+    o.descriptorFromImage = true;
+    o.lightingChange = 0.6;
+  } else {
+    return false;
+  }
+  return true;
+}
+
 Room makeScenarioRoom(const ScenarioOptions& options) {
   if (options.rooms > 1) return makeSpace(options).cells[targetCell(options)];
   return generateRoom(derive(options.seed, 0), options.room);

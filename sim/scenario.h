@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string_view>
+#include <vector>
 
 #include "sim/recording.h"
 #include "sim/room.h"
@@ -57,6 +59,13 @@ struct Scenario {
   // localization session's (p_loc = t + R(theta) p_map). Meaningless for a wrong room.
   YawTransform localizationFromMapping() const;
 };
+
+// The hard settings of one condition by name, on top of what options holds: "drift",
+// "points", "overlap", "changes", "person", "identical", "rooms", "appearance", or "all" of
+// them. False for an unknown name.
+bool applyCondition(ScenarioOptions& options, std::string_view name);
+// The names applyCondition takes, "all" last.
+std::vector<std::string_view> conditionNames();
 
 Scenario makeScenario(const ScenarioOptions& options);
 // The room of the scenario alone (what makeScenario furnishes; one room of a space).

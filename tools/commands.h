@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/scene_conditions.h"
+
 namespace omra::tools {
 
 struct RecordOptions {
@@ -13,6 +15,7 @@ struct RecordOptions {
   std::string role = "mapping";  // "mapping" or "localization": which session of the scenario
   double seconds = 0;            // 0: the scenario's default for that session
   std::string path;
+  SceneConditions conditions;
 };
 
 struct ServerCommandOptions {
@@ -37,6 +40,7 @@ struct DemoOptions {
   std::string store;  // empty: a SQLite file in a fresh temporary folder
   std::string svg;    // empty: omra-demo.svg in that folder
   bool verbose = false;
+  SceneConditions conditions;
 };
 
 struct ReplayOptions {

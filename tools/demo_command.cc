@@ -36,6 +36,7 @@ std::string vec(const sim::Vec3& v) {
 }  // namespace
 
 int runDemo(const DemoOptions& demo) {
+  std::string error;
   std::string folder;
   std::string storeSpec = demo.store;
   if (storeSpec.empty() || demo.svg.empty()) {
@@ -49,7 +50,6 @@ int runDemo(const DemoOptions& demo) {
   if (storeSpec.empty()) storeSpec = "sqlite:" + folder + "/omra.db";
   const std::string svgPath = demo.svg.empty() ? folder + "/omra-demo.svg" : demo.svg;
 
-  std::string error;
   std::shared_ptr<RecordStore> store = makeRecordStore(storeSpec, {}, nullptr, &error);
   if (!store) {
     std::fprintf(stderr, "omra demo: cannot open the store %s: %s\n", storeSpec.c_str(),
@@ -59,6 +59,10 @@ int runDemo(const DemoOptions& demo) {
 
   ScenarioRunOptions options;
   options.scenario.seed = demo.seed;
+  if (!applySceneConditions(demo.conditions, options.scenario, &error)) {
+    std::fprintf(stderr, "omra demo: %s\n", error.c_str());
+    return 1;
+  }
   options.store = store;
   if (demo.verbose) {
     options.kitLog = printLine;
@@ -117,9 +121,15 @@ int runDemo(const DemoOptions& demo) {
                 *report.firstAssetsScanSeconds, report.firstLocalizer.c_str(),
                 report.localization.arrivals.size());
   }
-  std::printf(
-      "positions are in the localization session's frame, which is the mapping session's %s\n",
-      transformInWords(report.scenario.localizationFromMapping()).c_str());
+  if (report.wrongRoom) {
+    std::printf("the localization session was in a room the map does not hold: %s\n",
+                report.arrivals.empty() ? "no assets were handed over, as it should be"
+                                        : "every asset handed over is a false relocalization");
+  } else {
+    std::printf(
+        "positions are in the localization session's frame, which is the mapping session's %s\n",
+        transformInWords(report.scenario.localizationFromMapping()).c_str());
+  }
   std::printf("scan progress %lld (mapping) and %lld (localization): %s\n",
               static_cast<long long>(report.mapping.scanProgress),
               static_cast<long long>(report.localization.scanProgress), scanProgressNote().c_str());

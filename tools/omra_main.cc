@@ -42,6 +42,7 @@ int main(int argc, char** argv) {
                    "Length of the scan (default: 30 mapping, 20 localization)")
       ->check(CLI::Range(0.1, 3600.0));
   recordCmd->add_option("FILE", record.path, "Recording to write (JSON lines)")->required();
+  omra::tools::addSceneConditionOptions(*recordCmd, record.conditions);
 
   std::string inspectPath;
   CLI::App* inspectCmd = app.add_subcommand("inspect", "Check a recording and summarise it");
@@ -86,6 +87,7 @@ int main(int argc, char** argv) {
       "sqlite:PATH, dynamodb:URL or memory (default: a fresh temporary SQLite file)");
   demoCmd->add_option("--svg", demo.svg, "Where to write the top-down picture");
   demoCmd->add_flag("--verbose", demo.verbose, "Also print the kit's and the server's log lines");
+  omra::tools::addSceneConditionOptions(*demoCmd, demo.conditions);
   omra::tools::ReplayOptions replay;
   CLI::App* replayCmd =
       app.add_subcommand("replay", "Replay a recording through the kit against a back end");

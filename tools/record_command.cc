@@ -13,27 +13,38 @@ int runRecord(const RecordOptions& options) {
   }
   sim::ScenarioOptions scenario;
   scenario.seed = options.seed;
-  bool mapping = options.role == "mapping";
-  sim::SessionOptions session =
-      mapping ? sim::mappingSessionOptions(scenario) : sim::localizationSessionOptions(scenario);
-  if (options.seconds > 0) session.seconds = options.seconds;
-  if (session.seconds > 3600) {
+  std::string error;
+  if (!applySceneConditions(options.conditions, scenario, &error)) {
+    std::fprintf(stderr, "omra record: %s\n", error.c_str());
+    return 1;
+  }
+  const bool mapping = options.role == "mapping";
+  if (options.seconds > 3600) {
     std::fprintf(stderr, "omra record: --seconds is limited to 3600\n");
     return 1;
   }
+  if (options.seconds > 0) {
+    (mapping ? scenario.mappingSeconds : scenario.localizationSeconds) = options.seconds;
+  }
+  const sim::SessionOptions session =
+      mapping ? sim::mappingSessionOptions(scenario) : sim::localizationSessionOptions(scenario);
   std::fprintf(stderr, "simulating the %s session of scene %llu (%.0f s at %.0f frames/s)...\n",
                options.role.c_str(), static_cast<unsigned long long>(options.seed), session.seconds,
                session.fps);
-  sim::Room room = sim::makeScenarioRoom(scenario);
-  sim::Recording recording = sim::simulateSession(room, scenario.seed, session);
-  std::string error = sim::writeRecordingFile(recording, options.path);
+  // The whole scene: a localization session may depend on the mapping one (its path, the room
+  // as it was changed in between).
+  const sim::Scenario scene = sim::makeScenario(scenario);
+  const sim::Recording& recording = mapping ? *scene.mapping : *scene.localization;
+  error = sim::writeRecordingFile(recording, options.path);
   if (!error.empty()) {
     std::fprintf(stderr, "omra record: %s\n", error.c_str());
     return 1;
   }
-  std::printf("wrote %s: %zu frames, %zu events, %zu room objects; session_from_room %s\n",
+  std::printf("wrote %s: %zu frames, %zu events, %zu room objects; session_from_room %s%s\n",
               options.path.c_str(), recording.frameCount(), recording.events.size(),
-              room.objects.size(), recording.truth->sessionFromRoom.toText().c_str());
+              recording.truth->room.objects.size(),
+              recording.truth->sessionFromRoom.toText().c_str(),
+              scene.wrongRoom && !mapping ? " (a room the map does not hold)" : "");
   return 0;
 }
 

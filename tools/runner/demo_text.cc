@@ -26,6 +26,7 @@ std::string scanProgressNote() {
 
 std::string verdictLine(const ScenarioReport& report, double toleranceCm, double toleranceDegrees) {
   if (!report.success) return "FAIL: " + report.failure;
+  if (report.wrongRoom) return "PASS: no assets handed over in a room the map does not hold";
   char buffer[160];
   std::snprintf(buffer, sizeof buffer, "PASS: all %zu assets came back within %g cm and %g degrees",
                 report.assets.size(), toleranceCm, toleranceDegrees);

@@ -164,6 +164,8 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   }
   report.localization = driveSession(services, scenario.localization, localization);
   server.stop();
+  report.wrongRoom = scenario.wrongRoom;
+  report.falseRelocalization = scenario.wrongRoom && !report.localization.arrivals.empty();
 
   // Every callback against the truth; the last one is what the host shows in the end.
   for (const AssetsArrival& arrival : report.localization.arrivals) {
@@ -207,6 +209,14 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
     return finish("the localization session did not open: " +
                   (report.localization.status ? statusText(*report.localization.status)
                                               : std::string("no answer from the back end")));
+  }
+  if (scenario.wrongRoom) {
+    if (report.arrivals.empty()) return finish("");
+    report.firstAssetsScanSeconds = report.arrivals.front().scanSeconds;
+    report.firstLocalizer = report.arrivals.front().localizer;
+    report.localizer = report.arrivals.back().localizer;
+    return finish("assets handed over in a room the map does not hold (from " +
+                  report.firstLocalizer + ")");
   }
   if (report.arrivals.empty()) return finish("no assets came back");
   report.firstAssetsScanSeconds = report.arrivals.front().scanSeconds;

@@ -70,6 +70,10 @@ struct ScenarioReport {
   std::string localizer;                 // which localizer placed them
   std::optional<double> firstAssetsScanSeconds;
   std::string firstLocalizer;
+  // A localization in a room the map does not hold: success is getting no assets at all, and
+  // any assets handed over are a false relocalization.
+  bool wrongRoom = false;
+  bool falseRelocalization = false;
   bool success = false;
   std::string failure;  // why not, when !success
   double wallSeconds = 0;

@@ -1,0 +1,126 @@
+#include "bench/e2e/e2e_suite.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+
+namespace omra::bench {
+
+using tools::AssetOutcome;
+using tools::ScenarioReport;
+
+double percentile(std::vector<double> v, double q) {
+  if (v.empty()) return -1;
+  std::sort(v.begin(), v.end());
+  const double at = q * static_cast<double>(v.size() - 1);
+  const size_t lo = static_cast<size_t>(at);
+  const size_t hi = std::min(lo + 1, v.size() - 1);
+  return v[lo] + (v[hi] - v[lo]) * (at - static_cast<double>(lo));
+}
+
+tools::ScenarioRunOptions baseSceneOptions(uint64_t seed) {
+  tools::ScenarioRunOptions o;
+  o.scenario.seed = seed;
+  o.scenario.mappingSeconds = 16;
+  o.scenario.localizationSeconds = 12;
+  o.mappingSpeed = 4;
+  // The localization session at its own pace, so scan seconds until the first assets are real.
+  o.localizationSpeed = 1;
+  o.settleScanSeconds = 5;
+  o.waitAfterFeedSeconds = 5;
+  return o;
+}
+
+std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int parallel) {
+  std::vector<SceneResult> results(scenes.size());
+  std::atomic<size_t> next{0};
+  std::mutex printMutex;
+  auto worker = [&] {
+    for (size_t i = next++; i < scenes.size(); i = next++) {
+      results[i].group = scenes[i].group;
+      results[i].report = tools::runScenario(scenes[i].options);
+      const ScenarioReport& r = results[i].report;
+      std::lock_guard lock(printMutex);
+      std::fprintf(stderr, "scene %llu (%s): %s%s (%.1f s)\n",
+                   static_cast<unsigned long long>(scenes[i].options.scenario.seed),
+                   scenes[i].group.c_str(), r.success ? "ok" : "FAILED: ", r.failure.c_str(),
+                   r.wallSeconds);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < std::max(parallel, 1); ++t) threads.emplace_back(worker);
+  for (std::thread& t : threads) t.join();
+  return results;
+}
+
+namespace {
+
+// The worst error of a scene's final assets; false when one did not come back.
+bool worstOf(const ScenarioReport& r, double* cm, double* degrees) {
+  *cm = 0, *degrees = 0;
+  if (r.assets.empty()) return false;
+  for (const AssetOutcome& a : r.assets) {
+    if (!a.placed) return false;
+    *cm = std::max(*cm, a.errorCm);
+    *degrees = std::max(*degrees, a.errorDegrees);
+  }
+  return true;
+}
+
+}  // namespace
+
+double successPercent(const std::vector<const SceneResult*>& scenes, double cm, double degrees) {
+  if (scenes.empty()) return 0;
+  int ok = 0;
+  for (const SceneResult* s : scenes) {
+    double worstCm = 0, worstDegrees = 0;
+    if (worstOf(s->report, &worstCm, &worstDegrees) && worstCm <= cm && worstDegrees <= degrees)
+      ++ok;
+  }
+  return 100.0 * ok / static_cast<double>(scenes.size());
+}
+
+void printSummary(const std::string& prefix, const std::vector<const SceneResult*>& scenes) {
+  const char* p = prefix.c_str();
+  std::vector<double> cm, degrees, worstCm, worstDegrees, firstSeconds;
+  int firstWithin10 = 0, firstCount = 0;
+  for (const SceneResult* s : scenes) {
+    const ScenarioReport& r = s->report;
+    for (const AssetOutcome& a : r.assets) {
+      if (!a.placed) continue;
+      cm.push_back(a.errorCm);
+      degrees.push_back(a.errorDegrees);
+    }
+    double wc = 0, wd = 0;
+    if (worstOf(r, &wc, &wd)) {
+      worstCm.push_back(wc);
+      worstDegrees.push_back(wd);
+    }
+    if (!r.arrivals.empty()) {
+      ++firstCount;
+      firstSeconds.push_back(r.arrivals.front().scanSeconds);
+      const tools::ArrivalOutcome& first = r.arrivals.front();
+      if (first.complete && first.maxErrorCm <= 10) ++firstWithin10;
+    }
+  }
+  std::printf("figure %s_success_10cm_5deg_pct %.1f %%\n", p, successPercent(scenes, 10, 5));
+  std::printf("figure %s_success_10cm_2deg_pct %.1f %%\n", p, successPercent(scenes, 10, 2));
+  std::printf("figure %s_success_5cm_1deg_pct %.1f %%\n", p, successPercent(scenes, 5, 1));
+  std::printf("figure %s_success_2cm_0_5deg_pct %.1f %%\n", p, successPercent(scenes, 2, 0.5));
+  std::printf("figure %s_median_worst_cm %.2f cm\n", p, percentile(worstCm, 0.5));
+  std::printf("figure %s_median_worst_deg %.3f deg\n", p, percentile(worstDegrees, 0.5));
+  std::printf("figure %s_p90_worst_cm %.2f cm\n", p, percentile(worstCm, 0.9));
+  std::printf("figure %s_p90_worst_deg %.3f deg\n", p, percentile(worstDegrees, 0.9));
+  std::printf("figure %s_error_median_cm %.2f cm\n", p, percentile(cm, 0.5));
+  std::printf("figure %s_error_p90_cm %.2f cm\n", p, percentile(cm, 0.9));
+  std::printf("figure %s_error_median_deg %.3f deg\n", p, percentile(degrees, 0.5));
+  std::printf("figure %s_error_p90_deg %.3f deg\n", p, percentile(degrees, 0.9));
+  std::printf("figure %s_first_assets_median_s %.2f s\n", p, percentile(firstSeconds, 0.5));
+  std::printf("figure %s_first_assets_p90_s %.2f s\n", p, percentile(firstSeconds, 0.9));
+  std::printf("figure %s_first_assets_within_10cm_pct %.1f %%\n", p,
+              scenes.empty() ? 0.0 : 100.0 * firstWithin10 / static_cast<double>(scenes.size()));
+}
+
+}  // namespace omra::bench

@@ -1,0 +1,97 @@
+#include "tools/scene_conditions.h"
+
+#include <CLI/CLI.hpp>
+
+#include "sim/scenario.h"
+
+namespace omra::tools {
+
+void addSceneConditionOptions(CLI::App& app, SceneConditions& c) {
+  std::string names;
+  for (std::string_view n : sim::conditionNames())
+    names += (names.empty() ? "" : ", ") + std::string(n);
+  app.add_option("--hard", c.hard,
+                 "Conditions at the hard benchmark's settings (repeatable): " + names)
+      ->group("Harder world");
+  app.add_option("--drift", c.drift, "Tracking drift: metres of error per metre walked")
+      ->check(CLI::Range(0.0, 0.5))
+      ->group("Harder world");
+  app.add_option("--yaw-drift", c.yawDrift, "Tracking heading drift, degrees a minute")
+      ->check(CLI::Range(0.0, 60.0))
+      ->group("Harder world");
+  app.add_option("--depth-noise", c.depthNoise,
+                 "Feature-point depth error (std. dev., metres at 1 m, growing with distance^2)")
+      ->check(CLI::Range(0.0, 0.5))
+      ->group("Harder world");
+  app.add_option("--outliers", c.outliers, "Share of feature points far off their surface")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group("Harder world");
+  app.add_option("--overlap", c.overlap,
+                 "MIN MAX: the localization session takes another, partial path and sees this "
+                 "share of the objects the map saw")
+      ->expected(2)
+      ->check(CLI::Range(0.0, 1.0))
+      ->group("Harder world");
+  app.add_option("--moved", c.moved, "Objects moved between the sessions")
+      ->check(CLI::Range(0, 20))
+      ->group("Harder world");
+  app.add_option("--removed", c.removed, "Objects removed between the sessions")
+      ->check(CLI::Range(0, 20))
+      ->group("Harder world");
+  app.add_option("--added", c.added, "Objects added between the sessions")
+      ->check(CLI::Range(0, 20))
+      ->group("Harder world");
+  app.add_flag("--person", c.person, "Someone walks through the localization session")
+      ->group("Harder world");
+  app.add_option("--identical", c.identical, "A row of this many identical chairs")
+      ->check(CLI::Range(0, 10))
+      ->group("Harder world");
+  app.add_option("--rooms", c.rooms,
+                 "A flat or office floor of this many rooms mapped in one walk; the localization "
+                 "is in one of them")
+      ->check(CLI::Range(1, 12))
+      ->group("Harder world");
+  app.add_flag("--wrong-room", c.wrongRoom,
+               "Localize in a room the map does not hold (success: no assets handed over)")
+      ->group("Harder world");
+  app.add_flag("--image-descriptor", c.imageDescriptor,
+               "The detector's activation from the rendered view, not from room coordinates")
+      ->group("Harder world");
+  app.add_option("--lighting-change", c.lightingChange,
+                 "How much the light differs in the localization session (0 to 1)")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group("Harder world");
+}
+
+bool applySceneConditions(const SceneConditions& c, sim::ScenarioOptions& o, std::string* error) {
+  for (const std::string& name : c.hard) {
+    if (!sim::applyCondition(o, name)) {
+      if (error) *error = "unknown condition \"" + name + "\"";
+      return false;
+    }
+  }
+  if (c.drift > 0) o.drift.positionPerMetre = c.drift;
+  if (c.yawDrift > 0) o.drift.yawDegreesPerMinute = c.yawDrift;
+  if (c.depthNoise > 0) o.pointNoise.depthSigma = c.depthNoise;
+  if (c.outliers > 0) o.pointNoise.outlierRate = c.outliers;
+  if (c.overlap.size() == 2) {
+    if (c.overlap[0] > c.overlap[1]) {
+      if (error) *error = "--overlap wants MIN MAX with MIN <= MAX";
+      return false;
+    }
+    o.overlapMin = c.overlap[0];
+    o.overlapMax = c.overlap[1];
+  }
+  if (c.moved > 0) o.changes.moved = c.moved;
+  if (c.removed > 0) o.changes.removed = c.removed;
+  if (c.added > 0) o.changes.added = c.added;
+  if (c.person) o.personWalking = true;
+  if (c.identical > 0) o.room.identicalRow = c.identical;
+  if (c.rooms > 1) o.rooms = c.rooms;
+  if (c.wrongRoom) o.wrongRoom = true;
+  if (c.imageDescriptor) o.descriptorFromImage = true;
+  if (c.lightingChange > 0) o.lightingChange = c.lightingChange;
+  return true;
+}
+
+}  // namespace omra::tools
