@@ -480,12 +480,23 @@ class Builder {
   Room room_;
 };
 
+// Whether the ray o + t d (t in [0, length]) passes the object's bounding sphere: a cheap test
+// that never rules out a real hit.
+bool nearRay(const SimObject& obj, const Vec3& o, const Vec3& d, double length) {
+  const double r = 0.5 * obj.size.norm() + 1e-6;
+  const Vec3 v = obj.center - o;
+  const double along = v.dot(d);
+  if (along < -r || along > length + r) return false;
+  return v.dot(v) - along * along <= r * r;
+}
+
 }  // namespace
 
 RayHit Room::castRay(const Vec3& o, const Vec3& d, double minDistance) const {
   RayHit best;
   best.distance = kInf;
   for (const SimObject& obj : objects) {
+    if (!nearRay(obj, o, d, kInf)) continue;
     double t = intersectBox(solidOf(obj), o, d, minDistance);
     if (t < best.distance) {
       best.distance = t;
@@ -521,7 +532,7 @@ bool Room::occluded(const Vec3& from, const Vec3& to, int ignoreObjectId) const 
   if (len <= 0) return false;
   Vec3 d = delta * (1.0 / len);
   for (const SimObject& obj : objects) {
-    if (obj.id == ignoreObjectId) continue;
+    if (obj.id == ignoreObjectId || !nearRay(obj, from, d, len)) continue;
     if (intersectBox(solidOf(obj), from, d, 1e-4) < len - 1e-3) return true;
   }
   return false;
