@@ -72,7 +72,7 @@ PixelBuffer renderView(const Room& room, const CameraModel& camera, const Camera
       const Vec3 dir = pose.rotation *
                        camera.rayThroughImagePoint((x + 0.5) / img.width, (y + 0.5) / img.height);
       RayHit hit = room.castRay(pose.position, dir);
-      const SimObject* object = hit.objectId > 0 ? room.object(hit.objectId) : nullptr;
+      const SimObject* object = hit.object;
       for (const SimObject& e : extras) {
         const double t = rayObjectDistance(e, pose.position, dir, 1e-4);
         if (t < hit.distance) {

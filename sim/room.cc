@@ -501,6 +501,7 @@ RayHit Room::castRay(const Vec3& o, const Vec3& d, double minDistance) const {
     if (t < best.distance) {
       best.distance = t;
       best.objectId = obj.id;
+      best.object = &obj;
     }
   }
   // The shell, seen from inside: the nearest positive exit through the six faces.
@@ -512,6 +513,7 @@ RayHit Room::castRay(const Vec3& o, const Vec3& d, double minDistance) const {
     if (t > minDistance && t < best.distance) {
       best.distance = t;
       best.objectId = 0;
+      best.object = nullptr;
       if (i == 1) {
         best.surfaceId = ds[i] < 0 ? 0 : -1;
       } else if (i == 0) {

@@ -70,6 +70,7 @@ struct RayHit {
   Vec3 point;
   int objectId = 0;    // 0: the room's shell (floor, walls, ceiling)
   int surfaceId = -1;  // floor/wall surface id when the shell was hit (-1 for the ceiling)
+  const SimObject* object = nullptr;  // the object hit, in the room cast against
 };
 
 class Room {

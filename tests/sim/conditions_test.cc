@@ -353,6 +353,22 @@ TEST(Conditions, DescriptorFromTheRenderedView) {
   const CameraPose pose = ScanPath(*lit.room, session.seed, session.path).pose(30 / session.fps);
   EXPECT_EQ(f.activation.values, descriptor(*lit.room, pose, session.lighting));
   EXPECT_NE(f.activation.values, descriptor(*lit.room, pose, light));
+
+  // In a space of several rooms too, where each frame looks only at the nearby rooms' objects.
+  ScenarioOptions spaced = testing::shortScenarioOptions(17);
+  spaced.rooms = 3;
+  spaced.descriptorFromImage = true;
+  const Scenario flat = makeScenario(spaced);
+  const SessionOptions walk = mappingSessionOptions(spaced);
+  const ScanPath route(flat.space->merged, walk.seed, walk.path);
+  int same = 0, checked = 0;
+  const auto frames = framesOf(*flat.mapping);
+  for (size_t i = 0; i < frames.size(); i += 300) {
+    ++checked;
+    same += frames[i]->activation.values ==
+            descriptor(flat.space->merged, route.pose(frames[i]->index / walk.fps), light);
+  }
+  EXPECT_GE(same, checked * 9 / 10);
 }
 
 }  // namespace
