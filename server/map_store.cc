@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "omrakit/platform/http_client.h"
+#include "server/account.h"
 #include "server/ids.h"
 #include "server/server_tables.h"
 #include "src/cloud/record_item.h"
@@ -53,46 +54,68 @@ std::optional<MapRecord> mapFromItem(const Item& item) {
   return m;
 }
 
-// A nearby-index entry carries what the listing answers; the cell key names app and account.
-Item cellEntry(const MapRecord& m, const GridCell& cell) {
-  Item item{{"CellKey", str(cellKey(m.appId, m.account, cell))},
-            {"MapUuid", str(m.uuid)},
-            {"UserId", str(m.userId)},
-            {"MapId", str(m.mapId)},
-            {"Created", integerNumber(m.createdMicros)},
-            {"Longitude", doubleNumber(m.location->longitude)},
-            {"Latitude", doubleNumber(m.location->latitude)},
-            {"Altitude", doubleNumber(m.location->altitude)},
-            {"HorizontalAccuracy", doubleNumber(m.location->horizontalAccuracy)},
-            {"VerticalAccuracy", doubleNumber(m.location->verticalAccuracy)}};
-  return item;
+// The owner part of a cell key: app and account hashed together, short enough that every index
+// entry (which carries its key) stays small. The account hash is fixed-length, so the joined text
+// is unambiguous.
+std::string cellOwner(const std::string& appId, const std::string& account) {
+  return accountHash(account + "\n" + appId).substr(0, 32);
 }
 
+std::string cellKeyOf(const std::string& owner, const GridCell& cell) {
+  return owner + "/" + cellText(cell);
+}
+
+std::string numberText(double v) {
+  char buf[32];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  return std::string(buf, ec == std::errc() ? end : buf);
+}
+
+// A nearby-index entry carries what the listing answers, the place as one text
+// "lat,long,alt,horizontal,vertical": the listing reads many entries, and small ones read fast.
 std::vector<TableItem> cellEntries(const MapRecord& m) {
   std::vector<TableItem> out;
   if (!m.location) return out;
+  const GeoLocation& l = *m.location;
+  const std::string place = numberText(l.latitude) + "," + numberText(l.longitude) + "," +
+                            numberText(l.altitude) + "," + numberText(l.horizontalAccuracy) + "," +
+                            numberText(l.verticalAccuracy);
+  const std::string owner = cellOwner(m.appId, m.account);
   for (int level = 0; level < kGridLevels; ++level) {
-    out.push_back({kMapsByCellTable,
-                   cellEntry(m, cellOf(level, m.location->latitude, m.location->longitude))});
+    Item item{{"CellKey", str(cellKeyOf(owner, cellOf(level, l.latitude, l.longitude)))},
+              {"MapUuid", str(m.uuid)},
+              {"UserId", str(m.userId)},
+              {"MapId", str(m.mapId)},
+              {"Place", str(place)}};
+    out.push_back({kMapsByCellTable, std::move(item)});
   }
   return out;
 }
 
+std::optional<GeoLocation> parsePlace(std::string_view text) {
+  double v[5];
+  for (int i = 0; i < 5; ++i) {
+    const size_t cut = i < 4 ? text.find(',') : text.size();
+    if (cut == std::string_view::npos) return std::nullopt;
+    auto [ptr, ec] = std::from_chars(text.data(), text.data() + cut, v[i]);
+    if (ec != std::errc() || ptr != text.data() + cut || !std::isfinite(v[i])) return std::nullopt;
+    text.remove_prefix(std::min(text.size(), cut + 1));
+  }
+  if (std::abs(v[0]) > 90 || std::abs(v[1]) > 180) return std::nullopt;
+  return GeoLocation{v[1], v[0], v[2], v[3], v[4]};
+}
+
 std::optional<MapRecord> mapFromCellEntry(const Item& item, const std::string& appId,
                                           const std::string& account) {
-  std::optional<std::string> uuid, user, name;
-  std::optional<int64_t> created;
-  std::optional<double> lon, lat, alt, hor, ver;
+  std::optional<std::string> uuid, user, name, place;
   if (!readString(item, "MapUuid", uuid) || !readString(item, "UserId", user) ||
-      !readString(item, "MapId", name) || !readInteger(item, "Created", created) ||
-      !readDouble(item, "Longitude", lon) || !readDouble(item, "Latitude", lat) ||
-      !readDouble(item, "Altitude", alt) || !readDouble(item, "HorizontalAccuracy", hor) ||
-      !readDouble(item, "VerticalAccuracy", ver) || !uuid || !user || !name || !created || !lon ||
-      !lat || !alt || !hor || !ver) {
+      !readString(item, "MapId", name) || !readString(item, "Place", place) || !uuid || !user ||
+      !name || !place) {
     return std::nullopt;
   }
-  return MapRecord{
-      *uuid, appId, account, *user, *name, *created, GeoLocation{*lon, *lat, *alt, *hor, *ver}};
+  auto at = parsePlace(*place);
+  if (!at) return std::nullopt;
+  return MapRecord{std::move(*uuid), appId, account, std::move(*user), std::move(*name), 0, at};
 }
 
 // Pages of one query, up to at most `most` items (0: all); true when more remain past them.
@@ -131,7 +154,7 @@ std::string accountKey(const std::string& appId, const std::string& account) {
 }
 
 std::string cellKey(const std::string& appId, const std::string& account, const GridCell& cell) {
-  return Json::array({appId, account, cellText(cell)}).dump();
+  return cellKeyOf(cellOwner(appId, account), cell);
 }
 
 std::string nearbyTokenText(const NearbyCursor& cursor) {
@@ -244,7 +267,7 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
   // A cell holding more entries than this is read through its 16 children instead.
   constexpr size_t kProbe = 32;
   // The search starts at the finest level whose cells covering the box are at most this many.
-  constexpr size_t kStartCells = 16;
+  constexpr size_t kStartCells = 64;
   struct Pending {
     double minMetres;
     GridCell cell;
@@ -262,6 +285,7 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
     cells.push({cellMinMetres(c, box.latitude, box.longitude), c});
   }
 
+  const std::string owner = cellOwner(q.appId, q.account);
   NearbyPage out;
   const size_t keep = q.limit + 1;  // one past the page tells whether another follows
   auto nearer = [](const NearbyMap& a, const NearbyMap& b) {
@@ -279,8 +303,8 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
     }
     items.clear();
     const bool finest = p.cell.level == kGridFinestLevel;
-    const bool crowded = readCell(store_, cellKey(q.appId, q.account, p.cell),
-                                  finest ? 0 : kProbe + 1, items, error);
+    const bool crowded =
+        readCell(store_, cellKeyOf(owner, p.cell), finest ? 0 : kProbe + 1, items, error);
     if (error && *error) return {};
     out.itemsRead += items.size();
     if (crowded || items.size() > kProbe) {
