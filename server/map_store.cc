@@ -265,9 +265,9 @@ std::optional<StoreError> MapStore::ensureNearbyIndexed(const std::string& appId
 
 NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>* error) {
   // A cell holding more entries than this is read through its 16 children instead.
-  constexpr size_t kProbe = 32;
+  constexpr size_t kProbe = 16;
   // The search starts at the finest level whose cells covering the box are at most this many.
-  constexpr size_t kStartCells = 64;
+  constexpr size_t kStartCells = 256;
   struct Pending {
     double minMetres;
     GridCell cell;
@@ -307,14 +307,7 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
         readCell(store_, cellKeyOf(owner, p.cell), finest ? 0 : kProbe + 1, items, error);
     if (error && *error) return {};
     out.itemsRead += items.size();
-    if (crowded || items.size() > kProbe) {
-      for (const GridCell& child : childrenOf(p.cell)) {
-        if (cellMeetsBox(child, box)) {
-          cells.push({cellMinMetres(child, box.latitude, box.longitude), child});
-        }
-      }
-      continue;
-    }
+    // A crowded cell's first entries are real maps too: taking them tightens the bound early.
     for (const Item& item : items) {
       auto m = mapFromCellEntry(item, q.appId, q.account);
       if (!m || (q.userId && m->userId != *q.userId)) continue;
@@ -334,6 +327,14 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
         std::pop_heap(best.begin(), best.end(), nearer);
         best.back() = std::move(found);
         std::push_heap(best.begin(), best.end(), nearer);
+      }
+    }
+    if (crowded || items.size() > kProbe) {
+      for (const GridCell& child : childrenOf(p.cell)) {
+        if (cellMeetsBox(child, box)) {
+          const double d = cellMinMetres(child, box.latitude, box.longitude);
+          if (best.size() < keep || d <= best.front().metres) cells.push({d, child});
+        }
       }
     }
   }
