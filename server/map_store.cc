@@ -307,6 +307,7 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
         readCell(store_, cellKeyOf(owner, p.cell), finest ? 0 : kProbe + 1, items, error);
     if (error && *error) return {};
     out.itemsRead += items.size();
+    ++out.cellsRead;
     // A crowded cell's first entries are real maps too: taking them tightens the bound early.
     for (const Item& item : items) {
       auto m = mapFromCellEntry(item, q.appId, q.account);

@@ -66,6 +66,7 @@ struct NearbyPage {
   std::vector<NearbyMap> maps;       // nearest first; equal distances by UUID
   std::optional<NearbyCursor> next;  // present when more maps follow
   size_t itemsRead = 0;              // index entries read to answer
+  size_t cellsRead = 0;              // index cells queried (round trips on a remote store)
 };
 
 // The paging token of the nearby listing: the cursor as text, and back (none when malformed).

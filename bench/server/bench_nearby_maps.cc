@@ -99,7 +99,7 @@ int run() {
     std::mt19937_64 rng(3);
     std::uniform_real_distribution<double> unit(0, 1);
     for (double delta : {0.02, 0.2, 2.0}) {
-      size_t read = 0;
+      size_t read = 0, cells = 0;
       double cpuMs = 0;
       constexpr int kRuns = 200;
       for (int i = 0; i < kRuns; ++i) {
@@ -115,10 +115,13 @@ int run() {
         clock_gettime(CLOCK_THREAD_CPUTIME_ID, &b);
         if (e) return 1;
         read += page.itemsRead;
+        cells += page.cellsRead;
         cpuMs += (b.tv_sec - a.tv_sec) * 1e3 + (b.tv_nsec - a.tv_nsec) / 1e6;
       }
-      std::printf("# search alone, box %g deg: %.0f entries read, %.2f ms CPU per listing\n", delta,
-                  static_cast<double>(read) / kRuns, cpuMs / kRuns);
+      std::printf(
+          "# search alone, box %g deg: %.0f entries in %.0f cells read, %.2f ms CPU per listing\n",
+          delta, static_cast<double>(read) / kRuns, static_cast<double>(cells) / kRuns,
+          cpuMs / kRuns);
     }
   }
 

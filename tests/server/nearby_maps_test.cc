@@ -339,12 +339,12 @@ TEST_P(NearbyStoreTest, PagesMatchTheBruteForceListing) {
 
 TEST_P(NearbyStoreTest, CostFollowsTheMapsNearTheCentreNotTheAccount) {
   // Five maps by the centre and a crowd 40 km away, inside the box too: the page's sixth map
-  // (which tells whether another page follows) is in the crowd. Then the account grows fourfold
+  // (which tells whether another page follows) is in the crowd. Then the account doubles
   // elsewhere, which must not cost one more read.
   std::vector<MapRecord> near, crowd, elsewhere;
   for (Point p : scatter(5, {48.85, 2.35}, 0.0005, 10)) near.push_back(record("a", p));
-  for (Point p : scatter(400, {48.85, 2.9}, 0.01, 9)) crowd.push_back(record("a", p));
-  for (Point p : scatter(1600, {45.76, 4.83}, 0.05, 11)) elsewhere.push_back(record("a", p));
+  for (Point p : scatter(300, {48.85, 2.9}, 0.01, 9)) crowd.push_back(record("a", p));
+  for (Point p : scatter(600, {45.76, 4.83}, 0.05, 11)) elsewhere.push_back(record("a", p));
   add(near);
   add(crowd);
   const GeoBox box{48.85, 2.35, 1, 1};
