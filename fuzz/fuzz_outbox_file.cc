@@ -13,16 +13,16 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::filesystem::path dir = [] {
-    auto d = std::filesystem::temp_directory_path() /
-             ("omra-fuzz-outbox-" + std::to_string(::getpid()));
+    auto d =
+        std::filesystem::temp_directory_path() / ("omra-fuzz-outbox-" + std::to_string(::getpid()));
     std::filesystem::create_directories(d);
     return d;
   }();
   const std::filesystem::path file = dir / "outbox.db";
   std::filesystem::remove_all(dir);
   std::filesystem::create_directories(dir);
-  std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(data),
-                                              static_cast<std::streamsize>(size));
+  std::ofstream(file, std::ios::binary)
+      .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   std::string error;
   omra::RecordOutbox::Options options;
   options.busyTimeoutMs = 0;
