@@ -1,6 +1,7 @@
 // One server route's body (OMRA_FUZZ_ROUTE names the path) through MapService::handle, with the
 // account header set, over a MemoryRecordStore. "@MAP@" and "@LOC@" in the input stand for a map
-// and a localization session that exist, so that inputs reach past the lookups. Every answer must
+// and a localization session that exist, so that inputs reach past the lookups; located maps
+// give the nearby listing cells to search. Every answer must
 // encode, and a 200 to a placement must have stored only plausible positions.
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +25,15 @@ struct Fixture {
                                                 omra::server::testing::openingBody("fuzz-room"));
     if (a.body.contains("session_uuid")) session = a.body["session_uuid"].get<std::string>();
     if (map.empty() || session.empty()) __builtin_trap();
+    // Located maps around (lat 1, long 2), enough to crowd a cell of the nearby index.
+    for (int i = 0; i < 48; ++i) {
+      std::string body = omra::server::testing::openingBody("near-" + std::to_string(i));
+      body.pop_back();
+      body += ",\"long\":" + std::to_string(2 + (i % 7) * 0.001 - (i % 3) * 0.3) +
+              ",\"lat\":" + std::to_string(1 + (i % 5) * 0.002) +
+              ",\"alt\":0,\"horAccuracy\":5,\"verAccuracy\":3}";
+      if (harness.post("/prod/maps/create_map", body).status != 200) __builtin_trap();
+    }
   }
 };
 

@@ -32,14 +32,6 @@ Answer writeFailure(const WriteFailure& f) {
   return storeFailure(f.error);
 }
 
-// Longitude difference folded into [-180, 180], so that a box may straddle the date line.
-double longitudeGap(double a, double b) {
-  double d = std::fmod(a - b, 360.0);
-  if (d > 180) d -= 360;
-  if (d < -180) d += 360;
-  return std::abs(d);
-}
-
 }  // namespace
 
 struct MapService::Opening {
@@ -184,21 +176,34 @@ Answer MapService::listNearbyMaps(const Caller& caller, const Request& request) 
     r.optionalString(key);
   }
   const std::optional<std::string> userId = r.optionalString("user_id");
+  const std::optional<double> limit = r.optionalNumber("limit");
+  const std::optional<std::string> token = r.optionalString("page_token");
   if (r.ok() && (longitudeDelta < 0 || latitudeDelta < 0)) {
     r.fail("\"longitude_delta\" and \"latitude_delta\" must not be negative");
   }
+  if (r.ok() && limit && (*limit < 1 || *limit > kMaxNearbyMaps || *limit != std::floor(*limit))) {
+    r.fail("\"limit\" must be a whole number from 1 to " + std::to_string(kMaxNearbyMaps));
+  }
+  std::optional<NearbyCursor> after;
+  if (r.ok() && token && !(after = parseNearbyToken(*token))) {
+    r.fail("\"page_token\" is not a token this route gave out");
+  }
   if (!r.ok()) return error(kBadRequest, r.error());
   if (auto bad = keyMismatch(developerKey, caller.digest)) return *bad;
+  if (auto e = store_.ensureNearbyIndexed(appId, caller.account)) return storeFailure(*e);
+  NearbyQuery q;
+  q.appId = appId;
+  q.account = caller.account;
+  q.box = GeoBox{latitude, longitude, latitudeDelta / 2, longitudeDelta / 2};
+  q.userId = userId;
+  q.limit = limit ? static_cast<size_t>(*limit) : kMaxNearbyMaps;
+  q.after = std::move(after);
   std::optional<StoreError> e;
-  auto maps = store_.accountMaps(appId, caller.account, &e);
+  NearbyPage page = store_.nearbyMaps(q, &e);
   if (e) return storeFailure(*e);
-  // The box's edges belong to it; the slack absorbs the rounding of the halved deltas.
-  constexpr double kSlack = 1e-9;
   Json out = Json::array();
-  for (const MapRecord& m : maps) {
-    if (!m.location || (userId && m.userId != *userId)) continue;
-    if (std::abs(m.location->latitude - latitude) > latitudeDelta / 2 + kSlack) continue;
-    if (longitudeGap(m.location->longitude, longitude) > longitudeDelta / 2 + kSlack) continue;
+  for (const NearbyMap& n : page.maps) {
+    const MapRecord& m = n.map;
     out.push_back(Json{{"user_id", m.userId},
                        {"map_id", m.mapId},
                        {"latitude", m.location->latitude},
@@ -207,7 +212,9 @@ Answer MapService::listNearbyMaps(const Caller& caller, const Request& request) 
                        {"vertical_accuracy", m.location->verticalAccuracy},
                        {"horizontal_accuracy", m.location->horizontalAccuracy}});
   }
-  return {200, std::move(out)};
+  Answer a{200, std::move(out)};
+  if (page.next) a.headers[kNextPageHeader] = nearbyTokenText(*page.next);
+  return a;
 }
 
 Answer MapService::placeAssetOnMap(const Caller& caller, const Request& request) {

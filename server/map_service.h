@@ -22,6 +22,11 @@
 
 namespace omra::server {
 
+// The most maps one nearby listing answers, and its default; further ones come by page token.
+inline constexpr size_t kMaxNearbyMaps = 100;
+// The answer header carrying the token of the next nearby page, when there is one.
+inline constexpr const char* kNextPageHeader = "X-Omra-Next-Page-Token";
+
 struct MapServiceOptions {
   // When not empty, only these accounts (developer-key digests) are served.
   std::set<std::string> allowedDeveloperKeys;

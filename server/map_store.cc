@@ -4,8 +4,11 @@
 #include <charconv>
 #include <cmath>
 #include <functional>
+#include <queue>
+#include <tuple>
 
 #include "omrakit/platform/http_client.h"
+#include "server/account.h"
 #include "server/ids.h"
 #include "server/server_tables.h"
 #include "src/cloud/record_item.h"
@@ -51,6 +54,85 @@ std::optional<MapRecord> mapFromItem(const Item& item) {
   return m;
 }
 
+// The owner part of a cell key: app and account hashed together, short enough that every index
+// entry (which carries its key) stays small. The account hash is fixed-length, so the joined text
+// is unambiguous.
+std::string cellOwner(const std::string& appId, const std::string& account) {
+  return accountHash(account + "\n" + appId).substr(0, 32);
+}
+
+std::string cellKeyOf(const std::string& owner, const GridCell& cell) {
+  return owner + "/" + cellText(cell);
+}
+
+std::string numberText(double v) {
+  char buf[32];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  return std::string(buf, ec == std::errc() ? end : buf);
+}
+
+// A nearby-index entry carries what the listing answers, the place as one text
+// "lat,long,alt,horizontal,vertical": the listing reads many entries, and small ones read fast.
+std::vector<TableItem> cellEntries(const MapRecord& m) {
+  std::vector<TableItem> out;
+  if (!m.location) return out;
+  const GeoLocation& l = *m.location;
+  const std::string place = numberText(l.latitude) + "," + numberText(l.longitude) + "," +
+                            numberText(l.altitude) + "," + numberText(l.horizontalAccuracy) + "," +
+                            numberText(l.verticalAccuracy);
+  const std::string owner = cellOwner(m.appId, m.account);
+  for (int level = 0; level < kGridLevels; ++level) {
+    Item item{{"CellKey", str(cellKeyOf(owner, cellOf(level, l.latitude, l.longitude)))},
+              {"MapUuid", str(m.uuid)},
+              {"UserId", str(m.userId)},
+              {"MapId", str(m.mapId)},
+              {"Place", str(place)}};
+    out.push_back({kMapsByCellTable, std::move(item)});
+  }
+  return out;
+}
+
+std::optional<GeoLocation> parsePlace(std::string_view text) {
+  double v[5];
+  for (int i = 0; i < 5; ++i) {
+    const size_t cut = i < 4 ? text.find(',') : text.size();
+    if (cut == std::string_view::npos) return std::nullopt;
+    auto [ptr, ec] = std::from_chars(text.data(), text.data() + cut, v[i]);
+    if (ec != std::errc() || ptr != text.data() + cut || !std::isfinite(v[i])) return std::nullopt;
+    text.remove_prefix(std::min(text.size(), cut + 1));
+  }
+  if (std::abs(v[0]) > 90 || std::abs(v[1]) > 180) return std::nullopt;
+  return GeoLocation{v[1], v[0], v[2], v[3], v[4]};
+}
+
+std::optional<MapRecord> mapFromCellEntry(const Item& item, const std::string& appId,
+                                          const std::string& account) {
+  std::optional<std::string> uuid, user, name, place;
+  if (!readString(item, "MapUuid", uuid) || !readString(item, "UserId", user) ||
+      !readString(item, "MapId", name) || !readString(item, "Place", place) || !uuid || !user ||
+      !name || !place) {
+    return std::nullopt;
+  }
+  auto at = parsePlace(*place);
+  if (!at) return std::nullopt;
+  return MapRecord{std::move(*uuid), appId, account, std::move(*user), std::move(*name), 0, at};
+}
+
+// Pages of one query, up to at most `most` items (0: all); true when more remain past them.
+bool readCell(RecordStore& store, const std::string& key, size_t most, std::vector<Item>& out,
+              std::optional<StoreError>* error) {
+  std::optional<Item> start;
+  for (;;) {
+    const int limit = most == 0 ? 0 : static_cast<int>(most - out.size());
+    QueryPage page = store.query(kMapsByCellTable, str(key), start, limit, error);
+    if (error && *error) return false;
+    for (Item& item : page.items) out.push_back(std::move(item));
+    if (!page.lastEvaluatedKey) return false;
+    if (most != 0 && out.size() >= most) return true;
+    start = std::move(page.lastEvaluatedKey);
+  }
+}
+
 std::optional<double> parseMatchValue(const std::string& text) {
   double v = 0;
   auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
@@ -71,6 +153,33 @@ std::string accountKey(const std::string& appId, const std::string& account) {
   return Json::array({appId, account}).dump();
 }
 
+std::string cellKey(const std::string& appId, const std::string& account, const GridCell& cell) {
+  return cellKeyOf(cellOwner(appId, account), cell);
+}
+
+std::string nearbyTokenText(const NearbyCursor& cursor) {
+  char buf[64];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, cursor.metres);
+  return std::string(buf, ec == std::errc() ? end : buf) + "~" + cursor.uuid;
+}
+
+std::optional<NearbyCursor> parseNearbyToken(std::string_view text) {
+  const size_t cut = text.find('~');
+  if (cut == std::string_view::npos) return std::nullopt;
+  NearbyCursor c;
+  auto [ptr, ec] = std::from_chars(text.data(), text.data() + cut, c.metres);
+  if (ec != std::errc() || ptr != text.data() + cut || !std::isfinite(c.metres) || c.metres < 0) {
+    return std::nullopt;
+  }
+  c.uuid = std::string(text.substr(cut + 1));
+  constexpr size_t kMaxUuid = 64;
+  if (c.uuid.empty() || c.uuid.size() > kMaxUuid) return std::nullopt;
+  for (char ch : c.uuid) {
+    if (!std::isalnum(static_cast<unsigned char>(ch)) && ch != '-') return std::nullopt;
+  }
+  return c;
+}
+
 std::optional<WriteFailure> MapStore::write(const std::vector<TableItem>& items) {
   for (const TableItem& t : items) {
     if (auto e = checkItemContents(t.item)) return WriteFailure{true, std::move(*e)};
@@ -80,6 +189,20 @@ std::optional<WriteFailure> MapStore::write(const std::vector<TableItem>& items)
 }
 
 std::optional<WriteFailure> MapStore::addMap(const MapRecord& m) {
+  const std::string key = accountKey(m.appId, m.account);
+  bool first = false;
+  if (!knownIndexed(key)) {
+    // No map of the account yet: its index starts complete. A failed look is no harm: the first
+    // listing indexes the older maps then.
+    std::optional<StoreError> e;
+    first = store_.query(kMapsByAccountTable, str(key), std::nullopt, 1, &e).items.empty() && !e;
+  }
+  auto failure = write(mapItems(m, first));
+  if (!failure && first) rememberIndexed(key);
+  return failure;
+}
+
+std::vector<TableItem> MapStore::mapItems(const MapRecord& m, bool firstOfAccount) {
   Item main;
   putMapFields(main, m);
   main["Created"] = integerNumber(m.createdMicros);
@@ -89,9 +212,140 @@ std::optional<WriteFailure> MapStore::addMap(const MapRecord& m) {
   Item byAccount = main;
   byAccount["AccountKey"] = str(accountKey(m.appId, m.account));
   byAccount["Created"] = integerNumber(-m.createdMicros);
-  return write({{kMapsTable, std::move(main)},
-                {kMapsByAccountTable, std::move(byAccount)},
-                {kMapsByNameTable, std::move(byName)}});
+  std::vector<TableItem> items{{kMapsTable, std::move(main)},
+                               {kMapsByAccountTable, std::move(byAccount)},
+                               {kMapsByNameTable, std::move(byName)}};
+  for (TableItem& t : cellEntries(m)) items.push_back(std::move(t));
+  if (firstOfAccount) {
+    items.push_back({kNearbyIndexedTable, {{"AccountKey", str(accountKey(m.appId, m.account))}}});
+  }
+  return items;
+}
+
+bool MapStore::knownIndexed(const std::string& key) {
+  std::lock_guard lock(indexedMu_);
+  return indexed_.contains(key);
+}
+
+void MapStore::rememberIndexed(const std::string& key) {
+  constexpr size_t kMaxRemembered = 100000;  // past it they are looked up again
+  std::lock_guard lock(indexedMu_);
+  if (indexed_.size() >= kMaxRemembered) indexed_.clear();
+  indexed_.insert(key);
+}
+
+std::optional<StoreError> MapStore::ensureNearbyIndexed(const std::string& appId,
+                                                        const std::string& account) {
+  const std::string key = accountKey(appId, account);
+  if (knownIndexed(key)) return std::nullopt;
+  std::optional<StoreError> e;
+  if (store_.get(kNearbyIndexedTable, {{"AccountKey", str(key)}}, &e)) {
+    rememberIndexed(key);
+    return std::nullopt;
+  }
+  if (e) return e;
+  // Re-writing an entry writes the same item: two servers doing this at once do no harm.
+  const std::vector<MapRecord> maps = accountMaps(appId, account, &e);
+  if (e) return e;
+  // Nothing to index, and a listing writes nothing: its first map marks the account.
+  if (maps.empty()) return std::nullopt;
+  constexpr size_t kMapsPerBatch = 8;
+  std::vector<TableItem> batch;
+  for (size_t i = 0; i < maps.size(); ++i) {
+    for (TableItem& t : cellEntries(maps[i])) batch.push_back(std::move(t));
+    if (batch.size() >= kMapsPerBatch * kGridLevels || i + 1 == maps.size()) {
+      if (auto f = write(batch)) return f->error;
+      batch.clear();
+    }
+  }
+  if (auto f = store_.put(kNearbyIndexedTable, {{"AccountKey", str(key)}})) return f;
+  rememberIndexed(key);
+  return std::nullopt;
+}
+
+NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>* error) {
+  // A cell holding more entries than this is read through its 16 children instead.
+  constexpr size_t kProbe = 16;
+  // The search starts at the finest level whose cells covering the box are at most this many.
+  constexpr size_t kStartCells = 256;
+  struct Pending {
+    double minMetres;
+    GridCell cell;
+  };
+  auto fartherCell = [](const Pending& a, const Pending& b) { return a.minMetres > b.minMetres; };
+  std::priority_queue<Pending, std::vector<Pending>, decltype(fartherCell)> cells(fartherCell);
+  const GeoBox& box = q.box;
+  std::vector<GridCell> start = cellsCovering(box, 0, SIZE_MAX);
+  for (int level = 1; level < kGridLevels; ++level) {
+    std::vector<GridCell> finer = cellsCovering(box, level, kStartCells);
+    if (finer.empty()) break;
+    start = std::move(finer);
+  }
+  for (const GridCell& c : start) {
+    cells.push({cellMinMetres(c, box.latitude, box.longitude), c});
+  }
+
+  const std::string owner = cellOwner(q.appId, q.account);
+  NearbyPage out;
+  const size_t keep = q.limit + 1;  // one past the page tells whether another follows
+  auto nearer = [](const NearbyMap& a, const NearbyMap& b) {
+    return std::tie(a.metres, a.map.uuid) < std::tie(b.metres, b.map.uuid);
+  };
+  std::vector<NearbyMap> best;  // a max-heap under nearer: the farthest kept on top
+  std::unordered_set<std::string> seen;
+  std::vector<Item> items;
+  while (!cells.empty()) {
+    const Pending p = cells.top();
+    cells.pop();
+    if (best.size() == keep && p.minMetres > best.front().metres) break;
+    if (q.after && cellMaxMetres(p.cell, box.latitude, box.longitude) < q.after->metres) {
+      continue;  // all of it went out on earlier pages
+    }
+    items.clear();
+    const bool finest = p.cell.level == kGridFinestLevel;
+    const bool crowded =
+        readCell(store_, cellKeyOf(owner, p.cell), finest ? 0 : kProbe + 1, items, error);
+    if (error && *error) return {};
+    out.itemsRead += items.size();
+    ++out.cellsRead;
+    // A crowded cell's first entries are real maps too: taking them tightens the bound early.
+    for (const Item& item : items) {
+      auto m = mapFromCellEntry(item, q.appId, q.account);
+      if (!m || (q.userId && m->userId != *q.userId)) continue;
+      if (!box.contains(m->location->latitude, m->location->longitude)) continue;
+      NearbyMap found{std::move(*m), 0};
+      found.metres = haversineMetres(box.latitude, box.longitude, found.map.location->latitude,
+                                     found.map.location->longitude);
+      if (q.after &&
+          std::tie(found.metres, found.map.uuid) <= std::tie(q.after->metres, q.after->uuid)) {
+        continue;
+      }
+      if (!seen.insert(found.map.uuid).second) continue;
+      if (best.size() < keep) {
+        best.push_back(std::move(found));
+        std::push_heap(best.begin(), best.end(), nearer);
+      } else if (nearer(found, best.front())) {
+        std::pop_heap(best.begin(), best.end(), nearer);
+        best.back() = std::move(found);
+        std::push_heap(best.begin(), best.end(), nearer);
+      }
+    }
+    if (crowded || items.size() > kProbe) {
+      for (const GridCell& child : childrenOf(p.cell)) {
+        if (cellMeetsBox(child, box)) {
+          const double d = cellMinMetres(child, box.latitude, box.longitude);
+          if (best.size() < keep || d <= best.front().metres) cells.push({d, child});
+        }
+      }
+    }
+  }
+  std::sort_heap(best.begin(), best.end(), nearer);
+  if (best.size() > q.limit) {
+    best.resize(q.limit);
+    out.next = NearbyCursor{best.back().metres, best.back().map.uuid};
+  }
+  out.maps = std::move(best);
+  return out;
 }
 
 std::optional<MapRecord> MapStore::map(const std::string& uuid, std::optional<StoreError>* error) {

@@ -9,6 +9,8 @@ std::vector<TableSchema> serverTableSchemas() {
       {kMapsTable, "MapUuid", KeyType::kString, std::nullopt, KeyType::kNumber},
       {kMapsByNameTable, "NameKey", KeyType::kString, "Created", KeyType::kNumber},
       {kMapsByAccountTable, "AccountKey", KeyType::kString, "Created", KeyType::kNumber},
+      {kMapsByCellTable, "CellKey", KeyType::kString, "MapUuid", KeyType::kString},
+      {kNearbyIndexedTable, "AccountKey", KeyType::kString, std::nullopt, KeyType::kNumber},
       {kPlacementsTable, "MapUuid", KeyType::kString, "AssetId", KeyType::kString},
       {kLocalizationSessionsTable, "SessionUuid", KeyType::kString, std::nullopt, KeyType::kNumber},
   };

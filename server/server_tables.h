@@ -12,8 +12,13 @@ namespace omra::server {
 inline constexpr const char* kMapsTable = "OmraServer-Maps";
 // Maps by (app, developer key, map name), newest first: the map a localization session opens.
 inline constexpr const char* kMapsByNameTable = "OmraServer-MapsByName";
-// Maps by (app, developer key), newest first: the nearby-maps listing.
+// Maps by (app, developer key), newest first: every map of an account.
 inline constexpr const char* kMapsByAccountTable = "OmraServer-MapsByAccount";
+// The nearby-maps index: one entry per located map and grid level, keyed by (app, developer key,
+// cell) and the map's UUID.
+inline constexpr const char* kMapsByCellTable = "OmraServer-MapsByCell";
+// One item per (app, developer key) whose maps are all in the nearby index.
+inline constexpr const char* kNearbyIndexedTable = "OmraServer-NearbyIndexed";
 inline constexpr const char* kPlacementsTable = "OmraServer-Placements";
 inline constexpr const char* kLocalizationSessionsTable = "OmraServer-LocalizationSessions";
 

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/server/wrk_runner.h"
 #include "server/account.h"
 #include "server/ids.h"
 #include "server/request.h"
@@ -32,54 +33,6 @@ namespace {
 
 const std::string kDigest = "0123456789abcdef0123456789abcdef";
 const std::string kAccountHeader = "X-Omra-Account: " + kDigest;
-
-struct WrkResult {
-  double rps = 0;
-  double p99Ms = 0;
-  long socketErrors = 0;
-  long non2xx = 0;
-};
-
-double toMs(const std::string& value) {
-  const double v = std::stod(value);
-  if (value.ends_with("us")) return v / 1000;
-  if (value.ends_with("ms")) return v;
-  if (value.ends_with("s")) return v * 1000;
-  return v;
-}
-
-// Runs wrk on 2 threads; the script (may be empty) shapes the request.
-std::optional<WrkResult> runWrk(const std::string& url, int connections,
-                                const std::string& script) {
-  std::string cmd =
-      "wrk -t2 -c" + std::to_string(connections) + " -d4s --latency -H '" + kAccountHeader + "' ";
-  if (!script.empty()) cmd += "-s " + script + " ";
-  cmd += "'" + url + "' 2>&1";
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(cmd.c_str(), "r"), pclose);
-  if (!pipe) return std::nullopt;
-  WrkResult r;
-  bool sawRps = false;
-  char line[512];
-  while (fgets(line, sizeof line, pipe.get())) {
-    std::printf("# %s", line);
-    char unit[64];
-    double v = 0;
-    long a = 0, b = 0, c = 0, d = 0;
-    if (std::sscanf(line, " Requests/sec: %lf", &v) == 1) {
-      r.rps = v;
-      sawRps = true;
-    } else if (std::sscanf(line, " 99%% %63s", unit) == 1) {
-      r.p99Ms = toMs(unit);
-    } else if (std::sscanf(line, " Socket errors: connect %ld, read %ld, write %ld, timeout %ld",
-                           &a, &b, &c, &d) == 4) {
-      r.socketErrors = a + b + c + d;
-    } else if (std::sscanf(line, " Non-2xx or 3xx responses: %ld", &a) == 1) {
-      r.non2xx = a;
-    }
-  }
-  if (!sawRps) return std::nullopt;
-  return r;
-}
 
 int connectLoopback(int port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -240,7 +193,7 @@ int run() {
   }
   ServerOptions o;
   o.store = store;
-  o.log = [](std::string_view) {};  // the request log line is still formatted for every request
+  o.log = [](std::string_view) {};      // the request log line is still formatted for every request
   o.quotas = QuotaOptions{0, 0, 0, 0};  // one account makes every request here
   if (const char* threads = std::getenv("OMRA_BENCH_HTTP_THREADS"))
     o.httpThreads = std::atoi(threads);
@@ -277,21 +230,21 @@ int run() {
   const std::string base = server.baseUrl() + "/prod";
   const std::string best =
       base + "/maps/get_best_transform?session_id=" + session + "&localizer=su_localizer";
-  auto c16 = runWrk(best, 16, "");
-  auto c256 = runWrk(best, 256, "");
+  auto c16 = runWrk(best, 16, kAccountHeader, "");
+  auto c256 = runWrk(best, 256, kAccountHeader, "");
   std::optional<WrkResult> slowloris;
   size_t slowOpened = 0;
   {
     SlowClients slow(server.port(), 1000);
     slowOpened = slow.opened();
-    slowloris = runWrk(best, 16, "");
+    slowloris = runWrk(best, 16, kAccountHeader, "");
   }
   const std::string script = (dir / "create_map.lua").string();
   std::ofstream(script) << "wrk.method = \"POST\"\n"
                            "wrk.headers[\"Content-Type\"] = \"application/json\"\n"
                            "wrk.body = '"
                         << opening << "'\n";
-  auto create = runWrk(base + "/maps/create_map", 16, script);
+  auto create = runWrk(base + "/maps/create_map", 16, kAccountHeader, script);
   // Growth over the idle server, each kind alone and then all together.
   const long idle = residentKb();
   double hostile = 0;

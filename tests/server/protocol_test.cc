@@ -156,7 +156,7 @@ TEST_F(ProtocolTest, PlacesAndFindsAssetsInFirstPlacedOrder) {
   EXPECT_EQ(none, Json::parse(R"({"placements": []})"));
 }
 
-TEST_F(ProtocolTest, ListsNearbyMapsInsideTheBoxNewestFirst) {
+TEST_F(ProtocolTest, ListsNearbyMapsInsideTheBoxNearestFirst) {
   auto at = [](double lon, double lat) { return LocationValues{lon, lat, 12.0, 5.0, 3.0}; };
   // Centre (10, 50), box 2 degrees of longitude by 1 of latitude: edges at 9/11 and 49.5/50.5.
   createMap("corner-ne", at(11, 50.5));
@@ -182,10 +182,11 @@ TEST_F(ProtocolTest, ListsNearbyMapsInsideTheBoxNewestFirst) {
     return out;
   };
   using Ids = std::vector<std::string>;
-  ASSERT_EQ(ids(std::nullopt, kDevKey), (Ids{"bos", "corner-sw", "corner-ne"}));
-  EXPECT_EQ(ids("ana", kDevKey), (Ids{"corner-sw", "corner-ne"}));
+  // The south-west corner lies farther: a degree of longitude is longer further south.
+  ASSERT_EQ(ids(std::nullopt, kDevKey), (Ids{"bos", "corner-ne", "corner-sw"}));
+  EXPECT_EQ(ids("ana", kDevKey), (Ids{"corner-ne", "corner-sw"}));
   EXPECT_EQ(ids(std::nullopt, kOtherDevKey), Ids{"foreign"});
-  EXPECT_EQ(list(std::nullopt, kDevKey).back(), Map("ana", "corner-ne", 50.5, 11, 12, 5, 3));
+  EXPECT_EQ(list(std::nullopt, kDevKey)[1], Map("ana", "corner-ne", 50.5, 11, 12, 5, 3));
 }
 
 TEST_F(ProtocolTest, BestTransformIgnoresSuppressedResults) {

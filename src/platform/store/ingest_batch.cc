@@ -1,5 +1,6 @@
 #include "src/platform/store/ingest_batch.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace omra {
@@ -31,7 +32,10 @@ std::optional<std::chrono::seconds> retryAfterOf(const HttpResponse& r) {
   const auto res = std::from_chars(first, last, seconds);
   // An HTTP date (the other form) is not used by the back end; the backoff alone then decides.
   if (res.ec != std::errc() || res.ptr != last || seconds < 0) return std::nullopt;
-  return std::chrono::seconds(seconds);
+  // The sender adds the wait to clock readings in nanoseconds: a wait of centuries would wrap.
+  // No back end asks for more than a day; the sender caps it lower still.
+  constexpr int64_t kMaxSeconds = 24 * 60 * 60;
+  return std::chrono::seconds(std::min(seconds, kMaxSeconds));
 }
 
 std::string errorMessageOf(const HttpResponse& r) {

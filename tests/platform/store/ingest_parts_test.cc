@@ -86,6 +86,8 @@ TEST(IngestAnswerTest, EachAnswerMapsToWhatBecomesOfTheBatch) {
       {"retry-after as a date",
        answer(503, "{}", {{"retry-after", "Wed, 21 Oct 2015 07:28:00 GMT"}}), Kind::kRetry, "", -1,
        std::nullopt, "HTTP 503"},
+      {"retry-after of centuries", answer(503, "{}", {{"retry-after", "7766279541452241918"}}),
+       Kind::kRetry, "", -1, 86400, "HTTP 503"},
       {"server error", answer(500, "oops"), Kind::kRetry, "", -1, std::nullopt, "oops"},
       {"redirect", answer(302, ""), Kind::kRetry, "", -1, std::nullopt, "HTTP 302"},
       {"one bad item", answer(400, R"({"errorMessage": "MapData-PointCloud[3]: no FrameId",
