@@ -113,16 +113,16 @@ void CapturingStore::save(const std::string& table, Item item, SaveCompletion co
     log_->saved.push_back(
         {std::chrono::duration<double>(now - log_->first).count(), table, item, {}, false});
   }
-  ForwardingStore::save(table, std::move(item),
-                        [log = log_, index, completion = std::move(completion)](
-                            std::optional<StoreError> e) {
-                          {
-                            std::lock_guard lock(log->mu);
-                            log->saved[index].outcome = e;
-                            log->saved[index].completed = true;
-                          }
-                          if (completion) completion(std::move(e));
-                        });
+  ForwardingStore::save(
+      table, std::move(item),
+      [log = log_, index, completion = std::move(completion)](std::optional<StoreError> e) {
+        {
+          std::lock_guard lock(log->mu);
+          log->saved[index].outcome = e;
+          log->saved[index].completed = true;
+        }
+        if (completion) completion(std::move(e));
+      });
 }
 
 std::vector<CapturingStore::Saved> CapturingStore::saved() const {
@@ -140,8 +140,8 @@ std::shared_ptr<RecordStore> CapturingStore::viewForAccount(const std::string& a
 void RecordingHttpClient::send(HttpRequest request, Completion completion) {
   const auto sent = Clock::now();
   const size_t bytes = request.body.size();
-  inner_->send(std::move(request), [state = state_, sent, bytes, completion = std::move(completion)](
-                                       HttpResponse response) {
+  inner_->send(std::move(request), [state = state_, sent, bytes,
+                                    completion = std::move(completion)](HttpResponse response) {
     Exchange x;
     x.sent = sent;
     x.answered = Clock::now();
@@ -222,9 +222,8 @@ std::optional<std::string> IngestServer::createMap(const std::string& account,
   httplib::Client client("127.0.0.1", port_);
   client.set_connection_timeout(5);
   client.set_read_timeout(10);
-  const Json body{{"app_id", "com.example.app"}, {"user_id", "ana"},
-                  {"map_id", mapId},             {"developer_key", account},
-                  {"pod_version", "v0.3.6"},     {"data_version", "1"}};
+  const Json body{{"app_id", "com.example.app"}, {"user_id", "ana"},        {"map_id", mapId},
+                  {"developer_key", account},    {"pod_version", "v0.3.6"}, {"data_version", "1"}};
   httplib::Headers headers{{kAccountHeader, account}};
   auto res = client.Post("/prod/maps/create_map", headers, body.dump(), "application/json");
   if (!res || res->status != 200) {
@@ -271,7 +270,7 @@ std::optional<StoredRecords> IngestServer::recordsOf(const std::string& session,
 // --- devices ---
 
 DeviceKit::~DeviceKit() {
-  records.reset();       // delivers what it can within its close time, keeps the rest
+  records.reset();        // delivers what it can within its close time, keeps the rest
   stopHttpFirst.reset();  // no completion is posted once the dispatcher goes
   http.reset();
   dispatcher.reset();
@@ -289,8 +288,8 @@ std::unique_ptr<DeviceKit> openDeviceKit(const std::string& backendUrl,
       std::shared_ptr<void>(nullptr, [raw = curl.get()](void*) { raw->shutdown(); });
   kit->http = std::make_shared<RecordingHttpClient>(curl);
   kit->logger = std::make_shared<MemoryLogger>();
-  kit->records = openKitRecordStore(backendUrl, outboxPath, kit->http, kit->dispatcher,
-                                    kit->logger, Config{}.recordFlushTimeoutSeconds, error);
+  kit->records = openKitRecordStore(backendUrl, outboxPath, kit->http, kit->dispatcher, kit->logger,
+                                    Config{}.recordFlushTimeoutSeconds, error);
   if (!kit->records) return nullptr;
   return kit;
 }
@@ -324,8 +323,8 @@ std::optional<std::map<std::string, std::vector<int64_t>>> outboxRowsOf(
   int rc = SQLITE_DONE;
   while (ok && (rc = sqlite3_step(s)) == SQLITE_ROW) {
     const std::string table = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-    const Json item = Json::parse(reinterpret_cast<const char*>(sqlite3_column_text(s, 1)),
-                                  nullptr, false);
+    const Json item =
+        Json::parse(reinterpret_cast<const char*>(sqlite3_column_text(s, 1)), nullptr, false);
     if (!item.is_object() || item.value("SessionId", Json::object()).value("S", "") != session) {
       continue;
     }
