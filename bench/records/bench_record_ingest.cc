@@ -112,11 +112,10 @@ double cpuSeconds() {
 class Bench {
  public:
   Bench(const bench::SessionRecords& session, const std::string& dir)
-      : session_(session), dir_(dir), server_(dir, {}) {}
+      : session_(session), dir_(dir), server_(dir, serverOptions()) {}
 
   bool start(std::string* error) {
     if (!server_.start(error)) return false;
-    server_.store().onWritten = [this](const std::vector<TableItem>& items) { written(items); };
     dispatcher_ = std::make_shared<AsioDispatcher>();
     CurlHttpOptions httpOptions;
     httpOptions.idleTimeoutSeconds = 30;
@@ -132,6 +131,12 @@ class Bench {
     http_.reset();
     dispatcher_.reset();
     server_.stop();
+  }
+
+  testing::IngestServer::Options serverOptions() {
+    testing::IngestServer::Options o;
+    o.onWritten = [this](const std::vector<TableItem>& items) { written(items); };
+    return o;
   }
 
   // Opens n more devices, each with a map of its own.

@@ -10,8 +10,13 @@
 #include "omrakit/config.h"
 #include "server/server.h"
 #include "src/cloud/account_http_client.h"
+#include "src/cloud/camera_path_model.h"
+#include "src/cloud/detected_plane_model.h"
+#include "src/cloud/image_features_model.h"
+#include "src/cloud/point_cloud_model.h"
 #include "src/cloud/record_item.h"
 #include "src/cloud/record_tables.h"
+#include "src/cloud/scene_understanding_model.h"
 #include "src/platform/curl_http_client.h"
 #include "src/platform/md5.h"
 #include "src/platform/store/attribute_json.h"
@@ -186,6 +191,7 @@ bool IngestServer::start(std::string* error) {
   std::shared_ptr<SqliteRecordStore> sqlite = SqliteRecordStore::open(path_, error);
   if (!sqlite) return false;
   store_ = std::make_shared<OutageStore>(std::move(sqlite));
+  store_->onWritten = options_.onWritten;
   // A port just closed may linger for a moment.
   std::unique_ptr<server::Server> server;
   for (int attempt = 0;; ++attempt) {
@@ -213,6 +219,7 @@ void IngestServer::stop() {
   if (!server_) return;
   server_->stop();
   server_.reset();
+  store_.reset();
 }
 
 std::string IngestServer::url() const { return "http://127.0.0.1:" + std::to_string(port_); }
@@ -308,15 +315,15 @@ std::shared_ptr<RecordStore> openKitRecordStore(const std::string& backendUrl,
   return makeRecordStore(config, services, std::move(logger), error);
 }
 
-std::optional<std::map<std::string, std::vector<int64_t>>> outboxRowsOf(
-    const std::string& outboxPath, const std::string& session, std::string* error) {
+std::optional<std::vector<RecordKey>> outboxRows(const std::string& outboxPath,
+                                                 std::string* error) {
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(outboxPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
     if (error != nullptr) *error = db != nullptr ? sqlite3_errmsg(db) : "cannot open";
     sqlite3_close(db);
     return std::nullopt;
   }
-  std::map<std::string, std::vector<int64_t>> out;
+  std::vector<RecordKey> out;
   sqlite3_stmt* s = nullptr;
   bool ok = sqlite3_prepare_v2(db, "SELECT record_table, item FROM records ORDER BY id", -1, &s,
                                nullptr) == SQLITE_OK;
@@ -325,16 +332,75 @@ std::optional<std::map<std::string, std::vector<int64_t>>> outboxRowsOf(
     const std::string table = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
     const Json item =
         Json::parse(reinterpret_cast<const char*>(sqlite3_column_text(s, 1)), nullptr, false);
-    if (!item.is_object() || item.value("SessionId", Json::object()).value("S", "") != session) {
-      continue;
+    std::optional<Item> parsed = item.is_object() ? itemFromJson(item, nullptr) : std::nullopt;
+    std::optional<std::string> session;
+    std::optional<int64_t> id;
+    if (!parsed || !readString(*parsed, "SessionId", session) || !session ||
+        !readInteger(*parsed, kRecordIdAttribute, id) || !id) {
+      ok = false;
+      break;
     }
-    out[table].push_back(std::stoll(item["RecordId"]["N"].get<std::string>()));
+    out.push_back({table, *session, *id});
   }
   ok = ok && rc == SQLITE_DONE;
-  if (!ok && error != nullptr) *error = sqlite3_errmsg(db);
+  if (!ok && error != nullptr) *error = std::string("unreadable outbox: ") + sqlite3_errmsg(db);
   sqlite3_finalize(s);
   sqlite3_close(db);
   if (!ok) return std::nullopt;
+  return out;
+}
+
+std::vector<RecordKey> keysOf(const StoredRecords& stored, const std::string& session) {
+  std::vector<RecordKey> out;
+  for (const auto& [table, items] : stored) {
+    for (const auto& [id, item] : items) out.push_back({table, session, id});
+  }
+  return out;
+}
+
+std::vector<TableItem> fiveTableRecords(const std::string& session, int64_t first, size_t n) {
+  std::vector<TableItem> out;
+  for (size_t i = 0; i < n; ++i) {
+    const int64_t id = first + static_cast<int64_t>(i);
+    const int64_t frame = id / 5;
+    Item item;
+    switch (i % 5) {
+      case 0: {
+        std::vector<double> features(128);
+        for (size_t k = 0; k < features.size(); ++k) features[k] = static_cast<double>(k + i) / 64;
+        out.push_back({ImageFeaturesModel::kTableName,
+                       ImageFeaturesModel(session, frame, features).toItem()});
+        break;
+      }
+      case 1:
+        out.push_back({SceneUnderstandingModel::kTableName,
+                       SceneUnderstandingModel(session, frame, 0.5f, 0.25f, 2.0f, "chair", 0.9f,
+                                               id % 7, false)
+                           .toItem()});
+        break;
+      case 2:
+        out.push_back(
+            {DetectedPlaneModel::kTableName,
+             DetectedPlaneModel(session, frame, "PLANE-" + std::to_string(id % 3), "horizontal",
+                                "0.1,0.0,0.2", false, "1,0,0,0,0,1,0,0,0,0,1,0,0,0,0,1", false)
+                 .toItem()});
+        break;
+      case 3:
+        out.push_back(
+            {CameraPathModel::kTableName,
+             CameraPathModel(session, frame,
+                             {{std::to_string(frame), "1,0,0,0,0,1,0,0,0,0,1,0,0,0,0,1,"}})
+                 .toItem()});
+        break;
+      default:
+        out.push_back({PointCloudModel::kTableName,
+                       PointCloudModel(session, frame, {{frame, {12, 13}}},
+                                       {{12, {0.5f, -1.25f, 2.0f}}, {13, {0.25f, 1.0f, 2.5f}}})
+                           .toItem()});
+        break;
+    }
+    out.back().item = withRecordId(std::move(out.back().item), id);
+  }
   return out;
 }
 

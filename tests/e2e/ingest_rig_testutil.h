@@ -68,7 +68,8 @@ class ForwardingStore : public RecordStore {
 };
 
 // The back end's store with a switch: while broken, every call fails as a store outage does (the
-// server answers 503). onWritten (set before use) sees every batch written. Thread-safe.
+// server answers 503). onWritten (set before the store is shared) sees every batch written.
+// Thread-safe.
 class OutageStore : public ForwardingStore {
  public:
   using ForwardingStore::ForwardingStore;
@@ -158,6 +159,8 @@ class IngestServer {
     int httpThreads = 8;
     // Every request line the server logs (thread-safe); none: not logged.
     std::function<void(std::string_view)> log;
+    // Sees every batch the store commits, on the server's threads (thread-safe).
+    std::function<void(const std::vector<TableItem>&)> onWritten;
   };
   IngestServer(std::string dir, Options options);
   ~IngestServer();
@@ -212,9 +215,21 @@ std::unique_ptr<DeviceKit> openDeviceKit(const std::string& backendUrl,
                                          const std::string& outboxPath, std::string* error,
                                          double httpIdleSeconds = 10);
 
-// (table, RecordId) of every row an outbox file holds for the session, read without the kit.
-std::optional<std::map<std::string, std::vector<int64_t>>> outboxRowsOf(
-    const std::string& outboxPath, const std::string& session, std::string* error);
+// One record by its key.
+struct RecordKey {
+  std::string table;
+  std::string session;
+  int64_t recordId = 0;
+  auto operator<=>(const RecordKey&) const = default;
+};
+
+// The keys of every row an outbox file holds, read without the kit.
+std::optional<std::vector<RecordKey>> outboxRows(const std::string& outboxPath, std::string* error);
+// The keys of what the server stored under the session.
+std::vector<RecordKey> keysOf(const StoredRecords& stored, const std::string& session);
+
+// n records of the session cycling through the five kit tables, RecordIds first, first + 1, ...
+std::vector<TableItem> fiveTableRecords(const std::string& session, int64_t first, size_t n);
 
 // Polls pred every few milliseconds until it holds or timeout passes.
 bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout);
