@@ -368,13 +368,12 @@ void BackendRecordStore::storePending(std::vector<PendingSave>& saves) {
   std::vector<size_t> rowOf(saves.size(), SIZE_MAX);
   std::vector<std::optional<StoreError>> results(saves.size());
   for (size_t i = 0; i < saves.size(); ++i) {
-    std::string text;
-    try {
-      text = itemToJson(saves[i].item).dump();
-    } catch (const std::exception&) {
+    std::optional<std::string> json = itemToJsonText(saves[i].item);
+    if (!json) {
       results[i] = StoreError{"the record holds text that is not valid UTF-8"};
       continue;
     }
+    std::string text = std::move(*json);
     if (IngestBatch::singleItemBodyBytes(saves[i].table, text) > options_.maxBodyBytes) {
       results[i] = StoreError{"the record is too large to send to the back end"};
       continue;

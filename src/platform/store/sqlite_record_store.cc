@@ -325,8 +325,9 @@ std::optional<StoreError> SqliteRecordStore::writeItem(const std::string& table,
   } else {
     sqlite3_bind_int64(s, 2, 0);
   }
-  const std::string text = dumpJson(itemToJson(item));
-  sqlite3_bind_text(s, 3, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+  std::optional<std::string> text = itemToJsonText(item);
+  if (!text) text = dumpJson(itemToJson(item));  // U+FFFD for bytes that are not UTF-8
+  sqlite3_bind_text(s, 3, text->data(), static_cast<int>(text->size()), SQLITE_STATIC);
   const int rc = sqlite3_step(s);
   sqlite3_reset(s);
   sqlite3_clear_bindings(s);
