@@ -2,9 +2,8 @@
 // is down: the records pile up in the on-device outbox, and the process's memory must not.
 //
 // The record rate comes from a simulated session (bench/records/session_records.h). Those records
-// are then replayed,
-// renamed to fresh keys, as fast as the outbox takes them until they make up 30 minutes of session
-// time.
+// are then replayed, renamed to fresh keys, as fast as the outbox takes them until they make up 30
+// minutes of session time.
 #include <unistd.h>
 
 #include <chrono>
