@@ -214,7 +214,8 @@ namespace {
 // The text written straight from an item is the document's dump, byte for byte, whatever the
 // attribute texts hold; text that is not UTF-8 gives none where dump would throw.
 TEST(ItemJsonTextTest, MatchesTheDocumentsDumpByteForByte) {
-  const std::string controls = std::string("nul\0, bell\x07, del\x7f, tab\t", 25);
+  static constexpr char kControls[] = "nul\0, bell\x07, del\x7f, tab\t";
+  const std::string controls(kControls, sizeof kControls - 1);
   const std::vector<Item> items = {
       {},
       {{"SessionId", AttributeValue::string("A-1")}, {"RecordId", AttributeValue::numberText("7")}},
