@@ -418,9 +418,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;
   }
-  const std::vector<size_t> steps = quick
-                                        ? std::vector<size_t>{25, 50, 100, 200}
-                                        : std::vector<size_t>{25, 50, 100, 150, 200, 250, 300, 400};
+  // Finer where a loaded machine tends to stop; the ramp ends at the first step that falls behind.
+  const std::vector<size_t> steps =
+      quick ? std::vector<size_t>{10, 25, 50, 100, 200}
+            : std::vector<size_t>{10, 20, 30, 40, 50, 75, 100, 150, 200, 250, 300, 400};
   const double warm = quick ? 1.5 : 2, measure = quick ? 3 : 5;
   size_t sustained = 0;
   double sustainedP99 = 0;
