@@ -1,24 +1,18 @@
 // A 30-minute mapping session's records written through the kit's backend store while the back end
 // is down: the records pile up in the on-device outbox, and the process's memory must not.
 //
-// The record rate comes from a simulated session: a mapping recording of the simulator is fed
-// through an OmraSession in real time (60 frames/s, raw feature points on) against an in-process
-// omra-server, and every record the kit writes is captured. Those records are then replayed,
-// renamed to fresh keys, as fast as the outbox takes them until they make up 30 minutes of session
-// time.
+// The record rate comes from a simulated session (bench/records/session_records.h). Those records
+// are then replayed, renamed to fresh keys, as fast as the outbox takes them until they make up 30
+// minutes of session time.
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <mutex>
 #include <vector>
 
-#include "omrakit/settings.h"
-#include "server/server.h"
-#include "sim/scenario.h"
+#include "bench/records/session_records.h"
 #include "src/cloud/account_http_client.h"
 #include "src/cloud/record_item.h"
 #include "src/cloud/record_tables.h"
@@ -28,41 +22,11 @@
 #include "src/platform/memory_logger.h"
 #include "src/platform/store/attribute_json.h"
 #include "src/platform/store/backend_record_store.h"
-#include "src/platform/store/memory_record_store.h"
-#include "tools/runner/session_driver.h"
 
 namespace {
 
 using namespace omra;
 using Clock = std::chrono::steady_clock;
-
-// Keeps a copy of every record the session saves, then saves it on. Thread-safe.
-class CapturingStore : public MemoryRecordStore {
- public:
-  struct Captured {
-    double seconds;  // since the first record
-    std::string table;
-    Item item;
-  };
-  void save(const std::string& table, Item item, SaveCompletion completion) override {
-    {
-      std::lock_guard lock(mu_);
-      const auto now = Clock::now();
-      if (captured_.empty()) first_ = now;
-      captured_.push_back({std::chrono::duration<double>(now - first_).count(), table, item});
-    }
-    MemoryRecordStore::save(table, std::move(item), std::move(completion));
-  }
-  std::vector<Captured> captured() const {
-    std::lock_guard lock(mu_);
-    return captured_;
-  }
-
- private:
-  mutable std::mutex mu_;
-  Clock::time_point first_;
-  std::vector<Captured> captured_;
-};
 
 double residentMegabytes() {
   std::ifstream statm("/proc/self/statm");
@@ -75,54 +39,16 @@ double residentMegabytes() {
 
 int main() {
   // 1. The record rate of a simulated mapping session.
-  OmraSettings::BUILD_HEAVY_MAP = true;
-  sim::ScenarioOptions scenarioOptions;
-  scenarioOptions.seed = 3;
-  scenarioOptions.mappingSeconds = 20;
-  const sim::Scenario scenario = sim::makeScenario(scenarioOptions);
-  auto capture = std::make_shared<CapturingStore>();
-  auto serverStore = std::make_shared<MemoryRecordStore>();
-  if (ensureRecordTables(*capture) || ensureRecordTables(*serverStore)) return 1;
-  server::ServerOptions serverOptions;
-  serverOptions.store = serverStore;
-  serverOptions.log = [](std::string_view) {};
-  server::Server server(std::move(serverOptions));
   std::string error;
-  if (!server.start(&error)) {
-    std::fprintf(stderr, "cannot start omra-server: %s\n", error.c_str());
+  const std::optional<bench::SessionRecords> recorded = bench::recordSimulatedSession(20, &error);
+  if (!recorded) {
+    std::fprintf(stderr, "%s\n", error.c_str());
     return 1;
   }
-  tools::DriveResult drive;
-  {
-    tools::KitServices services = tools::makeKitServices(capture, server.baseUrl());
-    tools::DriveOptions options;
-    options.mode = SessionMode::mapping;
-    options.speed = 1;
-    drive = tools::driveSession(services, scenario.mapping, options);
-  }
-  server.stop();
-  const std::vector<CapturingStore::Captured> session = capture->captured();
-  if (!drive.opened() || session.empty() || drive.scanSeconds <= 0) {
-    std::fprintf(stderr, "the simulated session recorded nothing\n");
-    return 1;
-  }
-  std::map<std::string, std::pair<size_t, size_t>> perTable;  // records, JSON bytes
-  size_t sessionBytes = 0;
-  for (const auto& c : session) {
-    const size_t bytes = itemToJson(c.item).dump().size();
-    perTable[c.table].first += 1;
-    perTable[c.table].second += bytes;
-    sessionBytes += bytes;
-  }
-  const double perSecond = static_cast<double>(session.size()) / drive.scanSeconds;
-  const double bytesPerSecond = static_cast<double>(sessionBytes) / drive.scanSeconds;
-  std::printf("simulated session: %zu frames over %.1f s, %zu records\n", drive.framesFed,
-              drive.scanSeconds, session.size());
-  for (const auto& [table, counts] : perTable) {
-    std::printf("  %-28s %7.2f records/s %9.1f KB/s\n", table.c_str(),
-                static_cast<double>(counts.first) / drive.scanSeconds,
-                static_cast<double>(counts.second) / drive.scanSeconds / 1024);
-  }
+  const std::vector<bench::SessionRecord>& session = recorded->records;
+  bench::printSessionRates(*recorded);
+  const double perSecond = recorded->recordsPerSecond();
+  const double bytesPerSecond = recorded->bytesPerSecond();
 
   // 2. Thirty minutes of those records with the back end down.
   const auto dir =
@@ -162,7 +88,7 @@ int main() {
                  [&](std::optional<StoreError> e) { refused += e.has_value(); });
     }
     store->waitForSaves();  // as a real session would, the disk keeps up with 20 s of records
-    simulated += drive.scanSeconds;
+    simulated += recorded->scanSeconds;
     if (loop == 0) baseline = residentMegabytes();  // after the caches and the first pages
   }
   store->waitForSaves();

@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -13,28 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "tests/e2e/command_testutil.h"
+
 namespace {
 
-struct CommandRun {
-  int exitCode = -1;
-  std::string output;  // standard output and standard error together
-};
-
-// environment: "NAME=value ..." put before the command, or empty.
-CommandRun omra(const std::string& arguments, const std::string& environment = "") {
-  const std::string command =
-      environment + " " + std::string(OMRA_BINARY_DIR) + "/tools/omra " + arguments + " 2>&1";
-  CommandRun run;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return run;
-  std::array<char, 4096> buffer;
-  size_t n = 0;
-  while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-    run.output.append(buffer.data(), n);
-  const int status = pclose(pipe);
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
+using omra::testing::CommandRun;
+using omra::testing::omra;
 
 TEST(OmraCommand, HelpVersionAndDefaults) {
   struct Case {

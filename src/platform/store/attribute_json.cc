@@ -1,5 +1,6 @@
 #include "src/platform/store/attribute_json.h"
 
+#include "src/foundation/json_reader.h"
 #include "src/platform/store/base64.h"
 
 namespace omra {
@@ -7,6 +8,51 @@ namespace {
 
 void setError(std::string* error, std::string message) {
   if (error != nullptr) *error = std::move(message);
+}
+
+// A JSON string as nlohmann's dump writes it (UTF-8 kept, control bytes escaped); false when the
+// text is not UTF-8.
+bool appendString(std::string& out, std::string_view text) {
+  if (!isValidUtf8(text)) return false;
+  static constexpr char kHex[] = "0123456789abcdef";
+  out += '"';
+  size_t plain = 0;  // start of the run not yet copied
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    out.append(text.data() + plain, i - plain);
+    plain = i + 1;
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        out += "\\u00";
+        out += kHex[c >> 4];
+        out += kHex[c & 0xf];
+    }
+  }
+  out.append(text.data() + plain, text.size() - plain);
+  out += '"';
+  return true;
 }
 
 }  // namespace
@@ -36,6 +82,49 @@ Json attributeToJson(const AttributeValue& value) {
 Json itemToJson(const Item& item) {
   Json out = Json::object();
   for (const auto& [name, value] : item) out[name] = attributeToJson(value);
+  return out;
+}
+
+std::optional<std::string> itemToJsonText(const Item& item) {
+  std::string out;
+  out.reserve(64 * item.size());
+  out += '{';
+  for (const auto& [name, value] : item) {
+    if (out.size() > 1) out += ',';
+    if (!appendString(out, name)) return std::nullopt;
+    bool ok = true;
+    switch (value.type) {
+      case AttributeValue::Type::kString:
+        out += ":{\"S\":";
+        ok = appendString(out, value.text);
+        break;
+      case AttributeValue::Type::kNumber:
+        out += ":{\"N\":";
+        ok = appendString(out, value.text);
+        break;
+      case AttributeValue::Type::kBytes:
+        out += ":{\"B\":";
+        ok = appendString(out, base64Encode(value.text));
+        break;
+      case AttributeValue::Type::kStringMap: {
+        out += ":{\"M\":{";
+        bool first = true;
+        for (const auto& [k, v] : value.map) {
+          if (!first) out += ',';
+          first = false;
+          ok = ok && appendString(out, k);
+          out += ":{\"S\":";
+          ok = ok && appendString(out, v);
+          out += '}';
+        }
+        out += '}';
+        break;
+      }
+    }
+    if (!ok) return std::nullopt;
+    out += '}';
+  }
+  out += '}';
   return out;
 }
 

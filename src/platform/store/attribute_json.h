@@ -12,6 +12,10 @@ namespace omra {
 
 Json attributeToJson(const AttributeValue& value);
 Json itemToJson(const Item& item);
+// itemToJson(item).dump(), byte for byte, written straight from the item without building a
+// document (records are written and sent at the frame rate); none when a text is not valid UTF-8,
+// where dump() would throw.
+std::optional<std::string> itemToJsonText(const Item& item);
 // Absent when json is not an attribute value of the four kinds the kit uses; *error says why.
 std::optional<AttributeValue> attributeFromJson(const Json& json, std::string* error = nullptr);
 // Absent when json is not an object of such values.

@@ -57,6 +57,8 @@ class AccountView : public RecordStore {
   std::string account_;
 };
 
+std::string batchWriteUrlOf(const std::string& baseUrl) { return baseUrl + "/records/batch_write"; }
+
 StoreError readOnlyError() {
   return StoreError{"the back end's record store only sends records; it cannot read or put them"};
 }
@@ -73,6 +75,7 @@ std::shared_ptr<BackendRecordStore> BackendRecordStore::open(Options options,
   }
   RecordOutbox::Options outboxOptions;
   outboxOptions.maxBytes = options.outboxMaxBytes;
+  outboxOptions.backend = batchWriteUrlOf(options.baseUrl);
   std::unique_ptr<RecordOutbox> outbox =
       RecordOutbox::open(options.outboxPath, outboxOptions, logger.get(), error);
   if (!outbox) return nullptr;
@@ -86,7 +89,7 @@ BackendRecordStore::BackendRecordStore(Options options, std::shared_ptr<HttpClie
                                        std::shared_ptr<Logger> logger,
                                        std::unique_ptr<RecordOutbox> outbox)
     : options_(std::move(options)),
-      url_(options_.baseUrl + "/records/batch_write"),
+      url_(batchWriteUrlOf(options_.baseUrl)),
       http_(std::move(http)),
       logger_(std::move(logger)),
       outbox_(std::move(outbox)),
@@ -97,6 +100,10 @@ BackendRecordStore::BackendRecordStore(Options options, std::shared_ptr<HttpClie
   if (outbox_->rowCount() > 0) {
     log("The record outbox holds " + std::to_string(outbox_->rowCount()) +
         " records from an earlier run; sending them to the back end");
+  }
+  if (outbox_->otherRows() > 0) {
+    log("The record outbox holds " + std::to_string(outbox_->otherRows()) +
+        " records written for another back end; they stay until the kit sends to it again");
   }
   publishOutboxCounts();
 }
@@ -262,8 +269,13 @@ BackendRecordStore::Stats BackendRecordStore::stats() const {
 
 void BackendRecordStore::publishOutboxCounts() {
   std::lock_guard lock(shared_->mu);
-  shared_->stats.outboxRows = outbox_->rowCount();
-  shared_->stats.outboxBytes = outbox_->storedBytes();
+  countOutbox(shared_->stats);
+}
+
+void BackendRecordStore::countOutbox(Stats& stats) const {
+  stats.outboxRows = outbox_->rowCount();
+  stats.outboxBytes = outbox_->fileBytes();
+  stats.outboxOtherRows = outbox_->otherRows();
 }
 
 void BackendRecordStore::run() {
@@ -287,8 +299,7 @@ void BackendRecordStore::run() {
       lock.lock();
       s.completed += s.inserting;
       s.inserting = 0;
-      s.stats.outboxRows = outbox_->rowCount();
-      s.stats.outboxBytes = outbox_->storedBytes();
+      countOutbox(s.stats);
       s.cv.notify_all();
       continue;
     }
@@ -300,8 +311,7 @@ void BackendRecordStore::run() {
       batch_.reset();
       lock.lock();
       s.stats.inFlightBodyBytes = 0;
-      s.stats.outboxRows = outbox_->rowCount();
-      s.stats.outboxBytes = outbox_->storedBytes();
+      countOutbox(s.stats);
       s.cv.notify_all();
       continue;
     }
@@ -338,8 +348,7 @@ void BackendRecordStore::run() {
           s.stats.inFlightBodyBytes = batch_ ? batch_->bodyBytes() : 0;
           ++s.stats.requestsSent;
         }
-        s.stats.outboxRows = outbox_->rowCount();
-        s.stats.outboxBytes = outbox_->storedBytes();
+        countOutbox(s.stats);
         s.cv.notify_all();
         continue;
       }
@@ -359,13 +368,12 @@ void BackendRecordStore::storePending(std::vector<PendingSave>& saves) {
   std::vector<size_t> rowOf(saves.size(), SIZE_MAX);
   std::vector<std::optional<StoreError>> results(saves.size());
   for (size_t i = 0; i < saves.size(); ++i) {
-    std::string text;
-    try {
-      text = itemToJson(saves[i].item).dump();
-    } catch (const std::exception&) {
+    std::optional<std::string> json = itemToJsonText(saves[i].item);
+    if (!json) {
       results[i] = StoreError{"the record holds text that is not valid UTF-8"};
       continue;
     }
+    std::string text = std::move(*json);
     if (IngestBatch::singleItemBodyBytes(saves[i].table, text) > options_.maxBodyBytes) {
       results[i] = StoreError{"the record is too large to send to the back end"};
       continue;

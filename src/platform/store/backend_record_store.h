@@ -34,7 +34,9 @@ namespace omra {
 // transient failures (no answer, 408, 429, 5xx) with capped exponential backoff and full jitter,
 // never sooner than Retry-After, drops the one item a 400/404 names by "table" and "index", and
 // drops a batch any other 4xx refuses (each with one log line). HTTP completions only hand the
-// answer over to the worker, so the main queue is never blocked.
+// answer over to the worker, so the main queue is never blocked. Records remember the back end
+// they were written for: a store opened for another URL keeps them in the outbox and sends only
+// its own.
 //
 // Owned through shared_ptr (open()); the per-account views handed out by storeForAccount keep it
 // alive. Thread-safe. Destruction completes every queued save, gives delivery closeTimeout, and
@@ -72,8 +74,9 @@ class BackendRecordStore : public RecordStore,
     size_t pendingSaves = 0;  // accepted, not yet in the outbox
     size_t pendingBytes = 0;
     size_t peakPendingBytes = 0;
-    size_t outboxRows = 0;
-    size_t outboxBytes = 0;
+    size_t outboxRows = 0;         // waiting for this back end
+    size_t outboxBytes = 0;        // of every row in the file
+    size_t outboxOtherRows = 0;    // written for another back end, kept for it
     size_t inFlightBodyBytes = 0;  // the request waiting for its answer (0: none)
     uint64_t requestsSent = 0;
     uint64_t recordsDelivered = 0;
@@ -162,6 +165,7 @@ class BackendRecordStore : public RecordStore,
   void failedAttempt(const std::string& why, std::optional<std::chrono::seconds> retryAfter);
   void removeRows(const std::vector<int64_t>& ids);
   void publishOutboxCounts();
+  void countOutbox(Stats& stats) const;
 
   const Options options_;
   const std::string url_;

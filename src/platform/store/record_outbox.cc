@@ -88,12 +88,15 @@ bool RecordOutbox::prepare() {
   const auto p = [&](sqlite3_stmt** s, const char* sql) {
     return sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, s, nullptr) == SQLITE_OK;
   };
+  // Rows from before rows named their back end ('') go to whichever opens them.
   return p(&insert_,
-           "INSERT INTO records (account, record_table, item, bytes) VALUES (?1, ?2, ?3, ?4)") &&
-         p(&oldestAccount_, "SELECT account FROM records ORDER BY id LIMIT 1") &&
+           "INSERT INTO records (account, record_table, item, bytes, backend) "
+           "VALUES (?1, ?2, ?3, ?4, ?5)") &&
+         p(&oldestAccount_,
+           "SELECT account FROM records WHERE backend IN (?1, '') ORDER BY id LIMIT 1") &&
          p(&oldestRows_,
            "SELECT id, account, record_table, item FROM records WHERE account = ?1 "
-           "ORDER BY id LIMIT ?2") &&
+           "AND backend IN (?3, '') ORDER BY id LIMIT ?2") &&
          p(&delete_, "DELETE FROM records WHERE id = ?1 RETURNING bytes");
 }
 
@@ -150,9 +153,21 @@ std::unique_ptr<RecordOutbox> RecordOutbox::openChecked(const std::string& path,
                  "PRAGMA journal_size_limit=8388608;"
                  "CREATE TABLE IF NOT EXISTS records (id INTEGER PRIMARY KEY AUTOINCREMENT,"
                  " account TEXT NOT NULL, record_table TEXT NOT NULL, item TEXT NOT NULL,"
-                 " bytes INTEGER NOT NULL);"
+                 " bytes INTEGER NOT NULL, backend TEXT NOT NULL DEFAULT '');"
                  "CREATE INDEX IF NOT EXISTS records_by_account ON records (account, id);",
                  &error)) {
+    return failWith(error);
+  }
+  // Outboxes made before rows named their back end get the column, empty for the rows they hold.
+  sqlite3_stmt* column = nullptr;
+  bool hasBackend = false;
+  if (sqlite3_prepare_v2(db, "SELECT 1 FROM pragma_table_info('records') WHERE name = 'backend'",
+                         -1, &column, nullptr) == SQLITE_OK) {
+    hasBackend = sqlite3_step(column) == SQLITE_ROW;
+  }
+  sqlite3_finalize(column);
+  if (!hasBackend &&
+      !box->exec("ALTER TABLE records ADD COLUMN backend TEXT NOT NULL DEFAULT ''", &error)) {
     return failWith(error);
   }
   if (!box->prepare()) return failWith("not a record outbox: " + box->lastError());
@@ -163,12 +178,24 @@ std::unique_ptr<RecordOutbox> RecordOutbox::openChecked(const std::string& path,
 bool RecordOutbox::recount() {
   sqlite3_stmt* totals = nullptr;
   bool counted = false;
-  if (sqlite3_prepare_v2(db_, "SELECT COUNT(*), COALESCE(SUM(bytes), 0) FROM records", -1, &totals,
-                         nullptr) == SQLITE_OK &&
-      sqlite3_step(totals) == SQLITE_ROW) {
-    rows_ = static_cast<size_t>(sqlite3_column_int64(totals, 0));
-    bytes_ = static_cast<size_t>(std::max<sqlite3_int64>(0, sqlite3_column_int64(totals, 1)));
-    counted = true;
+  if (sqlite3_prepare_v2(db_,
+                         "SELECT COUNT(*), COALESCE(SUM(bytes), 0),"
+                         " COUNT(*) FILTER (WHERE backend IN (?1, '')),"
+                         " COALESCE(SUM(bytes) FILTER (WHERE backend IN (?1, '')), 0) FROM records",
+                         -1, &totals, nullptr) == SQLITE_OK) {
+    sqlite3_bind_text(totals, 1, options_.backend.data(), static_cast<int>(options_.backend.size()),
+                      SQLITE_STATIC);
+    if (sqlite3_step(totals) == SQLITE_ROW) {
+      const auto count = [&](int column) {
+        return static_cast<size_t>(
+            std::max<sqlite3_int64>(0, sqlite3_column_int64(totals, column)));
+      };
+      allRows_ = count(0);
+      allBytes_ = count(1);
+      rows_ = count(2);
+      bytes_ = count(3);
+      counted = true;
+    }
   }
   sqlite3_finalize(totals);
   return counted;
@@ -226,7 +253,7 @@ std::vector<std::optional<StoreError>> RecordOutbox::append(const std::vector<Ne
   for (size_t i = 0; i < rows.size(); ++i) {
     const NewRow& row = rows[i];
     const size_t bytes = row.account.size() + row.table.size() + row.itemJson.size();
-    if (bytes_ + addedBytes + bytes > options_.maxBytes) {
+    if (allBytes_ + addedBytes + bytes > options_.maxBytes) {
       results[i] =
           StoreError{"the record outbox is full (" + std::to_string(options_.maxBytes >> 20) +
                      " MiB of records wait for the back end); the record is dropped"};
@@ -240,6 +267,8 @@ std::vector<std::optional<StoreError>> RecordOutbox::append(const std::vector<Ne
     sqlite3_bind_text(insert_, 3, row.itemJson.data(), static_cast<int>(row.itemJson.size()),
                       SQLITE_STATIC);
     sqlite3_bind_int64(insert_, 4, static_cast<sqlite3_int64>(bytes));
+    sqlite3_bind_text(insert_, 5, options_.backend.data(),
+                      static_cast<int>(options_.backend.size()), SQLITE_STATIC);
     const int rc = sqlite3_step(insert_);
     sqlite3_reset(insert_);
     sqlite3_clear_bindings(insert_);
@@ -257,12 +286,16 @@ std::vector<std::optional<StoreError>> RecordOutbox::append(const std::vector<Ne
   }
   rows_ += added;
   bytes_ += addedBytes;
+  allRows_ += added;
+  allBytes_ += addedBytes;
   return results;
 }
 
 bool RecordOutbox::visitOldest(size_t maxRows, const std::function<bool(OutboxRow&&)>& take,
                                std::string* error) {
   sqlite3_reset(oldestAccount_);
+  sqlite3_bind_text(oldestAccount_, 1, options_.backend.data(),
+                    static_cast<int>(options_.backend.size()), SQLITE_STATIC);
   int rc = sqlite3_step(oldestAccount_);
   if (rc == SQLITE_DONE) {
     sqlite3_reset(oldestAccount_);
@@ -281,6 +314,8 @@ bool RecordOutbox::visitOldest(size_t maxRows, const std::function<bool(OutboxRo
   sqlite3_bind_text(oldestRows_, 1, account.data(), static_cast<int>(account.size()),
                     SQLITE_TRANSIENT);
   sqlite3_bind_int64(oldestRows_, 2, static_cast<sqlite3_int64>(maxRows));
+  sqlite3_bind_text(oldestRows_, 3, options_.backend.data(),
+                    static_cast<int>(options_.backend.size()), SQLITE_STATIC);
   while ((rc = sqlite3_step(oldestRows_)) == SQLITE_ROW) {
     const int64_t id = sqlite3_column_int64(oldestRows_, 0);
     std::string why;
@@ -332,10 +367,13 @@ std::optional<StoreError> RecordOutbox::remove(const std::vector<int64_t>& ids) 
     exec("ROLLBACK");
     return StoreError{"cannot update the record outbox: " + error};
   }
+  // Only this back end's rows are handed out, so only they are removed.
   rows_ -= std::min(rows_, removed);
   bytes_ -= std::min(bytes_, removedBytes);
+  allRows_ -= std::min(allRows_, removed);
+  allBytes_ -= std::min(allBytes_, removedBytes);
   // Hand the pages of a drained queue back to the file system.
-  if (rows_ == 0) exec("PRAGMA incremental_vacuum");
+  if (allRows_ == 0) exec("PRAGMA incremental_vacuum");
   return std::nullopt;
 }
 

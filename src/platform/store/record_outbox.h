@@ -1,8 +1,12 @@
 // The device's durable queue of records on their way to the back end: one SQLite file (WAL), one
-// row per record with the account it belongs to, its table and the item in DynamoDB JSON text.
+// row per record with the back end it was written for, the account it belongs to, its table and
+// the item in DynamoDB JSON text. An outbox opened for one back end hands out only that back
+// end's rows (and rows written before rows named theirs); the others wait for a kit pointed at
+// their back end again.
 // Owned by one thread at a time (the backend store's worker); not thread-safe.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -41,6 +45,8 @@ class RecordOutbox {
     // records are refused and what is queued is kept.
     size_t maxBytes = size_t{512} << 20;
     int busyTimeoutMs = 5000;
+    // The back end new rows are for, and whose rows are handed out (its ingest URL).
+    std::string backend;
   };
   struct NewRow {
     std::string account;
@@ -62,8 +68,8 @@ class RecordOutbox {
   // (the outbox is full; every row fails when the file cannot be written).
   std::vector<std::optional<StoreError>> append(const std::vector<NewRow>& rows);
 
-  // Hands the oldest rows of the account of the oldest row to take, oldest first, until take
-  // returns false or maxRows were handed. Rows that fail readOutboxRow are deleted and logged.
+  // Hands this back end's oldest rows of the account of its oldest row to take, oldest first, until
+  // take returns false or maxRows were handed. Rows that fail readOutboxRow are deleted and logged.
   // False when the file cannot be read (*error set).
   bool visitOldest(size_t maxRows, const std::function<bool(OutboxRow&&)>& take,
                    std::string* error);
@@ -74,8 +80,13 @@ class RecordOutbox {
   // Counts the rows again (another process may share the file).
   bool recount();
 
+  // This back end's rows and their bytes.
   size_t rowCount() const { return rows_; }
   size_t storedBytes() const { return bytes_; }
+  // Rows kept for other back ends.
+  size_t otherRows() const { return allRows_ - std::min(allRows_, rows_); }
+  // Every row's bytes, which the size cap counts.
+  size_t fileBytes() const { return allBytes_; }
   const std::string& path() const { return path_; }
 
  private:
@@ -98,6 +109,8 @@ class RecordOutbox {
   sqlite3_stmt* delete_ = nullptr;
   size_t rows_ = 0;
   size_t bytes_ = 0;
+  size_t allRows_ = 0;
+  size_t allBytes_ = 0;
 };
 
 }  // namespace omra

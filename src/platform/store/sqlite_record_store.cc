@@ -325,8 +325,9 @@ std::optional<StoreError> SqliteRecordStore::writeItem(const std::string& table,
   } else {
     sqlite3_bind_int64(s, 2, 0);
   }
-  const std::string text = dumpJson(itemToJson(item));
-  sqlite3_bind_text(s, 3, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+  std::optional<std::string> text = itemToJsonText(item);
+  if (!text) text = dumpJson(itemToJson(item));  // U+FFFD for bytes that are not UTF-8
+  sqlite3_bind_text(s, 3, text->data(), static_cast<int>(text->size()), SQLITE_STATIC);
   const int rc = sqlite3_step(s);
   sqlite3_reset(s);
   sqlite3_clear_bindings(s);
@@ -396,24 +397,74 @@ std::optional<StoreError> SqliteRecordStore::put(const std::string& table, Item 
 }
 
 std::optional<StoreError> SqliteRecordStore::writeBatch(const std::vector<TableItem>& items) {
-  std::lock_guard lock(dbMu_);
-  for (const TableItem& t : items) {
-    const auto schema = schemaFor(*writerDb_, t.table);
-    if (!schema) return missingTableError(t.table);
-    if (auto e = checkItem(*schema, t.item)) return e;
-  }
-  if (auto e = exec("BEGIN IMMEDIATE")) return e;
-  for (const TableItem& t : items) {
-    if (auto e = writeItem(t.table, t.item)) {
-      exec("ROLLBACK");
-      return e;
+  GroupedBatch mine{&items, std::nullopt, false};
+  std::unique_lock lock(groupMu_);
+  groupQueue_.push_back(&mine);
+  while (!mine.done) {
+    if (groupWriting_) {
+      groupCv_.wait(lock);
+      continue;
     }
+    // No one is writing: this call writes every batch queued so far, its own among them.
+    groupWriting_ = true;
+    std::vector<GroupedBatch*> group;
+    group.swap(groupQueue_);
+    lock.unlock();
+    writeGroup(group);
+    lock.lock();
+    for (GroupedBatch* b : group) b->done = true;
+    groupWriting_ = false;
+    groupCv_.notify_all();
+  }
+  return mine.result;
+}
+
+void SqliteRecordStore::writeGroup(const std::vector<GroupedBatch*>& group) {
+  std::lock_guard lock(dbMu_);
+  std::vector<GroupedBatch*> valid;
+  for (GroupedBatch* b : group) {
+    for (const TableItem& t : *b->items) {
+      const auto schema = schemaFor(*writerDb_, t.table);
+      if (!schema) {
+        b->result = missingTableError(t.table);
+      } else if (auto e = checkItem(*schema, t.item)) {
+        b->result = std::move(e);
+      }
+      if (b->result) break;
+    }
+    if (!b->result) valid.push_back(b);
+  }
+  if (valid.empty()) return;
+  if (auto e = exec("BEGIN IMMEDIATE")) {
+    for (GroupedBatch* b : valid) b->result = e;
+    return;
+  }
+  bool any = false;
+  for (GroupedBatch* b : valid) {
+    if (auto e = exec("SAVEPOINT batch")) {
+      b->result = std::move(e);
+      continue;
+    }
+    for (const TableItem& t : *b->items) {
+      if (auto e = writeItem(t.table, t.item)) {
+        b->result = std::move(e);
+        break;
+      }
+    }
+    if (b->result) exec("ROLLBACK TO batch");  // only this batch's writes go
+    exec("RELEASE batch");
+    any = any || !b->result;
+  }
+  if (!any) {
+    exec("ROLLBACK");
+    return;
   }
   if (auto e = exec("COMMIT")) {
     exec("ROLLBACK");
-    return e;
+    for (GroupedBatch* b : valid) {
+      if (!b->result) b->result = e;
+    }
   }
-  return std::nullopt;
 }
 
 std::optional<Item> SqliteRecordStore::get(const std::string& table, const Item& key,

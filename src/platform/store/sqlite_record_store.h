@@ -47,7 +47,9 @@ class SqliteRecordStore : public RecordStore {
   QueryPage query(const std::string& table, const AttributeValue& hashValue,
                   const std::optional<Item>& startKey, int limit,
                   std::optional<StoreError>* error = nullptr) override;
-  // Checks every item, then writes them in one transaction: all or none.
+  // Checks every item, then writes them all or none. Batches written at the same time from several
+  // threads share one transaction (each inside its own savepoint), so that many small batches
+  // cost one commit.
   std::optional<StoreError> writeBatch(const std::vector<TableItem>& items) override;
 
   // Blocks until every save queued before the call has completed. Thread-safe; not from a
@@ -93,6 +95,18 @@ class SqliteRecordStore : public RecordStore {
   std::condition_variable readCv_;
   std::vector<std::unique_ptr<Connection>> idleReaders_;
   int openReaders_ = 0;
+
+  // writeBatch calls waiting for the one that writes them all.
+  struct GroupedBatch {
+    const std::vector<TableItem>* items;
+    std::optional<StoreError> result;
+    bool done = false;
+  };
+  void writeGroup(const std::vector<GroupedBatch*>& group);
+  std::mutex groupMu_;  // guards the fields below
+  std::condition_variable groupCv_;
+  std::vector<GroupedBatch*> groupQueue_;
+  bool groupWriting_ = false;
 
   std::mutex queueMu_;  // guards the fields below
   std::condition_variable queueCv_;

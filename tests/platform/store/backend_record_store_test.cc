@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "src/cloud/account_http_client.h"
+#include "src/platform/store/attribute_json.h"
 #include "tests/platform/store/backend_testutil.h"
 
 namespace omra {
@@ -224,6 +225,75 @@ TEST_F(BackendRecordStoreTest, RecordsLeftByAnEarlierProcessAreDeliveredOnTheNex
   expected.merge(keysOf(kAccountB, b));
   EXPECT_EQ(storedKeys(*h.backend), expected);
   EXPECT_TRUE(h.logger->contains("records from an earlier run"));
+}
+
+// Records remember the back end they were written for: a kit pointed at another sends only what
+// it writes there and keeps the rest until it is pointed back.
+TEST_F(BackendRecordStoreTest, RecordsGoOnlyToTheBackEndTheyWereWrittenFor) {
+  const std::string firstUrl = "http://backend.test/prod/records/batch_write";
+  const std::string otherUrl = "http://other.test/prod/records/batch_write";
+  h.backend->setScript([](const IngestCall&, size_t) { return IngestReply::refused(); });
+  const auto forFirst = cameraRecords("SESSION-FIRST", 30);
+  {
+    auto first = h.open();
+    EXPECT_EQ(failures(h.saveAll(first, kAccountA, forFirst)), 0u);
+  }
+  h.backend->setScript({});
+  const size_t refusedCalls = h.backend->calls().size();
+
+  BackendRecordStore::Options other = h.options();
+  other.baseUrl = "http://other.test/prod";
+  const auto forOther = cameraRecords("SESSION-OTHER", 20);
+  {
+    auto store = h.open(other);
+    EXPECT_EQ(failures(h.saveAll(store, kAccountB, forOther)), 0u);
+    EXPECT_TRUE(store->flush(10s));
+    EXPECT_EQ(store->stats().outboxOtherRows, forFirst.size());
+    EXPECT_TRUE(h.logger->contains("30 records written for another back end"));
+  }
+  EXPECT_EQ(storedKeys(*h.backend), keysOf(kAccountB, forOther));
+  const size_t otherCalls = h.backend->calls().size();
+
+  {
+    auto back = h.open();
+    EXPECT_TRUE(back->flush(10s));
+    EXPECT_EQ(back->stats().outboxOtherRows, 0u);
+  }
+  std::set<Key> all = keysOf(kAccountA, forFirst);
+  all.merge(keysOf(kAccountB, forOther));
+  EXPECT_EQ(storedKeys(*h.backend), all);
+  const std::vector<IngestCall> calls = h.backend->calls();
+  ASSERT_GT(calls.size(), otherCalls);
+  for (size_t i = refusedCalls; i < calls.size(); ++i) {
+    EXPECT_EQ(calls[i].url, i < otherCalls ? otherUrl : firstUrl) << "call " << i;
+    for (const auto& [table, session, id] : calls[i].items) {
+      EXPECT_EQ(session, i < otherCalls ? "SESSION-OTHER" : "SESSION-FIRST") << "call " << i;
+    }
+  }
+}
+
+// An outbox from before rows named their back end: its rows go to the back end that opens it.
+TEST(BackendRecordStoreOutboxFileTest, RowsThatNameNoBackEndGoToTheOneThatOpensThem) {
+  BackendStoreHarness h;
+  const auto records = cameraRecords("SESSION-OLD", 3);
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(h.outboxPath.c_str(), &db), SQLITE_OK);
+  std::string sql =
+      "PRAGMA application_id=1330467394;"  // the outbox's "OMRB"
+      "CREATE TABLE records (id INTEGER PRIMARY KEY AUTOINCREMENT, account TEXT NOT NULL,"
+      " record_table TEXT NOT NULL, item TEXT NOT NULL, bytes INTEGER NOT NULL);";
+  for (const TableItem& t : records) {
+    sql += "INSERT INTO records (account, record_table, item, bytes) VALUES ('" + kAccountA +
+           "', '" + t.table + "', '" + itemToJson(t.item).dump() + "', 100);";
+  }
+  ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+
+  auto store = h.open();
+  ASSERT_TRUE(store->flush(10s));
+  EXPECT_EQ(storedKeys(*h.backend), keysOf(kAccountA, records));
+  EXPECT_FALSE(h.logger->contains("set aside"));
 }
 
 TEST(BackendRecordStoreOutboxFileTest, AnUnreadableOutboxIsSetAsideAndAFreshOneUsed) {

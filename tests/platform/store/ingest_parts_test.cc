@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "src/platform/store/attribute_json.h"
 #include "src/platform/store/ingest_batch.h"
 #include "src/platform/store/record_outbox.h"
 #include "src/platform/store/retry_backoff.h"
@@ -203,6 +204,43 @@ TEST(OutboxRowTest, RowsReadBackAreCheckedBeforeTheyAreSent) {
       EXPECT_FALSE(row);
       EXPECT_NE(why.find(c.why), std::string::npos) << why;
     }
+  }
+}
+
+}  // namespace
+}  // namespace omra
+
+namespace omra {
+namespace {
+
+// The text written straight from an item is the document's dump, byte for byte, whatever the
+// attribute texts hold; text that is not UTF-8 gives none where dump would throw.
+TEST(ItemJsonTextTest, MatchesTheDocumentsDumpByteForByte) {
+  static constexpr char kControls[] = "nul\0, bell\x07, del\x7f, tab\t";
+  const std::string controls(kControls, sizeof kControls - 1);
+  const std::vector<Item> items = {
+      {},
+      {{"SessionId", AttributeValue::string("A-1")}, {"RecordId", AttributeValue::numberText("7")}},
+      {{"Quote\"d\\key", AttributeValue::string("line\nbreak\r\"quoted\" back\\slash /")},
+       {"Controls", AttributeValue::string(controls)},
+       {"Unicode", AttributeValue::string("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80")}},
+      {{"Features_C", AttributeValue::bytes(std::string("\x00\xff\x10 binary\n", 11))},
+       {"Empty", AttributeValue::bytes("")}},
+      {{"Transforms", AttributeValue::stringMap({{"12", "1,0,0,"}, {"3\t", "x\"y"}, {"", ""}})},
+       {"NoPoses", AttributeValue::stringMap({})}},
+  };
+  for (const Item& item : items) {
+    const std::string expected = itemToJson(item).dump();
+    SCOPED_TRACE(expected);
+    EXPECT_EQ(itemToJsonText(item), expected);
+  }
+  for (const Item& bad : std::vector<Item>{
+           {{"Name", AttributeValue::string("cut \xc3")}},
+           {{"Bad\xff", AttributeValue::numberText("1")}},
+           {{"Transforms", AttributeValue::stringMap({{"1", "\xed\xa0\x80"}})}},
+       }) {
+    EXPECT_FALSE(itemToJsonText(bad).has_value());
+    EXPECT_THROW(itemToJson(bad).dump(), Json::type_error);
   }
 }
 

@@ -60,6 +60,46 @@ TEST(SqliteRecordStoreTest, TwoStoresShareOneFileWhileBothWrite) {
             size_t{kEach});
 }
 
+// Batches written at once from many threads share transactions; each still lands whole or not at
+// all, whatever the batches beside it do.
+TEST(SqliteRecordStoreTest, ConcurrentBatchesLandWholeOrNotAtAll) {
+  auto store = openOrFail(freshPath("grouped"));
+  ASSERT_TRUE(store);
+  ASSERT_FALSE(ensureRecordTables(*store).has_value());
+  constexpr int kThreads = 8, kBatches = 30, kItems = 7;
+  const auto session = [](int t, int b) {
+    return "S-" + std::to_string(t) + "-" + std::to_string(b);
+  };
+  const auto faulty = [](int t, int b) { return (t + b) % 4 == 0; };
+  std::atomic<int> wrongAnswers{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int b = 0; b < kBatches; ++b) {
+        std::vector<TableItem> items;
+        for (int i = 0; i < kItems; ++i) {
+          items.push_back(
+              {CameraPathModel::kTableName,
+               withRecordId(CameraPathModel(session(t, b), i, {{"0", "x"}}).toItem(), i + 1)});
+        }
+        if (faulty(t, b)) items[4].item[kRecordIdAttribute] = AttributeValue::string("five");
+        const bool failed = store->writeBatch(items).has_value();
+        if (failed != faulty(t, b)) ++wrongAnswers;
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(wrongAnswers, 0);
+  for (int t = 0; t < kThreads; ++t) {
+    for (int b = 0; b < kBatches; ++b) {
+      EXPECT_EQ(queryAll(*store, CameraPathModel::kTableName, AttributeValue::string(session(t, b)))
+                    .size(),
+                faulty(t, b) ? 0u : size_t{kItems})
+          << session(t, b);
+    }
+  }
+}
+
 TEST(SqliteRecordStoreTest, ItemsSurviveReopeningAndPendingSavesAreWrittenOnClose) {
   const std::string path = freshPath("reopen");
   {
