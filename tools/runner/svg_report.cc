@@ -7,6 +7,8 @@
 #include <variant>
 #include <vector>
 
+#include "tools/runner/markup.h"
+
 namespace omra::tools {
 namespace {
 
@@ -19,27 +21,7 @@ struct Canvas {
   double y(double metres) const { return kMargin + (metres + halfDepth) * kScale; }
 };
 
-std::string num(double v) {
-  char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%.1f", v);
-  return buffer;
-}
-
-std::string escape(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '<') {
-      out += "&lt;";
-    } else if (c == '>') {
-      out += "&gt;";
-    } else if (c == '&') {
-      out += "&amp;";
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
+std::string num(double v) { return fixed(v, 1); }
 
 // Places text labels so that none overlaps another: each label tries a few spots around its
 // anchor and takes the first free one (the last one tried when none is).
@@ -82,7 +64,7 @@ class LabelPlacer {
     return "<text class=\"label\" x=\"" + num(chosen.x0) + "\" y=\"" + num(chosen.y1 - 3) +
            "\" font-size=\"" + num(fontSize) + "\" fill=\"" + colour + "\" data-box=\"" +
            num(chosen.x0) + "," + num(chosen.y0) + "," + num(chosen.x1) + "," + num(chosen.y1) +
-           "\">" + escape(text) + "</text>\n";
+           "\">" + escapeMarkup(text) + "</text>\n";
   }
 
  private:
@@ -91,9 +73,7 @@ class LabelPlacer {
 
 std::string assetLabel(const AssetOutcome& a) {
   if (!a.placed) return a.id + ": not returned";
-  char buffer[96];
-  std::snprintf(buffer, sizeof buffer, ": %.1f cm, %.1f deg", a.errorCm, a.errorDegrees);
-  return a.id + buffer;
+  return a.id + ": " + fixed(a.errorCm, 1) + " cm, " + fixed(a.errorDegrees, 1) + " deg";
 }
 
 // The camera path of a recording, carried into the room frame: its first `fed` frames, those the
@@ -156,7 +136,7 @@ std::string svgReport(const ScenarioReport& report) {
       const double z = o.center.z - s * corners[i][0] + c * corners[i][1];
       svg << (i ? " " : "") << num(canvas.x(x)) << ',' << num(canvas.y(z));
     }
-    svg << "\"><title>" << escape(o.className) << "</title></polygon>\n";
+    svg << "\"><title>" << escapeMarkup(o.className) << "</title></polygon>\n";
   }
 
   svg << cameraPath(canvas, *report.scenario.mapping, report.mapping.framesFed, "#2b6cb0");
@@ -197,7 +177,7 @@ std::string svgReport(const ScenarioReport& report) {
   const double ly = room.depth * kScale + 2 * kMargin + 20;
   auto legend = [&](double x, const std::string& swatch, const std::string& label) {
     svg << "<g transform=\"translate(" << num(x) << ',' << num(ly) << ")\">" << swatch
-        << "<text x=\"22\" y=\"4\">" << escape(label) << "</text></g>\n";
+        << "<text x=\"22\" y=\"4\">" << escapeMarkup(label) << "</text></g>\n";
   };
   legend(kMargin,
          "<line x1=\"0\" y1=\"0\" x2=\"18\" y2=\"0\" stroke=\"#2b6cb0\" stroke-width=\"2\"/>",
@@ -210,7 +190,8 @@ std::string svgReport(const ScenarioReport& report) {
       << "<text x=\"22\" y=\"4\">expected asset</text>"
       << "<path d=\"M163,-6 L175,6 M163,6 L175,-6\" stroke=\"#c53030\" stroke-width=\"2\"/>"
       << "<text x=\"182\" y=\"4\">relocalized asset"
-      << (report.localizer.empty() ? "" : " (" + escape(report.localizer) + ")") << "</text></g>\n";
+      << (report.localizer.empty() ? "" : " (" + escapeMarkup(report.localizer) + ")")
+      << "</text></g>\n";
   svg << "<text x=\"" << num(kMargin) << "\" y=\"22\" font-size=\"13\">scene "
       << report.scenario.seed << ": " << num(room.width) << " m x " << num(room.depth) << " m, "
       << room.objects.size() << " objects; " << report.localization.framesFed << " of "
@@ -219,7 +200,7 @@ std::string svgReport(const ScenarioReport& report) {
   if (!report.success) {
     svg << "<text class=\"verdict\" x=\"" << num(w - kMargin) << "\" y=\"22\" font-size=\"13\" "
         << "text-anchor=\"end\" fill=\"#c53030\" font-weight=\"bold\">FAIL: "
-        << escape(report.failure) << "</text>\n";
+        << escapeMarkup(report.failure) << "</text>\n";
   }
   svg << "</svg>\n";
   return svg.str();
