@@ -187,7 +187,7 @@ TEST(HtmlReport, EscapesEveryTextFromData) {
   EXPECT_NE(
       html.find("<li>omra-server: warning: full_image_matcher for session &lt;i&gt;S&lt;/i&gt;"),
       std::string::npos);
-  EXPECT_NE(html.find("a later full_image_matcher run found one"), std::string::npos);
+  EXPECT_NE(html.find("a later full_image_matcher run found a transform"), std::string::npos);
   EXPECT_NE(html.find("<li>kit (localization): &lt;svg onload=alert(2)&gt;</li>"),
             std::string::npos);
 }
@@ -248,7 +248,8 @@ TEST(DemoText, ServerWarningsSayWhenTheLocalizerAnsweredLater) {
   for (const Case& c : cases) {
     const std::string words = serverWarningInWords(c.warning, c.answered);
     EXPECT_EQ(words.rfind("omra-server: " + c.warning, 0), 0u) << words;
-    EXPECT_EQ(words.find("a later su_localizer run found one") != std::string::npos, c.laterNote)
+    EXPECT_EQ(words.find("a later su_localizer run found a transform") != std::string::npos,
+              c.laterNote)
         << words;
   }
 }

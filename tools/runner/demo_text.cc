@@ -47,7 +47,7 @@ std::string serverWarningInWords(std::string_view warning,
     return out;
   }
   return out + " (a later " + std::string(localizer) +
-         " run found one: this one ran before the session's records had arrived)";
+         " run found a transform: this one ran before the session's records had arrived)";
 }
 
 }  // namespace omra::tools
