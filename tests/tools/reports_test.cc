@@ -83,8 +83,15 @@ TEST(SvgReport, PictureShowsWhatHappened) {
     EXPECT_NEAR(static_cast<double>(polylinePoints(svg, 1)), std::ceil(fed / 6.0), 1.0);
     EXPECT_NE(svg.find(std::to_string(fed) + " of " + std::to_string(total)), std::string::npos);
 
-    // One label per asset and per object, none overlapping another.
+    // One label per asset and per object, none overlapping another or leaving the picture.
     const std::vector<Box> boxes = labelBoxes(svg);
+    const std::regex size(R"re(<svg [^>]*width="([0-9.]+)" height="([0-9.]+)")re");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(svg, m, size));
+    for (const Box& b : boxes) {
+      EXPECT_TRUE(b.x0 >= 0 && b.y0 >= 0 && b.x1 <= std::stod(m[1]) && b.y1 <= std::stod(m[2]))
+          << b.x0 << "," << b.y0 << "," << b.x1 << "," << b.y1;
+    }
     EXPECT_EQ(boxes.size(), report.assets.size() + report.scenario.room->objects.size());
     for (size_t i = 0; i < boxes.size(); ++i) {
       for (size_t j = i + 1; j < boxes.size(); ++j) {

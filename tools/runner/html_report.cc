@@ -15,7 +15,7 @@ constexpr const char* kStyle =
     "body{font-family:sans-serif;margin:2em;color:#222;max-width:72em}"
     "table{border-collapse:collapse;margin:0.5em 0 1.5em}"
     "th,td{border:1px solid #ccc;padding:3px 8px;text-align:right}"
-    "th.text,td.text{text-align:left}thead th{background:#f2f0ea}"
+    "th.text,td.text{text-align:left;white-space:nowrap}thead th{background:#f2f0ea}"
     ".pass{color:#2f855a}.fail{color:#c53030}tr.missing td{color:#c53030}"
     "figure{margin:1em 0}figure svg{max-width:100%;height:auto}";
 

@@ -23,14 +23,16 @@ struct Canvas {
 
 std::string num(double v) { return fixed(v, 1); }
 
-// Places text labels so that none overlaps another: each label tries a few spots around its
-// anchor and takes the first free one (the last one tried when none is).
+// Places text labels so that none overlaps another or leaves the picture: each label tries a few
+// spots around its anchor and takes the first free one (the last one tried when none is).
 class LabelPlacer {
  public:
   struct Box {
     double x0, y0, x1, y1;
     bool overlaps(const Box& o) const { return x0 < o.x1 && o.x0 < x1 && y0 < o.y1 && o.y0 < y1; }
   };
+
+  LabelPlacer(double width, double height) : width_(width), height_(height) {}
 
   // Reserves an area that labels must avoid (a marker).
   void block(Box box) { taken_.push_back(box); }
@@ -56,7 +58,7 @@ class LabelPlacer {
     for (const auto& spot : spots) {
       const double x = anchorX + spot[0], y = anchorY + spot[1];
       chosen = Box{x, y - height / 2, x + width, y + height / 2};
-      bool free = true;
+      bool free = chosen.x0 >= 0 && chosen.y0 >= 0 && chosen.x1 <= width_ && chosen.y1 <= height_;
       for (const Box& b : taken_) free = free && !b.overlaps(chosen);
       if (free) break;
     }
@@ -68,6 +70,7 @@ class LabelPlacer {
   }
 
  private:
+  double width_, height_;
   std::vector<Box> taken_;
 };
 
@@ -116,7 +119,7 @@ std::string svgReport(const ScenarioReport& report) {
       << "\" fill=\"#f7f7f2\" stroke=\"black\" stroke-width=\"3\"/>\n";
 
   // Markers first, so that labels keep clear of them; labels last, so that they stay on top.
-  LabelPlacer labels;
+  LabelPlacer labels(w, h);
   std::ostringstream labelText;
   const sim::YawTransform roomFromLoc =
       report.scenario.localization->truth->sessionFromRoom.inverse();
