@@ -8,6 +8,7 @@
 
 #include "server/http_request_reader.h"
 #include "server/http_text.h"
+#include "src/foundation/json_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   namespace http = boost::beast::http;
@@ -46,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto request = omra::server::toRequest(parser.release(), kLimit);
   if (auto* r = std::get_if<omra::server::Request>(&request)) {
     if (r->body.size() > kLimit) __builtin_trap();
-    if (!omra::server::isValidUtf8(r->path)) __builtin_trap();
+    if (!omra::isValidUtf8(r->path)) __builtin_trap();
   }
   return 0;
 }

@@ -10,6 +10,11 @@ packages=(
   libdeflate-dev libboost-dev libpng-dev python3 python3-onnx python3-numpy nodejs npm wrk
   locales clang-14 libclang-rt-14-dev
 )
+# A headless browser renders the demo's HTML report once in the tests (skipped without one). About
+# 290 MB installed, so only on request: OMRA_WITH_BROWSER=1 (the CI sets it).
+if [ "${OMRA_WITH_BROWSER:-0}" = 1 ]; then
+  packages+=(chromium)
+fi
 
 # The locale tests run under a comma-decimal locale, as GTK and Qt hosts set it.
 ensure_test_locale() {

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "src/foundation/json_reader.h"
+
 namespace omra::server {
 namespace {
 
@@ -12,39 +14,6 @@ int hexValue(char c) {
   return -1;
 }
 
-// Length of the well-formed UTF-8 sequence at s[i], or 0. *codePoint receives its value.
-size_t utf8SequenceAt(std::string_view s, size_t i, uint32_t* codePoint) {
-  const auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
-  const unsigned char b0 = byte(i);
-  size_t n;
-  uint32_t cp;
-  if (b0 < 0x80) {
-    *codePoint = b0;
-    return 1;
-  } else if (b0 >= 0xC2 && b0 <= 0xDF) {
-    n = 2;
-    cp = b0 & 0x1F;
-  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-    n = 3;
-    cp = b0 & 0x0F;
-  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-    n = 4;
-    cp = b0 & 0x07;
-  } else {
-    return 0;
-  }
-  if (s.size() - i < n) return 0;
-  for (size_t k = 1; k < n; ++k) {
-    const unsigned char b = byte(i + k);
-    if ((b & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (b & 0x3F);
-  }
-  const uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  if (cp < smallest[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-  *codePoint = cp;
-  return n;
-}
-
 void appendHexEscape(std::string& out, unsigned char b) {
   static constexpr char kHex[] = "0123456789abcdef";
   out += "\\x";
@@ -53,16 +22,6 @@ void appendHexEscape(std::string& out, unsigned char b) {
 }
 
 }  // namespace
-
-bool isValidUtf8(std::string_view s) {
-  for (size_t i = 0; i < s.size();) {
-    uint32_t cp;
-    const size_t n = utf8SequenceAt(s, i, &cp);
-    if (n == 0) return false;
-    i += n;
-  }
-  return true;
-}
 
 std::optional<std::string> percentDecode(std::string_view s, bool plusIsSpace) {
   std::string out;
@@ -129,7 +88,7 @@ std::string escapeForLog(std::string_view s, size_t maxBytes) {
       ++i;
       continue;
     }
-    uint32_t cp = 0;
+    char32_t cp = 0;
     const size_t n = b >= 0x80 ? utf8SequenceAt(s, i, &cp) : 0;
     if (n > 1 && cp >= 0xA0 && cp != 0x2028 && cp != 0x2029) {
       out.append(s.substr(i, n));

@@ -1,5 +1,5 @@
-// Text from the network made safe: percent-decoding of request targets that never throws, UTF-8
-// checks and escaping for log lines. Pure functions; thread-safe.
+// Text from the network made safe: percent-decoding of request targets that never throws (UTF-8
+// checked by src/foundation/json_reader.h) and escaping for log lines. Pure functions; thread-safe.
 #pragma once
 
 #include <map>
@@ -8,9 +8,6 @@
 #include <string_view>
 
 namespace omra::server {
-
-// True when s is well-formed UTF-8 (no overlong forms, surrogates or code points past U+10FFFF).
-bool isValidUtf8(std::string_view s);
 
 // Undoes %XX escapes (and '+' as a space when plusIsSpace, as in query strings). Nullopt for a
 // malformed escape or a result that is not UTF-8.

@@ -20,6 +20,21 @@ std::string matchValueText(double value) {
   return ec == std::errc() ? std::string(buf, ptr) : "0";
 }
 
+namespace {
+
+std::optional<std::string> noFramesWarning(const std::string& localizer, const std::string& mapUuid,
+                                           const std::string& sessionUuid, size_t mapFrames,
+                                           size_t sessionFrames) {
+  if (mapFrames > 0 && sessionFrames > 0) return std::nullopt;
+  const char* what = mapFrames + sessionFrames == 0 ? "the session or of the map"
+                     : sessionFrames == 0           ? "the session"
+                                                    : "the map";
+  return localizer + " for session " + sessionUuid + " on map " + mapUuid + " read no frames of " +
+         what + "; without them it finds no transform";
+}
+
+}  // namespace
+
 JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std::string& mapUuid,
                         const std::string& sessionUuid, const LocalizerOptions& options) {
   JobOutcome out;
@@ -35,6 +50,7 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
     const ImageFeatureIndex index = mapRead.get();
     if (!out.error) out.error = mapError;
     if (out.error) return out;
+    out.warning = noFramesWarning(localizer, mapUuid, sessionUuid, index.size(), session.size());
     out.report = ImageMatcher(options.imageMatcher).estimate(index, session);
     out.summary = std::to_string(index.size()) + " map frames, " + std::to_string(session.size()) +
                   " session frames";
@@ -49,10 +65,14 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
         return out;
       }
     }
-    auto map = buildLandmarks(readObservations(records, mapUuid, &out.error));
+    const auto mapSeen = readObservations(records, mapUuid, &out.error);
     if (out.error) return out;
-    auto session = buildLandmarks(readObservations(records, sessionUuid, &out.error));
+    const auto sessionSeen = readObservations(records, sessionUuid, &out.error);
     if (out.error) return out;
+    out.warning =
+        noFramesWarning(localizer, mapUuid, sessionUuid, mapSeen.size(), sessionSeen.size());
+    auto map = buildLandmarks(mapSeen);
+    auto session = buildLandmarks(sessionSeen);
     out.report = SuLocalizer(options.su).estimate(map, session, seed);
     out.summary = std::to_string(map.size()) + " map landmarks, " + std::to_string(session.size()) +
                   " session landmarks";

@@ -18,6 +18,9 @@ inline constexpr const char* kSuLocalizerSeeded = "su_localizer_seeded";
 
 bool isLocalizerName(const std::string& name);
 
+// Log lines that need the operator's attention start with this.
+inline constexpr const char* kWarningPrefix = "warning: ";
+
 struct LocalizerOptions {
   SuLocalizerOptions su;
   ImageMatcherOptions imageMatcher;
@@ -31,6 +34,9 @@ struct JobOutcome {
   bool wrote = false;
   std::optional<StoreError> error;
   std::string summary;  // one line for the log
+  // Set when the run read no frames of the session or of the map: it could find nothing, and the
+  // usual cause (records that never reached the server) is worth a warning of its own.
+  std::optional<std::string> warning;
 };
 
 // localizer: one of the three names. mapUuid: the mapping session; sessionUuid: the

@@ -307,6 +307,7 @@ bool MapService::queue(const std::string& localizer, const std::string& mapUuid,
   return jobs_.trigger(sessionUuid + "/" + localizer, [this, localizer, mapUuid, sessionUuid] {
     JobOutcome out = runLocalizer(store_, localizer, mapUuid, sessionUuid, options_.localizers);
     if (!options_.log) return;
+    if (out.warning) options_.log(kWarningPrefix + *out.warning);
     std::string line = localizer + " for session " + sessionUuid + ": " + out.summary;
     if (out.error) line += "; store error: " + out.error->message;
     line += out.wrote ? "; result written" : "; no result";

@@ -39,6 +39,7 @@ struct DemoOptions {
   uint64_t seed = 1;
   std::string store;  // empty: a SQLite file in a fresh temporary folder
   std::string svg;    // empty: omra-demo.svg in that folder
+  std::string html;   // empty: report.html beside the picture
   bool verbose = false;
   SceneConditions conditions;
 };

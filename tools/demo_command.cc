@@ -4,13 +4,17 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "tools/commands.h"
 #ifdef OMRA_HAVE_SERVER
 #include "src/platform/store/record_store_factory.h"
 #include "tools/runner/demo_text.h"
+#include "tools/runner/html_report.h"
+#include "tools/runner/markup.h"
 #include "tools/runner/scenario_run.h"
 #include "tools/runner/svg_report.h"
 #endif
@@ -49,6 +53,9 @@ int runDemo(const DemoOptions& demo) {
   }
   if (storeSpec.empty()) storeSpec = "sqlite:" + folder + "/omra.db";
   const std::string svgPath = demo.svg.empty() ? folder + "/omra-demo.svg" : demo.svg;
+  const std::string htmlPath =
+      demo.html.empty() ? (std::filesystem::path(svgPath).parent_path() / "report.html").string()
+                        : demo.html;
 
   std::shared_ptr<RecordStore> store = makeRecordStore(storeSpec, {}, nullptr, &error);
   if (!store) {
@@ -112,8 +119,10 @@ int runDemo(const DemoOptions& demo) {
   if (report.arrivals.size() > 1) {
     std::printf("\nevery update:\n");
     for (const ArrivalOutcome& a : report.arrivals) {
-      std::printf("  after %5.1f s of scanning: %-20s worst error %6.1f cm %6.2f deg\n",
-                  a.scanSeconds, a.localizer.c_str(), a.maxErrorCm, a.maxErrorDegrees);
+      std::printf("  after %5.1f s of scanning: %-20s match %-6s worst error %6.1f cm %6.2f deg\n",
+                  a.scanSeconds, a.localizer.c_str(),
+                  a.matchValue ? fixed(*a.matchValue, 3).c_str() : "-", a.maxErrorCm,
+                  a.maxErrorDegrees);
     }
   }
   if (report.firstAssetsScanSeconds) {
@@ -134,6 +143,14 @@ int runDemo(const DemoOptions& demo) {
               static_cast<long long>(report.mapping.scanProgress),
               static_cast<long long>(report.localization.scanProgress), scanProgressNote().c_str());
 
+  // The server's warnings (a localizer that read no frames) show whatever the verbosity.
+  std::vector<std::string> answered;
+  for (const ArrivalOutcome& a : report.arrivals) answered.push_back(a.localizer);
+  for (const std::string& w : report.serverWarnings) {
+    std::printf("%s\n", serverWarningInWords(w, answered).c_str());
+  }
+
+  const ScenarioRunOptions defaults;
   if (report.mapping.opened()) {
     std::string svgError = writeSvgReport(report, svgPath);
     if (svgError.empty()) {
@@ -142,8 +159,14 @@ int runDemo(const DemoOptions& demo) {
       std::fprintf(stderr, "omra demo: %s\n", svgError.c_str());
     }
   }
+  const std::string htmlError =
+      writeHtmlReport(report, defaults.toleranceCm, defaults.toleranceDegrees, htmlPath);
+  if (htmlError.empty()) {
+    std::printf("report (opens in a browser): %s\n", htmlPath.c_str());
+  } else {
+    std::fprintf(stderr, "omra demo: %s\n", htmlError.c_str());
+  }
   std::printf("finished in %.1f s\n", report.wallSeconds);
-  const ScenarioRunOptions defaults;
   std::printf("%s\n", verdictLine(report, defaults.toleranceCm, defaults.toleranceDegrees).c_str());
   return report.success ? 0 : 1;
 }

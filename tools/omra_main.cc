@@ -86,6 +86,8 @@ int main(int argc, char** argv) {
       "--store", demo.store,
       "sqlite:PATH, dynamodb:URL or memory (default: a fresh temporary SQLite file)");
   demoCmd->add_option("--svg", demo.svg, "Where to write the top-down picture");
+  demoCmd->add_option("--html", demo.html,
+                      "Where to write the HTML report (default: report.html beside the picture)");
   demoCmd->add_flag("--verbose", demo.verbose, "Also print the kit's and the server's log lines");
   omra::tools::addSceneConditionOptions(*demoCmd, demo.conditions);
   omra::tools::ReplayOptions replay;

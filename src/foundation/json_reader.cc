@@ -106,15 +106,15 @@ std::optional<Json> readJson(std::string_view text, std::string* error, JsonLimi
   }
 }
 
-namespace {
-
-// The length of the valid UTF-8 sequence at p, or 0 when none starts there.
-int sequenceLength(const unsigned char* p, const unsigned char* end) {
-  const unsigned char c = *p;
-  if (c < 0x80) return 1;
-  int extra;
-  uint32_t cp;
-  if (c >= 0xC2 && c <= 0xDF) {
+size_t utf8SequenceAt(std::string_view text, size_t at, char32_t* codePoint) {
+  const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
+  const unsigned char c = byte(at);
+  size_t extra;
+  char32_t cp;
+  if (c < 0x80) {
+    if (codePoint) *codePoint = c;
+    return 1;
+  } else if (c >= 0xC2 && c <= 0xDF) {
     extra = 1;
     cp = c & 0x1F;
   } else if (c >= 0xE0 && c <= 0xEF) {
@@ -126,28 +126,25 @@ int sequenceLength(const unsigned char* p, const unsigned char* end) {
   } else {
     return 0;
   }
-  if (end - p <= extra) return 0;
-  for (int i = 1; i <= extra; ++i) {
-    if ((p[i] & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (p[i] & 0x3F);
+  if (text.size() - at <= extra) return 0;
+  for (size_t i = 1; i <= extra; ++i) {
+    if ((byte(at + i) & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (byte(at + i) & 0x3F);
   }
   // Overlong forms, UTF-16 surrogates and code points past U+10FFFF.
   if ((extra == 2 && cp < 0x800) || (extra == 3 && cp < 0x10000) || cp > 0x10FFFF ||
       (cp >= 0xD800 && cp <= 0xDFFF)) {
     return 0;
   }
+  if (codePoint) *codePoint = cp;
   return extra + 1;
 }
 
-}  // namespace
-
 bool isValidUtf8(std::string_view text) {
-  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-  const auto* end = p + text.size();
-  while (p < end) {
-    const int n = sequenceLength(p, end);
+  for (size_t i = 0; i < text.size();) {
+    const size_t n = utf8SequenceAt(text, i);
     if (n == 0) return false;
-    p += n;
+    i += n;
   }
   return true;
 }
@@ -156,16 +153,14 @@ std::string toValidUtf8(std::string_view text) {
   if (isValidUtf8(text)) return std::string(text);
   std::string out;
   out.reserve(text.size() + 8);
-  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-  const auto* end = p + text.size();
-  while (p < end) {
-    const int n = sequenceLength(p, end);
+  for (size_t i = 0; i < text.size();) {
+    const size_t n = utf8SequenceAt(text, i);
     if (n == 0) {
       out += "\xef\xbf\xbd";
-      ++p;
+      ++i;
     } else {
-      out.append(reinterpret_cast<const char*>(p), static_cast<size_t>(n));
-      p += n;
+      out.append(text.substr(i, n));
+      i += n;
     }
   }
   return out;

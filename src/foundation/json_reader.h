@@ -28,6 +28,10 @@ struct JsonLimits {
 std::optional<nlohmann::ordered_json> readJson(std::string_view text, std::string* error = nullptr,
                                                JsonLimits limits = {});
 
+// The length (1 to 4) of the well-formed UTF-8 sequence at text[at], or 0 when none starts there;
+// *codePoint, when given, receives its value. at must be within text.
+size_t utf8SequenceAt(std::string_view text, size_t at, char32_t* codePoint = nullptr);
+
 // Whether text is well-formed UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).
 bool isValidUtf8(std::string_view text);
 

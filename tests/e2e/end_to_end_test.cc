@@ -17,7 +17,7 @@
 #include "sim/scenario.h"
 #include "src/platform/store/record_store_factory.h"
 #include "tools/commands.h"
-#include "tools/runner/localizer_logger.h"
+#include "tools/runner/html_report.h"
 #include "tools/runner/scenario_run.h"
 #include "tools/runner/session_driver.h"
 #include "tools/runner/svg_report.h"
@@ -90,6 +90,24 @@ TEST(EndToEnd, AssetsComeBackWhereTheyWerePlaced) {
     ++paths;
   }
   EXPECT_EQ(paths, 2u);
+
+  // The HTML report: a row per asset, and one per update on the timeline.
+  const std::string html = htmlReport(report, 10, 5);
+  auto count = [&](const std::string& what) {
+    size_t n = 0;
+    for (size_t at = html.find(what); at != std::string::npos; at = html.find(what, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count("<tr data-asset=\""), report.assets.size());
+  const size_t timeline = html.find("<table id=\"timeline\">");
+  ASSERT_NE(timeline, std::string::npos);
+  const std::string updates = html.substr(timeline, html.find("</table>", timeline) - timeline);
+  size_t rows = 0;
+  for (size_t at = updates.find("<tr><td>"); at != std::string::npos;
+       at = updates.find("<tr><td>", at + 1)) {
+    ++rows;
+  }
+  EXPECT_EQ(rows, report.arrivals.size());
 }
 
 // A back end that is not there: the session reports the network error, promptly.
@@ -167,31 +185,6 @@ TEST(EndToEnd, ReplayStopsAtDamagedRecordings) {
     EXPECT_EQ(err.find("network"), std::string::npos) << c.name << ": " << err;
   }
   std::filesystem::remove_all(dir);
-}
-
-TEST(EndToEnd, LocalizerIsReadFromTheKitsResultLines) {
-  struct Case {
-    const char* line;
-    const char* localizer;  // nullptr: none
-  } cases[] = {
-      {"Received image matcher result full_image_matcher: 0.84", "full_image_matcher"},
-      {"Received SU result su_localizer_seeded: 0.6", "su_localizer_seeded"},
-      {"Received SU result : 0.6", nullptr},
-      {"Relocalized asset new position (1, 2, 3) - dist: 3.7", nullptr},
-      {"Received SU result su_localizer", nullptr},
-  };
-  for (const Case& c : cases) {
-    std::optional<std::string> got = LocalizerLogger::localizerOfLine(c.line);
-    if (c.localizer) {
-      EXPECT_EQ(got.value_or("<none>"), c.localizer) << c.line;
-    } else {
-      EXPECT_FALSE(got.has_value()) << c.line;
-    }
-  }
-  LocalizerLogger logger;
-  logger.print("Received SU result su_localizer: 0.7");
-  logger.print("Relocalized asset new position (1, 2, 3) - dist: 3.7");
-  EXPECT_EQ(logger.lastLocalizer().value_or(""), "su_localizer");
 }
 
 TEST(EndToEnd, HeadingErrorsWrapAroundTheCircle) {

@@ -29,7 +29,7 @@ TEST(OmraCommand, HelpVersionAndDefaults) {
       {"", 2, {"Subcommands:", "demo", "replay", "omra demo"}},
       {"--version", 0, {"omra v0.3.6"}},
       {"replay --help", 0, {"--speed", "1000]=1\n", "--place", "600]=10\n", "omra-replay-map"}},
-      {"demo --help", 0, {"--seed UINT=1"}},
+      {"demo --help", 0, {"--seed UINT=1", "--html", "report.html beside the picture"}},
       {"server --help", 0, {"65535]=8080"}},
       {"replay", 106, {"FILE is required"}},
   };
@@ -64,7 +64,9 @@ TEST(OmraCommand, RecordReplayReplayBringsAssetsBack) {
   ASSERT_EQ(back.exitCode, 0) << back.output;
   EXPECT_NE(back.output.find("assets after"), std::string::npos) << back.output;
   EXPECT_NE(back.output.find("from where it belongs"), std::string::npos) << back.output;
-  EXPECT_EQ(back.output.find("warning"), std::string::npos) << back.output;
+  // The records reached the store the localizers read (the server's own warnings may tell of a
+  // localizer asked before the first records arrived).
+  EXPECT_EQ(back.output.find("omra replay: warning"), std::string::npos) << back.output;
 
   // --place needs a mapping recording with truth.
   CommandRun refused = omra("replay " + localization + " --place --store memory" + outbox);

@@ -125,6 +125,22 @@ TEST(IsValidUtf8, AcceptsTextOnly) {
   }
 }
 
+TEST(Utf8SequenceAt, GivesLengthAndCodePointOfEachSequence) {
+  const std::string text = "a\xc3\xa9\xe2\x82\xac\xf4\x8f\xbf\xbf\xc2\x85\xe2\x80\xa8\xff";
+  const struct {
+    size_t at, length;
+    char32_t codePoint;
+  } cases[] = {{0, 1, U'a'},  {1, 2, 0xE9},    {3, 3, 0x20AC}, {6, 4, 0x10FFFF},
+               {10, 2, 0x85}, {12, 3, 0x2028}, {15, 0, 0},     {2, 0, 0}};
+  for (const auto& c : cases) {
+    char32_t cp = 0;
+    EXPECT_EQ(utf8SequenceAt(text, c.at, &cp), c.length) << c.at;
+    if (c.length) {
+      EXPECT_EQ(cp, c.codePoint) << c.at;
+    }
+  }
+}
+
 TEST(DumpJson, ReplacesWhatTheEncoderWouldThrowOn) {
   EXPECT_EQ(toValidUtf8("id-\xff\xc3\xa9-\xc3"), "id-\xef\xbf\xbd\xc3\xa9-\xef\xbf\xbd");
   Json j = Json::object();

@@ -8,43 +8,53 @@
 
 namespace omra::server::testing {
 
-RouteHarness::RouteHarness()
-    : store_(std::make_shared<MemoryRecordStore>()), jobs_(std::make_unique<JobRunner>(1)) {
+Json openingBody(const std::string& digest, const std::string& mapId) {
+  return Json{{"app_id", "com.example.app"}, {"user_id", "ana"},        {"map_id", mapId},
+              {"developer_key", digest},     {"pod_version", "v0.3.6"}, {"data_version", "1"}};
+}
+
+std::string openingBody(const std::string& mapName) {
+  return openingBody(kHarnessAccount, mapName).dump();
+}
+
+RouteHarness::RouteHarness(MapServiceOptions options, std::shared_ptr<MemoryRecordStore> store)
+    : store_(store ? std::move(store) : std::make_shared<MemoryRecordStore>()),
+      jobs_(std::make_unique<JobRunner>(1)) {
   if (auto e = createAllTables(*store_)) {
     std::fprintf(stderr, "RouteHarness: cannot create tables: %s\n", e->message.c_str());
     std::abort();
   }
-  MapServiceOptions options;
-  options.log = [](std::string_view) {};
+  if (!options.log) options.log = [](std::string_view) {};
   service_ = std::make_unique<MapService>(*store_, *jobs_, std::move(options));
 }
 
 RouteHarness::~RouteHarness() {
-  // Jobs refer to the service and the store: they go first.
-  jobs_.reset();
+  // Jobs refer to the service and the store: they finish first.
+  jobs_->stop();
 }
 
-Request RouteHarness::request(const std::string& method, const std::string& path) {
+Answer RouteHarness::call(const std::string& method, const std::string& path, std::string body,
+                          const std::optional<std::string>& account,
+                          std::map<std::string, std::string> query) {
   Request r;
   r.method = method;
   r.path = path;
-  std::string name = kAccountHeader;
-  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  r.headers[name] = kHarnessAccount;
-  return r;
+  r.query = std::move(query);
+  r.body = std::move(body);
+  if (account) {
+    std::string name = kAccountHeader;
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    r.headers[name] = *account;
+  }
+  return service_->handle(r);
 }
 
 Answer RouteHarness::post(const std::string& path, std::string body) {
-  Request r = request("POST", path);
-  r.headers["content-type"] = "application/json";
-  r.body = std::move(body);
-  return service_->handle(r);
+  return call("POST", path, std::move(body), kHarnessAccount);
 }
 
 Answer RouteHarness::get(const std::string& path, std::map<std::string, std::string> query) {
-  Request r = request("GET", path);
-  r.query = std::move(query);
-  return service_->handle(r);
+  return call("GET", path, "", kHarnessAccount, std::move(query));
 }
 
 std::string RouteHarness::createMap(const std::string& name) {
@@ -54,16 +64,6 @@ std::string RouteHarness::createMap(const std::string& name) {
     return {};
   }
   return a.body["uuid"].get<std::string>();
-}
-
-std::string openingBody(const std::string& mapName) {
-  Json body = Json::object();
-  body["app_id"] = "com.example.app";
-  body["user_id"] = "user";
-  body["map_id"] = mapName;
-  body["developer_key"] = kHarnessAccount;
-  body["pod_version"] = "v0.3.6";
-  return body.dump();
 }
 
 }  // namespace omra::server::testing

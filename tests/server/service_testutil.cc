@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "server/server_tables.h"
+#include "server/server_tables.h"  // allTableSchemas
 #include "src/cloud/camera_path_model.h"
 #include "src/cloud/detected_plane_model.h"
 #include "src/cloud/image_features_model.h"
@@ -17,11 +17,6 @@ namespace omra::server::testing {
 
 const std::string kAccountA = md5Hex("developer key of A");
 const std::string kAccountB = md5Hex("developer key of B");
-
-Json openingBody(const std::string& digest, const std::string& mapId) {
-  return Json{{"app_id", "com.example.app"}, {"user_id", "ana"},        {"map_id", mapId},
-              {"developer_key", digest},     {"pod_version", "v0.3.6"}, {"data_version", "1"}};
-}
 
 Json batchJson(const std::vector<TableItem>& items) {
   Json tables = Json::object();
@@ -51,28 +46,6 @@ std::vector<TableItem> oneOfEachRecord(const std::string& session, int64_t first
   };
 }
 
-ServiceHarness::ServiceHarness(MapServiceOptions options, std::shared_ptr<MemoryRecordStore> store)
-    : store_(store ? std::move(store) : std::make_shared<MemoryRecordStore>()),
-      jobs_(std::make_unique<JobRunner>(1)) {
-  EXPECT_FALSE(createAllTables(*store_).has_value());
-  if (!options.log) options.log = [](std::string_view) {};
-  service_ = std::make_unique<MapService>(*store_, *jobs_, std::move(options));
-}
-
-ServiceHarness::~ServiceHarness() { jobs_->stop(); }
-
-Answer ServiceHarness::call(const std::string& method, const std::string& path,
-                            const std::string& body, const std::optional<std::string>& account,
-                            std::map<std::string, std::string> query) {
-  Request r;
-  r.method = method;
-  r.path = path;
-  r.query = std::move(query);
-  r.body = body;
-  if (account) r.headers["x-omra-account"] = *account;
-  return service_->handle(r);
-}
-
 std::string ServiceHarness::createMap(const std::string& account, const std::string& mapId) {
   const Answer a = post(account, "/prod/maps/create_map", openingBody(account, mapId));
   EXPECT_EQ(a.status, 200) << a.body.dump();
@@ -89,14 +62,14 @@ std::string ServiceHarness::openSession(const std::string& account, const std::s
 size_t ServiceHarness::recordsOf(const std::string& session) {
   size_t n = 0;
   for (const TableSchema& t : recordTableSchemas()) {
-    n += queryAll(*store_, t.name, AttributeValue::string(session)).size();
+    n += queryAll(store(), t.name, AttributeValue::string(session)).size();
   }
   return n;
 }
 
 size_t ServiceHarness::totalItems() {
   size_t n = 0;
-  for (const TableSchema& t : allTableSchemas()) n += store_->itemCount(t.name);
+  for (const TableSchema& t : allTableSchemas()) n += store().itemCount(t.name);
   return n;
 }
 

@@ -1,9 +1,11 @@
 #include "tools/runner/demo_text.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <numbers>
 
+#include "server/localizer_jobs.h"
 #include "tools/runner/scenario_run.h"
 
 namespace omra::tools {
@@ -31,6 +33,22 @@ std::string verdictLine(const ScenarioReport& report, double toleranceCm, double
   std::snprintf(buffer, sizeof buffer, "PASS: all %zu assets came back within %g cm and %g degrees",
                 report.assets.size(), toleranceCm, toleranceDegrees);
   return buffer;
+}
+
+std::string serverWarningInWords(std::string_view warning,
+                                 const std::vector<std::string>& answered) {
+  std::string out = "omra-server: " + std::string(warning);
+  // "warning: NAME for session ...".
+  const std::string_view prefix = server::kWarningPrefix;
+  if (warning.substr(0, prefix.size()) != prefix) return out;
+  const std::string_view rest = warning.substr(prefix.size());
+  const std::string_view localizer = rest.substr(0, rest.find(' '));
+  if (localizer.empty() ||
+      std::find(answered.begin(), answered.end(), localizer) == answered.end()) {
+    return out;
+  }
+  return out + " (a later " + std::string(localizer) +
+         " run found a transform: this one ran before the session's records had arrived)";
 }
 
 }  // namespace omra::tools

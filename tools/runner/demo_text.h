@@ -3,6 +3,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "sim/yaw_transform.h"
 
@@ -18,5 +20,11 @@ std::string scanProgressNote();
 
 // "PASS: ..." or "FAIL: <reason>", the demo's last line.
 std::string verdictLine(const ScenarioReport& report, double toleranceCm, double toleranceDegrees);
+
+// A warning of the in-process server as the demo and replay print it ("omra-server: warning: ...").
+// A localizer that read no frames but answered later (answered lists the localizers behind the
+// kit's updates) only ran before the session's first records had arrived, and the line says so.
+std::string serverWarningInWords(std::string_view warning,
+                                 const std::vector<std::string>& answered);
 
 }  // namespace omra::tools

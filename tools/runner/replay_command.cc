@@ -15,6 +15,7 @@
 #include "tools/runner/demo_text.h"
 #include "tools/runner/room_placements.h"
 #include "tools/runner/scenario_run.h"
+#include "tools/runner/server_log_tap.h"
 #include "tools/runner/session_driver.h"
 
 namespace omra::tools {
@@ -80,6 +81,8 @@ int runReplay(const ReplayOptions& options) {
     return 2;
   }
   std::string error;
+  // Keeps the in-process server's warnings for the end of the run; it outlives the server.
+  ServerLogTap serverLog;
   std::unique_ptr<server::Server> server;
   std::shared_ptr<RecordStore> store;  // the in-process server's
   std::string url = options.server;
@@ -94,7 +97,7 @@ int runReplay(const ReplayOptions& options) {
     server::ServerOptions s;
     s.store = store;
     s.logRequests = false;
-    s.log = [](std::string_view) {};
+    s.log = serverLog.sink();
     server = std::make_unique<server::Server>(std::move(s));
     if (!server->start(&error)) {
       std::fprintf(stderr, "omra replay: cannot start omra-server: %s\n", error.c_str());
@@ -146,6 +149,11 @@ int runReplay(const ReplayOptions& options) {
   }
 
   if (server) server->stop();
+  std::vector<std::string> answered;
+  for (const AssetsArrival& a : result.arrivals) answered.push_back(a.localizer);
+  for (const std::string& w : serverLog.warnings()) {
+    std::fprintf(stderr, "%s\n", serverWarningInWords(w, answered).c_str());
+  }
 
   if (!result.status) {
     std::fprintf(stderr,

@@ -13,6 +13,7 @@
 #include "server/server.h"
 #include "src/cloud/record_tables.h"
 #include "src/platform/store/record_store_factory.h"
+#include "tools/runner/server_log_tap.h"
 
 namespace omra::tools {
 namespace {
@@ -71,6 +72,16 @@ std::string temporaryOutboxPath() {
       .string();
 }
 
+// An asset as it should come back in the localization session, before anything did.
+AssetOutcome expectedOutcome(const AssetSpot& spot, const sim::YawTransform& locFromRoom) {
+  AssetOutcome a;
+  a.id = spot.id;
+  a.room = spot.position;
+  a.expected = locFromRoom.apply(spot.position);
+  a.expectedYaw = spot.yaw + locFromRoom.theta;
+  return a;
+}
+
 }  // namespace
 
 ScenarioReport runScenario(const ScenarioRunOptions& options) {
@@ -78,7 +89,10 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   ScenarioReport report;
   report.scenario = sim::makeScenario(options.scenario);
   const sim::Scenario& scenario = report.scenario;
+  // Outlives the server, whose threads write to it.
+  ServerLogTap serverLog(options.serverLog);
   auto finish = [&](std::string failure) {
+    report.serverWarnings = serverLog.warnings();
     report.failure = std::move(failure);
     report.success = report.failure.empty();
     report.wallSeconds =
@@ -94,7 +108,7 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   server::ServerOptions serverOptions;
   serverOptions.store = store;
   serverOptions.logRequests = static_cast<bool>(options.serverLog);
-  serverOptions.log = options.serverLog ? options.serverLog : [](std::string_view) {};
+  serverOptions.log = serverLog.sink();
   serverOptions.httpThreads = 8;
   server::Server server(std::move(serverOptions));
   std::string error;
@@ -171,14 +185,11 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   for (const AssetsArrival& arrival : report.localization.arrivals) {
     ArrivalOutcome outcome;
     outcome.localizer = arrival.localizer;
+    outcome.matchValue = arrival.matchValue;
     outcome.scanSeconds = arrival.scanSeconds;
     outcome.complete = true;
     for (const AssetSpot& spot : spots) {
-      AssetOutcome a;
-      a.id = spot.id;
-      a.room = spot.position;
-      a.expected = locFromRoom.apply(spot.position);
-      a.expectedYaw = spot.yaw + locFromRoom.theta;
+      AssetOutcome a = expectedOutcome(spot, locFromRoom);
       for (const MapAsset& m : arrival.assets) {
         if (m.assetID != a.id) continue;
         a.placed = sim::Vec3{m.position.x, m.position.y, m.position.z};
@@ -196,14 +207,7 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   if (!report.arrivals.empty()) {
     report.assets = report.arrivals.back().assets;
   } else {
-    for (const AssetSpot& spot : spots) {
-      AssetOutcome a;
-      a.id = spot.id;
-      a.room = spot.position;
-      a.expected = locFromRoom.apply(spot.position);
-      a.expectedYaw = spot.yaw + locFromRoom.theta;
-      report.assets.push_back(std::move(a));
-    }
+    for (const AssetSpot& spot : spots) report.assets.push_back(expectedOutcome(spot, locFromRoom));
   }
   if (!report.localization.opened()) {
     return finish("the localization session did not open: " +

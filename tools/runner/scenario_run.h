@@ -35,8 +35,9 @@ struct ScenarioRunOptions {
   double toleranceDegrees = 5;
   // ("mapping" or "localization", frames fed, frames total, kit scan progress).
   std::function<void(std::string_view, size_t, size_t, int64_t)> progress;
-  std::function<void(std::string_view)> kitLog;     // thread-safe; none: kit lines dropped
-  std::function<void(std::string_view)> serverLog;  // thread-safe; none: server lines dropped
+  std::function<void(std::string_view)> kitLog;  // thread-safe; none: kit lines dropped
+  // thread-safe; none: server lines dropped (its warnings are kept in the report either way)
+  std::function<void(std::string_view)> serverLog;
 };
 
 // One placed asset: where it was put and where it came back.
@@ -54,6 +55,7 @@ struct AssetOutcome {
 // One assets-found callback, compared with the truth.
 struct ArrivalOutcome {
   std::string localizer;
+  std::optional<double> matchValue;  // of the transform behind it, when the kit's line gave it
   double scanSeconds = 0;
   std::vector<AssetOutcome> assets;
   double maxErrorCm = 0;
@@ -77,6 +79,7 @@ struct ScenarioReport {
   bool success = false;
   std::string failure;  // why not, when !success
   double wallSeconds = 0;
+  std::vector<std::string> serverWarnings;  // the server's warning lines, in order
 };
 
 // Three spots on room objects (their top faces' centres, headings along the objects), room frame.

@@ -117,7 +117,10 @@ DriveResult driveSession(const KitServices& services,
         AssetsArrival a;
         a.scanSeconds = s->scanSeconds.load();
         a.wallSeconds = std::chrono::duration<double>(Clock::now() - s->start).count();
-        a.localizer = s->logger->lastLocalizer().value_or("");
+        if (std::optional<LocalizerResult> result = s->logger->lastResult()) {
+          a.localizer = std::move(result->localizer);
+          a.matchValue = result->matchValue;
+        }
         a.assets = std::move(assets);
         {
           std::lock_guard lock(s->mutex);

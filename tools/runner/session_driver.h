@@ -47,9 +47,10 @@ std::optional<KitServices> makeDeviceKitServices(std::string backendUrl,
 
 // One assets-found callback as the host saw it.
 struct AssetsArrival {
-  double scanSeconds = 0;  // recording time of the newest frame handed over by then
-  double wallSeconds = 0;  // since the session opened
-  std::string localizer;   // which localizer's transform placed them ("" when unknown)
+  double scanSeconds = 0;            // recording time of the newest frame handed over by then
+  double wallSeconds = 0;            // since the session opened
+  std::string localizer;             // which localizer's transform placed them ("" when unknown)
+  std::optional<double> matchValue;  // that transform's match value, when known
   std::vector<MapAsset> assets;
 };
 

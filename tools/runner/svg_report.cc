@@ -7,6 +7,8 @@
 #include <variant>
 #include <vector>
 
+#include "tools/runner/markup.h"
+
 namespace omra::tools {
 namespace {
 
@@ -19,36 +21,18 @@ struct Canvas {
   double y(double metres) const { return kMargin + (metres + halfDepth) * kScale; }
 };
 
-std::string num(double v) {
-  char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%.1f", v);
-  return buffer;
-}
+std::string num(double v) { return fixed(v, 1); }
 
-std::string escape(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '<') {
-      out += "&lt;";
-    } else if (c == '>') {
-      out += "&gt;";
-    } else if (c == '&') {
-      out += "&amp;";
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
-
-// Places text labels so that none overlaps another: each label tries a few spots around its
-// anchor and takes the first free one (the last one tried when none is).
+// Places text labels so that none overlaps another or leaves the picture: each label tries a few
+// spots around its anchor and takes the first free one (the last one tried when none is).
 class LabelPlacer {
  public:
   struct Box {
     double x0, y0, x1, y1;
     bool overlaps(const Box& o) const { return x0 < o.x1 && o.x0 < x1 && y0 < o.y1 && o.y0 < y1; }
   };
+
+  LabelPlacer(double width, double height) : width_(width), height_(height) {}
 
   // Reserves an area that labels must avoid (a marker).
   void block(Box box) { taken_.push_back(box); }
@@ -74,7 +58,7 @@ class LabelPlacer {
     for (const auto& spot : spots) {
       const double x = anchorX + spot[0], y = anchorY + spot[1];
       chosen = Box{x, y - height / 2, x + width, y + height / 2};
-      bool free = true;
+      bool free = chosen.x0 >= 0 && chosen.y0 >= 0 && chosen.x1 <= width_ && chosen.y1 <= height_;
       for (const Box& b : taken_) free = free && !b.overlaps(chosen);
       if (free) break;
     }
@@ -82,18 +66,17 @@ class LabelPlacer {
     return "<text class=\"label\" x=\"" + num(chosen.x0) + "\" y=\"" + num(chosen.y1 - 3) +
            "\" font-size=\"" + num(fontSize) + "\" fill=\"" + colour + "\" data-box=\"" +
            num(chosen.x0) + "," + num(chosen.y0) + "," + num(chosen.x1) + "," + num(chosen.y1) +
-           "\">" + escape(text) + "</text>\n";
+           "\">" + escapeMarkup(text) + "</text>\n";
   }
 
  private:
+  double width_, height_;
   std::vector<Box> taken_;
 };
 
 std::string assetLabel(const AssetOutcome& a) {
   if (!a.placed) return a.id + ": not returned";
-  char buffer[96];
-  std::snprintf(buffer, sizeof buffer, ": %.1f cm, %.1f deg", a.errorCm, a.errorDegrees);
-  return a.id + buffer;
+  return a.id + ": " + fixed(a.errorCm, 1) + " cm, " + fixed(a.errorDegrees, 1) + " deg";
 }
 
 // The camera path of a recording, carried into the room frame: its first `fed` frames, those the
@@ -136,7 +119,7 @@ std::string svgReport(const ScenarioReport& report) {
       << "\" fill=\"#f7f7f2\" stroke=\"black\" stroke-width=\"3\"/>\n";
 
   // Markers first, so that labels keep clear of them; labels last, so that they stay on top.
-  LabelPlacer labels;
+  LabelPlacer labels(w, h);
   std::ostringstream labelText;
   const sim::YawTransform roomFromLoc =
       report.scenario.localization->truth->sessionFromRoom.inverse();
@@ -156,7 +139,7 @@ std::string svgReport(const ScenarioReport& report) {
       const double z = o.center.z - s * corners[i][0] + c * corners[i][1];
       svg << (i ? " " : "") << num(canvas.x(x)) << ',' << num(canvas.y(z));
     }
-    svg << "\"><title>" << escape(o.className) << "</title></polygon>\n";
+    svg << "\"><title>" << escapeMarkup(o.className) << "</title></polygon>\n";
   }
 
   svg << cameraPath(canvas, *report.scenario.mapping, report.mapping.framesFed, "#2b6cb0");
@@ -197,7 +180,7 @@ std::string svgReport(const ScenarioReport& report) {
   const double ly = room.depth * kScale + 2 * kMargin + 20;
   auto legend = [&](double x, const std::string& swatch, const std::string& label) {
     svg << "<g transform=\"translate(" << num(x) << ',' << num(ly) << ")\">" << swatch
-        << "<text x=\"22\" y=\"4\">" << escape(label) << "</text></g>\n";
+        << "<text x=\"22\" y=\"4\">" << escapeMarkup(label) << "</text></g>\n";
   };
   legend(kMargin,
          "<line x1=\"0\" y1=\"0\" x2=\"18\" y2=\"0\" stroke=\"#2b6cb0\" stroke-width=\"2\"/>",
@@ -210,7 +193,8 @@ std::string svgReport(const ScenarioReport& report) {
       << "<text x=\"22\" y=\"4\">expected asset</text>"
       << "<path d=\"M163,-6 L175,6 M163,6 L175,-6\" stroke=\"#c53030\" stroke-width=\"2\"/>"
       << "<text x=\"182\" y=\"4\">relocalized asset"
-      << (report.localizer.empty() ? "" : " (" + escape(report.localizer) + ")") << "</text></g>\n";
+      << (report.localizer.empty() ? "" : " (" + escapeMarkup(report.localizer) + ")")
+      << "</text></g>\n";
   svg << "<text x=\"" << num(kMargin) << "\" y=\"22\" font-size=\"13\">scene "
       << report.scenario.seed << ": " << num(room.width) << " m x " << num(room.depth) << " m, "
       << room.objects.size() << " objects; " << report.localization.framesFed << " of "
@@ -219,7 +203,7 @@ std::string svgReport(const ScenarioReport& report) {
   if (!report.success) {
     svg << "<text class=\"verdict\" x=\"" << num(w - kMargin) << "\" y=\"22\" font-size=\"13\" "
         << "text-anchor=\"end\" fill=\"#c53030\" font-weight=\"bold\">FAIL: "
-        << escape(report.failure) << "</text>\n";
+        << escapeMarkup(report.failure) << "</text>\n";
   }
   svg << "</svg>\n";
   return svg.str();
