@@ -8,7 +8,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev zlib1g-dev nlohmann-json3-dev libsqlite3-dev libasio-dev
   libopencv-dev libcpp-httplib-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
   libdeflate-dev libboost-dev libpng-dev python3 python3-onnx python3-numpy nodejs npm wrk
-  locales clang-14 libclang-rt-14-dev
+  locales clang-14 libclang-rt-14-dev libeigen3-dev libhnswlib-dev
 )
 
 # The locale tests run under a comma-decimal locale, as GTK and Qt hosts set it.
