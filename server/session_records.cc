@@ -191,8 +191,9 @@ std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::stri
       }
     }
     if (!pose) {
-      // Features of a frame whose pose is missing cannot be placed.
-      ++local.skipped;
+      // Inside the recorded path a missing pose contradicts the records; beyond its end the
+      // path's next block has simply not arrived yet.
+      if (!poses.empty() && f <= poses.rbegin()->first) ++local.skipped;
       continue;
     }
     out.push_back({f, *pose, std::move(*features)});

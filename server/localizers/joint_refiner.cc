@@ -3,6 +3,8 @@
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
+#include <numbers>
+#include <optional>
 
 namespace omra::server {
 namespace {
@@ -62,6 +64,7 @@ struct Pairs {
   std::vector<std::pair<const PlaneObservation*, const PlaneObservation*>> walls, floors;
   std::vector<std::pair<Vec3, Vec3>> points;  // (map, session)
   int objectsNear = 0, pointsNear = 0;
+  int wallsDisagreeing = 0;
 };
 
 class Problem {
@@ -73,6 +76,15 @@ class Problem {
     const size_t n = session.points.size();
     const size_t step = std::max<size_t>(1, n / 1500);
     for (size_t i = 0; i < n; i += step) sessionPoints_.push_back(session.points[i]);
+    // In a rectangular room every wall of each session, paired or not, tells the heading modulo
+    // a quarter turn; their means are steadier than any one wall.
+    const double spread = 3 * std::numbers::pi / 180;
+    mapFrame_ = manhattanHeading(map.planes, spread);
+    sessionFrame_ = manhattanHeading(session.planes, spread);
+    int nm = 0, ns = 0;
+    for (const PlaneObservation& p : map.planes) nm += p.vertical;
+    for (const PlaneObservation& p : session.planes) ns += p.vertical;
+    if (nm > 0 && ns > 0) frameSigma_ = o.wallHeadingSigma * std::sqrt(1.0 / nm + 1.0 / ns);
   }
 
   size_t sessionPointCount() const { return sessionPoints_.size(); }
@@ -125,6 +137,21 @@ class Problem {
           offset = std::fabs(moved[1] - s.origin[1]);
         }
         if (offset < bestOffset) bestOffset = offset, best = &m;
+      }
+      if (!best && s.vertical) {
+        // A map wall facing the same way but well away from this one: the rooms differ.
+        for (const PlaneObservation& m : map_.planes) {
+          if (!m.vertical || dot(Pose4{0, 0, 0, pose.theta}.apply(m.normal), s.normal) < minCos) {
+            continue;
+          }
+          const Vec3 moved = pose.apply(m.origin);
+          if (std::fabs(
+                  dot({moved[0] - s.origin[0], moved[1] - s.origin[1], moved[2] - s.origin[2]},
+                      s.normal)) > o_.wallConflict) {
+            ++out.wallsDisagreeing;
+            break;
+          }
+        }
       }
       if (!best) continue;
       (s.vertical ? out.walls : out.floors).emplace_back(best, &s);
@@ -183,6 +210,8 @@ class Problem {
   const SceneEvidence& session_;
   const JointRefinerOptions& o_;
   std::vector<Vec3> sessionPoints_;
+  std::optional<double> mapFrame_, sessionFrame_;
+  double frameSigma_ = 1;
 };
 
 bool hasTwoWallDirections(const std::vector<const PlaneObservation*>& walls) {
@@ -221,6 +250,7 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   out.objects = static_cast<int>(pairs.objects.size());
   out.objectsNear = pairs.objectsNear;
   out.walls = static_cast<int>(pairs.walls.size());
+  out.wallsDisagreeing = pairs.wallsDisagreeing;
   out.horizontal = static_cast<int>(pairs.floors.size());
   out.points = static_cast<int>(pairs.points.size());
   out.pointsNear = pairs.pointsNear;
@@ -256,7 +286,10 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   const bool pointsBothSides = mapPoints.size() > 0 && problem.sessionPointCount() > 0;
   if (shift > o.maxShift || std::fabs(wrapAngle(pose.theta - rough.theta)) > o.maxTurn) {
     out.why = "refinement left the hypothesis";
-  } else if (out.objects < o.minObjects) {
+  } else if (out.wallsDisagreeing > out.walls) {
+    out.why = "walls disagree";
+  } else if (out.objects < o.minObjects && !(out.objects >= o.minObjectsWithWalls && out.bothWays &&
+                                             out.horizontal > 0 && out.wallsDisagreeing == 0)) {
     out.why = "too few objects agree";
   } else if (out.objects < o.minObjectShare * out.objectsNear) {
     out.why = "most objects disagree";

@@ -24,9 +24,11 @@ struct SceneEvidence {
 struct JointRefinerOptions {
   // Per-kind noise, metres (radians for wall headings): weights of the least squares and the
   // scale of the predicted error.
+  // A detected wall keeps its own error for its lifetime (about half a degree, a centimetre), so
+  // a pair of them is off by the errors of both: walls must not outweigh many objects.
   double objectSigma = 0.03;
-  double wallSigma = 0.01;
-  double wallHeadingSigma = 0.0087;  // half a degree
+  double wallSigma = 0.015;
+  double wallHeadingSigma = 0.015;
   double floorSigma = 0.01;
   double pointSigma = 0.02;
   // Association gates, widest (first rounds) to narrowest (last rounds).
@@ -42,6 +44,10 @@ struct JointRefinerOptions {
   // that must.
   int minObjects = 3;
   double minObjectShare = 0.3;
+  // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees.
+  int minObjectsWithWalls = 2;
+  // A session wall facing the way a map wall faces, but this far from every such wall, disagrees.
+  double wallConflict = 0.3;
   // With feature points on both sides: enough of them must agree, or they overrule the objects.
   int minPoints = 40;
   double minPointShare = 0.35;
@@ -58,6 +64,7 @@ struct JointResult {
   int objects = 0;      // object pairs that agree at the end
   int objectsNear = 0;  // session objects that land near a map object of any label
   int walls = 0, horizontal = 0;
+  int wallsDisagreeing = 0;
   int points = 0, pointsNear = 0;  // agreeing points, and points that land near the map's
   bool bothWays = false;           // walls of two directions take part
   double predictedError = 1;       // metres, for an asset leverArm from the origin

@@ -158,7 +158,7 @@ TEST_F(JobsTest, ContradictingRecordsAreSkippedAndCounted) {
   object.erase("PositionY");
   put(SceneUnderstandingModel::kTableName, object);
   put(ImageFeaturesModel::kTableName,
-      ImageFeaturesModel("s", 90'000, std::vector<double>(64, 0.25)).toItem());
+      ImageFeaturesModel("s", -50, std::vector<double>(64, 0.25)).toItem());
   put(DetectedPlaneModel::kTableName, DetectedPlaneModel("s", 5, "flat", "vertical", "", true,
                                                          "1,0,0,0,0,0,0,0,0,0,1,0,0.5,1,2,1", false)
                                           .toItem());
