@@ -65,9 +65,9 @@ struct Match {
 class ApproximateSearch {
  public:
   ApproximateSearch(const std::vector<float>& matrix, size_t rows, size_t stride)
-      : space_(stride), graph_(&space_, rows, 16, 100, 0x5eed) {
+      : space_(stride), graph_(&space_, rows, 12, 64, 0x5eed) {
     for (size_t r = 0; r < rows; ++r) graph_.addPoint(matrix.data() + r * stride, r);
-    graph_.setEf(64);
+    graph_.setEf(32);
   }
   std::pair<int, float> best(const float* unit) const {
     auto found = graph_.searchKnn(unit, 1);
