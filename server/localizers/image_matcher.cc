@@ -1,5 +1,8 @@
 #include "server/localizers/image_matcher.h"
 
+// hnswlib's hand-vectorised build prefetches one link past the end of a list, a read out of
+// bounds; its plain build does not, and the compiler vectorises the distances well enough.
+#define NO_MANUAL_VECTORIZATION
 #include <hnswlib/hnswlib.h>
 
 #include <algorithm>
