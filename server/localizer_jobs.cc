@@ -99,10 +99,10 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
   }
   const JointResult& c = *out.checked;
   std::snprintf(line, sizeof line,
-                "; checked %zu proposal(s): %d object(s) of %d near, %d wall(s), %d horizontal, "
-                "%d point(s) of %d near, predicted error %.3f m",
-                proposals.size(), c.objects, c.objectsNear, c.walls, c.horizontal, c.points,
-                c.pointsNear, c.predictedError);
+                "; checked %zu proposal(s): %d object(s) of %d near, %d wall(s) (%d disagreeing), "
+                "%d horizontal, %d point(s) of %d near, predicted error %.3f m",
+                proposals.size(), c.objects, c.objectsNear, c.walls, c.wallsDisagreeing,
+                c.horizontal, c.points, c.pointsNear, c.predictedError);
   out.summary += line;
   if (!c.verified) {
     out.summary += "; not verified: " + c.why;

@@ -286,6 +286,8 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   const bool pointsBothSides = mapPoints.size() > 0 && problem.sessionPointCount() > 0;
   if (shift > o.maxShift || std::fabs(wrapAngle(pose.theta - rough.theta)) > o.maxTurn) {
     out.why = "refinement left the hypothesis";
+  } else if (out.predictedError > o.maxPredictedError) {
+    out.why = "the evidence leaves too large an error";
   } else if (out.wallsDisagreeing > out.walls) {
     out.why = "walls disagree";
   } else if (out.objects < o.minObjects && !(out.objects >= o.minObjectsWithWalls && out.bothWays &&

@@ -43,7 +43,10 @@ struct JointRefinerOptions {
   // Verification: objects that must agree, and the share of the session's objects near the map's
   // that must.
   int minObjects = 3;
-  double minObjectShare = 0.3;
+  double minObjectShare = 0.5;
+  // Evidence that leaves a larger error than this verifies nothing: a few objects that happen to
+  // line up in another room leave a large one.
+  double maxPredictedError = 0.15;
   // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees.
   int minObjectsWithWalls = 2;
   // A session wall facing the way a map wall faces, but this far from every such wall, disagrees.
