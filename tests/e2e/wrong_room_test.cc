@@ -3,6 +3,9 @@
 // against its own room's map gets one.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <vector>
+
 #include "server/localizer_jobs.h"
 #include "server/localizers/map_index_cache.h"
 #include "server/map_store.h"
@@ -22,7 +25,17 @@ TEST(WrongRoom, NoLocalizerAnswersForAnotherRoomsMap) {
   // Three rooms recorded into one store; each room's localization session is then tried against
   // the next room's map.
   std::shared_ptr<RecordStore> store = makeRecordStore("memory", {}, nullptr);
-  const uint64_t seeds[] = {2101, 2102, 2103};
+  // OMRA_WRONG_ROOM_SEEDS="1,2,3,..." sweeps more rooms by hand.
+  std::vector<uint64_t> seeds = {2101, 2102, 2103};
+  if (const char* list = std::getenv("OMRA_WRONG_ROOM_SEEDS")) {
+    seeds.clear();
+    for (const char* p = list; *p;) {
+      char* end = nullptr;
+      seeds.push_back(std::strtoull(p, &end, 10));
+      if (end == p) break;
+      p = *end ? end + 1 : end;
+    }
+  }
   std::vector<ScenarioReport> rooms;
   for (uint64_t seed : seeds) {
     ScenarioRunOptions o;
