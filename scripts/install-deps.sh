@@ -8,7 +8,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev zlib1g-dev nlohmann-json3-dev libsqlite3-dev libasio-dev
   libopencv-dev libcpp-httplib-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
   libdeflate-dev libboost-dev libpng-dev python3 python3-onnx python3-numpy nodejs npm wrk
-  locales clang-14 libclang-rt-14-dev
+  locales clang-14 libclang-rt-14-dev libeigen3-dev libhnswlib-dev
 )
 # A headless browser renders the demo's HTML report once in the tests (skipped without one). About
 # 290 MB installed, so only on request: OMRA_WITH_BROWSER=1 (the CI sets it).

@@ -2,11 +2,8 @@
 
 #include <charconv>
 #include <cstdio>
-#include <future>
 
 #include "server/ids.h"
-#include "server/plane_records.h"
-#include "server/session_records.h"
 
 namespace omra::server {
 
@@ -39,77 +36,102 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
                         const std::string& sessionUuid, const LocalizerOptions& options) {
   JobOutcome out;
   RecordStore& records = store.records();
-  if (localizer == kImageMatcher) {
-    // The two sessions' records are read side by side: reading and decoding is most of the run.
-    std::optional<StoreError> mapError;
-    auto mapRead = std::async(std::launch::async, [&] {
-      auto frames = readPosedFeatures(records, mapUuid, &mapError);
-      return ImageFeatureIndex(frames);
-    });
-    auto session = readPosedFeatures(records, sessionUuid, &out.error);
-    const ImageFeatureIndex index = mapRead.get();
-    if (!out.error) out.error = mapError;
+  std::optional<Pose4> seed;
+  if (localizer == kSuLocalizerSeeded) {
+    auto best = store.bestTransform(sessionUuid, kImageMatcher, &out.error);
     if (out.error) return out;
-    out.warning = noFramesWarning(localizer, mapUuid, sessionUuid, index.size(), session.size());
-    out.report = ImageMatcher(options.imageMatcher).estimate(index, session);
-    out.summary = std::to_string(index.size()) + " map frames, " + std::to_string(session.size()) +
-                  " session frames";
-  } else {
-    std::optional<Pose4> seed;
-    if (localizer == kSuLocalizerSeeded) {
-      auto best = store.bestTransform(sessionUuid, kImageMatcher, &out.error);
-      if (out.error) return out;
-      if (best && best->transform) seed = Pose4::parse(*best->transform);
-      if (!seed) {
-        out.summary = "no image-matcher result to seed from";
-        return out;
-      }
+    if (best && best->transform) seed = Pose4::parse(*best->transform);
+    if (!seed) {
+      out.summary = "no image-matcher result to seed from";
+      return out;
     }
-    const auto mapSeen = readObservations(records, mapUuid, &out.error);
-    if (out.error) return out;
-    const auto sessionSeen = readObservations(records, sessionUuid, &out.error);
-    if (out.error) return out;
-    out.warning =
-        noFramesWarning(localizer, mapUuid, sessionUuid, mapSeen.size(), sessionSeen.size());
-    auto map = buildLandmarks(mapSeen);
-    auto session = buildLandmarks(sessionSeen);
-    out.report = SuLocalizer(options.su).estimate(map, session, seed);
-    out.summary = std::to_string(map.size()) + " map landmarks, " + std::to_string(session.size()) +
-                  " session landmarks";
   }
-  char line[160];
-  std::snprintf(line, sizeof line, "; inliers %d, residual %.3f m, match value %.3f",
-                out.report.inliers, out.report.residual, out.report.matchValue);
-  out.summary += line;
-  if (!out.report.found) return out;
+  // The map side comes from the cache (read and indexed once); the session side is read anew.
+  const bool images = localizer == kImageMatcher;
+  std::shared_ptr<const MapIndex> map;
+  bool built = true;
+  if (options.cache) {
+    map = options.cache->get(records, mapUuid, &out.error, &built);
+  } else {
+    map = std::make_shared<const MapIndex>(readSessionScene(records, mapUuid, true, &out.error));
+  }
+  if (out.error || !map) return out;
+  const SessionScene session = readSessionScene(records, sessionUuid, images, &out.error);
+  if (out.error) return out;
+  const SceneEvidence& mapScene = map->evidence();
+  out.warning = images ? noFramesWarning(localizer, mapUuid, sessionUuid, map->images().size(),
+                                         session.frames.size())
+                       : noFramesWarning(localizer, mapUuid, sessionUuid, map->stats().records,
+                                         session.stats.records);
+
+  // Proposals.
+  std::vector<Pose4> proposals;
+  const SuLocalizer su(options.su);
+  if (images) {
+    const auto groups = ImageMatcher(options.imageMatcher)
+                            .proposals(map->images(), session.frames, options.imageProposals);
+    for (const LocalizerReport& g : groups) {
+      if (!g.found) continue;
+      if (proposals.empty()) out.report = g;
+      proposals.push_back(g.transform);
+      // The objects near where the views put them may settle the proposal better than the views.
+      const LocalizerReport near =
+          su.estimate(mapScene.landmarks, session.evidence.landmarks, g.transform);
+      if (near.found) proposals.push_back(near.transform);
+    }
+    out.summary = std::to_string(map->images().size()) + " map frames, " +
+                  std::to_string(session.frames.size()) + " session frames, " +
+                  std::to_string(groups.size()) + " view group(s)";
+  } else {
+    out.report = su.estimate(mapScene.landmarks, session.evidence.landmarks, seed);
+    if (out.report.found) proposals.push_back(out.report.transform);
+    out.summary = std::to_string(mapScene.landmarks.size()) + " map landmarks, " +
+                  std::to_string(session.evidence.landmarks.size()) + " session landmarks";
+  }
   if (options.refineWithPlanes) {
-    // Unreadable planes only cost the refinement, never the result.
-    std::optional<StoreError> planeError;
-    auto mapPlanes = readPlanes(records, mapUuid, &planeError);
-    auto sessionPlanes = readPlanes(records, sessionUuid, &planeError);
-    std::optional<PlaneRefinement> refined;
-    if (!planeError) {
-      refined = PlaneRefiner(options.planes).refine(out.report.transform, mapPlanes, sessionPlanes);
+    const PlaneRefiner planes(options.planes);
+    const size_t raw = proposals.size();
+    for (size_t k = 0; k < raw; ++k) {
+      auto refined = planes.refine(proposals[k], mapScene.planes, session.evidence.planes);
+      if (refined) proposals.push_back(refined->transform);
     }
-    if (refined) {
-      out.report.transform = refined->transform;
-      std::snprintf(line, sizeof line, "; refined on %d wall(s), %d horizontal plane(s)",
-                    refined->walls, refined->horizontal);
-      out.summary += line;
-    }
-    // Where the map could settle the transform fully but this session's planes did not yet, the
-    // result is worth less, so that the kit takes a fully settled one when it comes.
-    if (!planeError && (!refined || !refined->bothWays) &&
-        PlaneRefiner(options.planes).canFix(mapPlanes)) {
-      out.report.matchValue *= 0.5;
-      out.summary += "; not settled by planes, match value halved";
-    }
+  }
+  out.summary += built ? " (map indexed now)" : " (map index reused)";
+  out.summary += map->stats().text() + session.stats.text();
+
+  // Each proposal settled with all the evidence; the best verified one is the answer.
+  const JointRefiner joint(options.joint);
+  for (const Pose4& p : proposals) {
+    JointResult r = joint.refine(p, mapScene, map->points(), session.evidence);
+    const bool better = !out.checked || (r.verified != out.checked->verified
+                                             ? r.verified
+                                             : r.predictedError < out.checked->predictedError);
+    if (better) out.checked = std::move(r);
+  }
+  char line[200];
+  std::snprintf(line, sizeof line, "; proposal inliers %d, match value %.3f", out.report.inliers,
+                out.report.matchValue);
+  out.summary += line;
+  if (!out.checked) {
+    out.summary += "; nothing to check";
+    return out;
+  }
+  const JointResult& c = *out.checked;
+  std::snprintf(line, sizeof line,
+                "; checked %zu proposal(s): %d object(s) of %d near, %d wall(s) (%d disagreeing), "
+                "%d horizontal, %d point(s) of %d near, predicted error %.3f m",
+                proposals.size(), c.objects, c.objectsNear, c.walls, c.wallsDisagreeing,
+                c.horizontal, c.points, c.pointsNear, c.predictedError);
+  out.summary += line;
+  if (!c.verified) {
+    out.summary += "; not verified: " + c.why;
+    return out;
   }
   TransformResultModel result;
   result.sessionId = sessionUuid;
   result.timestamp = uniqueSeconds();
-  result.matchValue = matchValueText(out.report.matchValue);
-  result.transform = out.report.transform.toText();
+  result.matchValue = matchValueText(c.matchValue);
+  result.transform = c.transform.toText();
   result.localizer = localizer;
   result.suppress = false;
   out.error = store.addTransform(result);

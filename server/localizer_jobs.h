@@ -1,11 +1,16 @@
-// One run of a localizer for a localization session against its map: read the records, estimate,
-// write a "Transformations" item when a transform was found. Free functions; thread-safe.
+// One run of a localizer for a localization session against its map: read the session's records
+// (the map's come from the cache), propose transforms, settle each with everything both sessions
+// saw, and write a "Transformations" item only for one the geometry of both sessions agrees with.
+// Free functions; thread-safe.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "server/localizers/image_matcher.h"
+#include "server/localizers/joint_refiner.h"
+#include "server/localizers/map_index_cache.h"
 #include "server/localizers/plane_refiner.h"
 #include "server/localizers/su_localizer.h"
 #include "server/map_store.h"
@@ -24,13 +29,19 @@ inline constexpr const char* kWarningPrefix = "warning: ";
 struct LocalizerOptions {
   SuLocalizerOptions su;
   ImageMatcherOptions imageMatcher;
-  // A found transform is sharpened with the planes both sessions detected, when they pair up.
+  // A proposal is also tried after its walls settled it, when they pair up.
   bool refineWithPlanes = true;
   PlaneRefinerOptions planes;
+  JointRefinerOptions joint;
+  // Image-matcher groups tried, best first.
+  int imageProposals = 3;
+  // Maps' indexes kept between runs; none: each run reads and indexes the map anew.
+  std::shared_ptr<MapIndexCache> cache;
 };
 
 struct JobOutcome {
-  LocalizerReport report;
+  LocalizerReport report;              // the proposal's own estimate
+  std::optional<JointResult> checked;  // the best settled transform, verified or not
   bool wrote = false;
   std::optional<StoreError> error;
   std::string summary;  // one line for the log

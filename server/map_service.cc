@@ -48,6 +48,8 @@ MapService::MapService(RecordStore& store, JobRunner& jobs, MapServiceOptions op
     allowedAccounts_.insert(accountHash(digest));
   }
   options_.allowedDeveloperKeys.clear();  // only the hashes stay
+  // Maps are read and indexed once, then reused by every localizer run.
+  if (!options_.localizers.cache) options_.localizers.cache = std::make_shared<MapIndexCache>();
 }
 
 Answer MapService::handle(const Request& request) {

@@ -29,14 +29,19 @@ std::optional<PlaneObservation> parsePlaneTransform(const std::string& text) {
 }
 
 std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& sessionId,
-                                         std::optional<StoreError>* error) {
+                                         std::optional<StoreError>* error, size_t* skipped) {
+  size_t bad = 0;
   // Records come in "RecordId" order, the order the kit wrote them; a plane's state is the one of
   // its latest frame (the stable sort keeps write order within a frame).
   std::vector<DetectedPlaneModel> events;
   for (const Item& item :
        queryAll(store, DetectedPlaneModel::kTableName, AttributeValue::string(sessionId), error)) {
     std::optional<DetectedPlaneModel> m = DetectedPlaneModel::fromItem(item);
-    if (m && m->planeId) events.push_back(std::move(*m));
+    if (m && m->planeId) {
+      events.push_back(std::move(*m));
+    } else {
+      ++bad;
+    }
   }
   std::stable_sort(events.begin(), events.end(), [](const auto& a, const auto& b) {
     return a.frameId.value_or(0) < b.frameId.value_or(0);
@@ -47,9 +52,12 @@ std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& 
       newest[*m->planeId] = std::nullopt;
       continue;
     }
-    if (!m->transformMatrix || !m->alignment) continue;
-    std::optional<PlaneObservation> p = parsePlaneTransform(*m->transformMatrix);
-    if (!p) continue;
+    std::optional<PlaneObservation> p;
+    if (m->transformMatrix && m->alignment) p = parsePlaneTransform(*m->transformMatrix);
+    if (!p) {
+      ++bad;
+      continue;
+    }
     p->planeId = *m->planeId;
     p->vertical = *m->alignment == "vertical";
     newest[*m->planeId] = std::move(p);
@@ -58,6 +66,7 @@ std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& 
   for (auto& [id, p] : newest) {
     if (p) out.push_back(std::move(*p));
   }
+  if (skipped) *skipped = bad;
   return out;
 }
 

@@ -12,8 +12,10 @@
 
 namespace omra::server {
 
+// skipped: records left out because they contradict themselves (no usable transform or normal).
 std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& sessionId,
-                                         std::optional<StoreError>* error);
+                                         std::optional<StoreError>* error,
+                                         size_t* skipped = nullptr);
 
 // A plane anchor's transform text (sixteen numbers, column by column) as origin and unit normal
 // (the anchor's y axis); none when it does not parse.

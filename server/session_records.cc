@@ -8,6 +8,7 @@
 #include "src/cloud/camera_path_model.h"
 #include "src/cloud/compression.h"
 #include "src/cloud/image_features_model.h"
+#include "src/cloud/point_cloud_model.h"
 #include "src/cloud/scene_understanding_model.h"
 
 namespace omra::server {
@@ -17,6 +18,21 @@ template <class T>
 bool parseNumber(std::string_view piece, T& out) {
   auto [ptr, ec] = std::from_chars(piece.data(), piece.data() + piece.size(), out);
   return ec == std::errc() && ptr == piece.data() + piece.size() && std::isfinite(out);
+}
+
+// Reads what the text holds at pos into out (any number, NaN included); false when it is none.
+template <class T>
+bool takeNumber(std::string_view text, size_t& pos, T& out) {
+  auto [ptr, ec] = std::from_chars(text.data() + pos, text.data() + text.size(), out);
+  if (ec != std::errc()) return false;
+  pos = static_cast<size_t>(ptr - text.data());
+  return true;
+}
+
+bool take(std::string_view text, size_t& pos, char c) {
+  if (pos >= text.size() || text[pos] != c) return false;
+  ++pos;
+  return true;
 }
 
 }  // namespace
@@ -50,6 +66,59 @@ std::optional<Mat4> parsePoseText(std::string_view text) {
   }
   if (pos != text.size()) return std::nullopt;
   return m;
+}
+
+std::optional<std::vector<std::pair<uint64_t, Vec3>>> parsePointText(std::string_view text) {
+  std::vector<std::pair<uint64_t, Vec3>> out;
+  size_t pos = 0;
+  if (!take(text, pos, '{')) return std::nullopt;
+  if (take(text, pos, '}')) return pos == text.size() ? std::optional(out) : std::nullopt;
+  while (true) {
+    uint64_t id = 0;
+    Vec3 p{};
+    if (!takeNumber(text, pos, id) || !take(text, pos, ':') || !take(text, pos, '[')) {
+      return std::nullopt;
+    }
+    for (size_t k = 0; k < 3; ++k) {
+      if ((k > 0 && !take(text, pos, ',')) || !takeNumber(text, pos, p[k])) return std::nullopt;
+    }
+    if (!take(text, pos, ']')) return std::nullopt;
+    out.emplace_back(id, p);
+    if (take(text, pos, '}')) break;
+    if (!take(text, pos, ',')) return std::nullopt;
+  }
+  if (pos != text.size()) return std::nullopt;
+  return out;
+}
+
+std::vector<Vec3> readPoints(RecordStore& store, const std::string& sessionId,
+                             std::optional<StoreError>* error, ReadStats* stats) {
+  ReadStats local;
+  std::map<uint64_t, Vec3> latest;
+  for (const Item& item :
+       queryAll(store, PointCloudModel::kTableName, AttributeValue::string(sessionId), error)) {
+    ++local.records;
+    auto m = PointCloudModel::fromItem(item);
+    std::optional<std::string> text;
+    if (m && m->featuresC) text = decompress(*m->featuresC);
+    auto points = text ? parsePointText(*text) : std::nullopt;
+    if (!points) {
+      ++local.skipped;
+      continue;
+    }
+    for (const auto& [id, p] : *points) {
+      if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) {
+        ++local.skipped;
+        continue;
+      }
+      latest[id] = p;
+    }
+  }
+  std::vector<Vec3> out;
+  out.reserve(latest.size());
+  for (const auto& [id, p] : latest) out.push_back(p);
+  if (stats) *stats = local;
+  return out;
 }
 
 std::vector<ObjectObservation> readObservations(RecordStore& store, const std::string& sessionId,
@@ -121,7 +190,12 @@ std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::stri
         pose = &it->second;
       }
     }
-    if (!pose) continue;
+    if (!pose) {
+      // Inside the recorded path a missing pose contradicts the records; beyond its end the
+      // path's next block has simply not arrived yet.
+      if (!poses.empty() && f <= poses.rbegin()->first) ++local.skipped;
+      continue;
+    }
     out.push_back({f, *pose, std::move(*features)});
   }
   // Records come in the order the kit wrote them; the matcher wants frame order.

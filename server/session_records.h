@@ -15,7 +15,7 @@ namespace omra::server {
 
 struct ReadStats {
   size_t records = 0;
-  size_t skipped = 0;
+  size_t skipped = 0;  // records, or parts of them (a frame's pose, a point), left out
 };
 
 std::vector<ObjectObservation> readObservations(RecordStore& store, const std::string& sessionId,
@@ -27,6 +27,16 @@ std::vector<ObjectObservation> readObservations(RecordStore& store, const std::s
 std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::string& sessionId,
                                              std::optional<StoreError>* error,
                                              ReadStats* stats = nullptr, int maxFrameGap = 5);
+
+// The heavy map's feature points ("MapData-PointCloud"), each the latest position of its
+// identifier. Points that are not finite are skipped and counted.
+std::vector<Vec3> readPoints(RecordStore& store, const std::string& sessionId,
+                             std::optional<StoreError>* error, ReadStats* stats = nullptr);
+
+// "{99:[0.5,-1.25,2],100:[1,2,3]}" -> (identifier, point) pairs; absent when the text does not
+// have that shape. A point with a component that is not finite keeps its place with NaN, for the
+// caller to count.
+std::optional<std::vector<std::pair<uint64_t, Vec3>>> parsePointText(std::string_view text);
 
 // "1.000000,0.500000" -> {1, 0.5}; absent when any element is not a number.
 std::optional<std::vector<float>> parseFeatureText(std::string_view text);

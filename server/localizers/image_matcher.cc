@@ -1,5 +1,10 @@
 #include "server/localizers/image_matcher.h"
 
+// hnswlib's hand-vectorised build prefetches one link past the end of a list, a read out of
+// bounds; its plain build does not, and the compiler vectorises the distances well enough.
+#define NO_MANUAL_VECTORIZATION
+#include <hnswlib/hnswlib.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -59,7 +64,37 @@ struct Match {
 
 }  // namespace
 
-ImageFeatureIndex::ImageFeatureIndex(const std::vector<PosedFeatures>& frames) {
+// hnswlib's graph over the unit rows, inner product as similarity.
+class ApproximateSearch {
+ public:
+  ApproximateSearch(const std::vector<float>& matrix, size_t rows, size_t stride)
+      : space_(stride), graph_(&space_, rows, 12, 64, 0x5eed) {
+    for (size_t r = 0; r < rows; ++r) graph_.addPoint(matrix.data() + r * stride, r);
+    graph_.setEf(32);
+  }
+  std::pair<int, float> best(const float* unit) const {
+    auto found = graph_.searchKnn(unit, 1);
+    if (found.empty()) return {-1, -2.0f};
+    // The space's distance is 1 - inner product.
+    return {static_cast<int>(found.top().second), 1.0f - found.top().first};
+  }
+  size_t bytes(size_t rows) const { return rows * (graph_.size_data_per_element_ + 64); }
+
+ private:
+  hnswlib::InnerProductSpace space_;
+  hnswlib::HierarchicalNSW<float> graph_;
+};
+
+ImageFeatureIndex::~ImageFeatureIndex() = default;
+ImageFeatureIndex::ImageFeatureIndex(ImageFeatureIndex&&) noexcept = default;
+
+size_t ImageFeatureIndex::bytes() const {
+  return matrix_.capacity() * sizeof(float) + poses_.capacity() * sizeof(Mat4) +
+         (search_ ? search_->bytes(poses_.size()) : 0);
+}
+
+ImageFeatureIndex::ImageFeatureIndex(const std::vector<PosedFeatures>& frames,
+                                     size_t approximateFrom) {
   // The most common dimension wins; frames of another dimension cannot be compared.
   std::map<size_t, int> dims;
   for (const PosedFeatures& f : frames) {
@@ -79,6 +114,9 @@ ImageFeatureIndex::ImageFeatureIndex(const std::vector<PosedFeatures>& frames) {
     if (!normalise(f.features, row.data())) continue;
     matrix_.insert(matrix_.end(), row.begin(), row.end());
     poses_.push_back(f.cameraPose);
+  }
+  if (poses_.size() >= approximateFrom && stride_ > 0) {
+    search_ = std::make_unique<ApproximateSearch>(matrix_, poses_.size(), stride_);
   }
 }
 
@@ -101,13 +139,24 @@ std::pair<int, float> ImageFeatureIndex::best(const float* unitVector) const {
 }
 
 void ImageFeatureIndex::best4(const float* const v[4], std::pair<int, float> out[4]) const {
+  if (search_) {
+    for (int q = 0; q < 4; ++q) out[q] = search_->best(v[q]);
+    return;
+  }
   bestOfRows(matrix_.data(), size(), stride_, v, out);
 }
 
 LocalizerReport ImageMatcher::estimate(const ImageFeatureIndex& map,
                                        const std::vector<PosedFeatures>& session) const {
-  LocalizerReport report;
-  if (map.size() == 0 || session.empty()) return report;
+  std::vector<LocalizerReport> groups = proposals(map, session, 1);
+  return groups.empty() ? LocalizerReport{} : groups.front();
+}
+
+std::vector<LocalizerReport> ImageMatcher::proposals(const ImageFeatureIndex& map,
+                                                     const std::vector<PosedFeatures>& session,
+                                                     int maxGroups) const {
+  std::vector<LocalizerReport> out;
+  if (map.size() == 0 || session.empty()) return out;
 
   // Normalise the session once, then match four frames per pass over the map matrix.
   const size_t stride = map.stride();
@@ -126,12 +175,13 @@ LocalizerReport ImageMatcher::estimate(const ImageFeatureIndex& map,
     std::pair<int, float> found[4];
     map.best4(v, found);
     for (size_t q = 0; q < 4 && b + q < usable.size(); ++q) {
+      if (found[q].first < 0) continue;
       const PosedFeatures& f = session[usable[b + q]];
       const Mat4 t = multiply(f.cameraPose, rigidInverse(map.pose(found[q].first)));
       matches.push_back({found[q].second, f.frameId, reduceToPose4(t)});
     }
   }
-  if (matches.empty()) return report;
+  if (matches.empty()) return out;
 
   const size_t k = std::min(matches.size(), static_cast<size_t>(options_.topMatches));
   std::partial_sort(matches.begin(), matches.begin() + static_cast<std::ptrdiff_t>(k),
@@ -143,45 +193,55 @@ LocalizerReport ImageMatcher::estimate(const ImageFeatureIndex& map,
     return std::hypot(a.tx - b.tx, a.ty - b.ty, a.tz - b.tz) <= options_.agreeDistance &&
            std::abs(wrapAngle(a.theta - b.theta)) <= options_.agreeAngle;
   };
-  size_t winner = 0;
-  int winnerOthers = -1;
-  for (size_t i = 0; i < k; ++i) {
-    int others = 0;
+  // Groups one after the other: the largest among the votes not yet taken.
+  std::vector<char> taken(k);
+  for (int g = 0; g < maxGroups; ++g) {
+    size_t winner = k;
+    int winnerOthers = -1;
+    for (size_t i = 0; i < k; ++i) {
+      if (taken[i]) continue;
+      int others = 0;
+      for (size_t j = 0; j < k; ++j) {
+        if (j != i && !taken[j] && agree(matches[i].pose, matches[j].pose)) ++others;
+      }
+      if (others > winnerOthers) {
+        winnerOthers = others;
+        winner = i;
+      }
+    }
+    if (winner == k) break;
+    // The mean of the winner's group: translations averaged, angles on the circle.
+    double tx = 0, ty = 0, tz = 0, sn = 0, cs = 0, sim = 0;
+    std::vector<const Pose4*> group;
+    const Pose4 centre = matches[winner].pose;
     for (size_t j = 0; j < k; ++j) {
-      if (j != i && agree(matches[i].pose, matches[j].pose)) ++others;
+      if (taken[j] || (j != winner && !agree(centre, matches[j].pose))) continue;
+      taken[j] = 1;
+      const Pose4& p = matches[j].pose;
+      group.push_back(&p);
+      tx += p.tx;
+      ty += p.ty;
+      tz += p.tz;
+      sn += std::sin(p.theta);
+      cs += std::cos(p.theta);
+      sim += matches[j].similarity;
     }
-    if (others > winnerOthers) {
-      winnerOthers = others;
-      winner = i;
+    LocalizerReport report;
+    const double n = static_cast<double>(group.size());
+    report.transform = {tx / n, ty / n, tz / n, std::atan2(sn, cs)};
+    double spread = 0;
+    for (const Pose4* p : group) {
+      spread += std::pow(p->tx - report.transform.tx, 2) +
+                std::pow(p->ty - report.transform.ty, 2) + std::pow(p->tz - report.transform.tz, 2);
     }
+    report.inliers = static_cast<int>(group.size());
+    report.residual = std::sqrt(spread / n);
+    report.matchValue = n / options_.topMatches * (sim / n);
+    report.hypotheses = static_cast<int>(k);
+    report.found = report.inliers >= options_.minGroup;
+    out.push_back(report);
   }
-  // The mean of the winner's group: translations averaged, angles on the circle.
-  double tx = 0, ty = 0, tz = 0, sn = 0, cs = 0, sim = 0;
-  std::vector<const Pose4*> group;
-  for (size_t j = 0; j < k; ++j) {
-    if (j != winner && !agree(matches[winner].pose, matches[j].pose)) continue;
-    const Pose4& p = matches[j].pose;
-    group.push_back(&p);
-    tx += p.tx;
-    ty += p.ty;
-    tz += p.tz;
-    sn += std::sin(p.theta);
-    cs += std::cos(p.theta);
-    sim += matches[j].similarity;
-  }
-  const double n = static_cast<double>(group.size());
-  report.transform = {tx / n, ty / n, tz / n, std::atan2(sn, cs)};
-  double spread = 0;
-  for (const Pose4* p : group) {
-    spread += std::pow(p->tx - report.transform.tx, 2) + std::pow(p->ty - report.transform.ty, 2) +
-              std::pow(p->tz - report.transform.tz, 2);
-  }
-  report.inliers = static_cast<int>(group.size());
-  report.residual = std::sqrt(spread / n);
-  report.matchValue = n / options_.topMatches * (sim / n);
-  report.hypotheses = static_cast<int>(k);
-  report.found = report.inliers >= options_.minGroup;
-  return report;
+  return out;
 }
 
 }  // namespace omra::server

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "server/localizers/pose4.h"
@@ -25,11 +26,19 @@ struct ImageMatcherOptions {
   int minGroup = 3;
 };
 
+class ApproximateSearch;
+
 // Map frames, unit-normalised once into one flat matrix so that many sessions can be matched
-// against them cheaply. Immutable after construction; safe to share across threads.
+// against them cheaply; beyond approximateFrom frames a nearest-neighbour graph answers instead of
+// comparing with every frame, so that a run's cost grows with the session, not with the map.
+// Immutable after construction; safe to share across threads.
 class ImageFeatureIndex {
  public:
-  explicit ImageFeatureIndex(const std::vector<PosedFeatures>& frames);
+  static constexpr size_t kApproximateFrom = 4096;
+  explicit ImageFeatureIndex(const std::vector<PosedFeatures>& frames,
+                             size_t approximateFrom = kApproximateFrom);
+  ~ImageFeatureIndex();
+  ImageFeatureIndex(ImageFeatureIndex&&) noexcept;
 
   size_t size() const { return poses_.size(); }
   size_t dimension() const { return dim_; }
@@ -43,9 +52,12 @@ class ImageFeatureIndex {
   // vector or a different dimension.
   bool normalise(const std::vector<float>& v, float* out) const;
   size_t stride() const { return stride_; }
+  bool approximate() const { return static_cast<bool>(search_); }
+  size_t bytes() const;
 
  private:
   size_t dim_ = 0, stride_ = 0;
+  std::unique_ptr<ApproximateSearch> search_;
   std::vector<float> matrix_;  // size() rows of stride_ floats
   std::vector<Mat4> poses_;
 };
@@ -56,6 +68,11 @@ class ImageMatcher {
 
   LocalizerReport estimate(const ImageFeatureIndex& map,
                            const std::vector<PosedFeatures>& session) const;
+  // The best groups of agreeing matches, best first, each as estimate() reports one (found when it
+  // holds enough): hypotheses for a check against the scene, not answers.
+  std::vector<LocalizerReport> proposals(const ImageFeatureIndex& map,
+                                         const std::vector<PosedFeatures>& session,
+                                         int maxGroups) const;
 
  private:
   ImageMatcherOptions options_;

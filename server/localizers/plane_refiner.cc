@@ -36,8 +36,8 @@ std::vector<WallPair> pairWalls(const Pose4& pose, const std::vector<PlaneObserv
   return pairs;
 }
 
-// The heading of a set of walls modulo a quarter turn: the circular mean of four times each
-// wall's heading. None unless every wall lies within maxSpread of it (the room is rectangular).
+}  // namespace
+
 std::optional<double> manhattanHeading(const std::vector<PlaneObservation>& planes,
                                        double maxSpread) {
   double sinSum = 0, cosSum = 0;
@@ -55,8 +55,6 @@ std::optional<double> manhattanHeading(const std::vector<PlaneObservation>& plan
   }
   return mean;
 }
-
-}  // namespace
 
 bool PlaneRefiner::canFix(const std::vector<PlaneObservation>& planes) const {
   for (const PlaneObservation& a : planes) {

@@ -39,6 +39,12 @@ struct PlaneRefinement {
   bool manhattan = false;  // the heading came from all walls of a right-angled room
 };
 
+// The heading of a set of walls modulo a quarter turn: the circular mean of four times each
+// wall's heading. None unless every wall lies within maxSpread (radians) of it (the room is
+// rectangular).
+std::optional<double> manhattanHeading(const std::vector<PlaneObservation>& planes,
+                                       double maxSpread);
+
 class PlaneRefiner {
  public:
   // True when the planes hold walls of two directions, so that refine() can fix a transform fully.

@@ -1,97 +1,341 @@
-// A localizer run that reads nothing says so in the server's log, naming the localizer, the session
-// and the map, instead of passing for a run that merely found no transform.
+// The localizer jobs as the server runs them: records in a store, proposals checked against both
+// sessions' geometry, results written only when verified; the map index kept between runs.
 #include "server/localizer_jobs.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <mutex>
-#include <string>
-#include <vector>
+#include <cmath>
+#include <numbers>
 
-#include "tests/server/service_testutil.h"
+#include "server/localizers/joint_refiner.h"
+#include "server/localizers/map_index_cache.h"
+#include "server/server_tables.h"
+#include "server/session_records.h"
+#include "src/cloud/detected_plane_model.h"
+#include "src/cloud/image_features_model.h"
+#include "src/cloud/point_cloud_model.h"
+#include "src/cloud/record_item.h"
+#include "src/cloud/scene_understanding_model.h"
+#include "src/platform/store/memory_record_store.h"
+#include "tests/server/server_testutil.h"
 
 namespace omra::server {
 namespace {
 
-using testing::kAccountA;
+using testing::SceneRecords;
+using testing::SyntheticRoom;
 
-// The service's log lines, from its job thread.
-class LogLines {
- public:
-  std::function<void(std::string_view)> sink() {
-    return [this](std::string_view line) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(line);
-    };
+constexpr double kDeg = std::numbers::pi / 180;
+const Pose4 kTruth{0.9, 0.03, -1.3, 2.2};
+
+double translationError(const Pose4& a, const Pose4& b) {
+  return std::hypot(a.tx - b.tx, a.ty - b.ty, a.tz - b.tz);
+}
+
+// One store with the server's tables, a map written under "map" and sessions under any name.
+class JobsTest : public ::testing::Test {
+ protected:
+  JobsTest() : maps_(store_) { EXPECT_FALSE(createAllTables(store_)); }
+
+  void write(const std::string& id, const SceneRecords& scene) {
+    testing::writeScene(store_, id, scene);
   }
-  std::vector<std::string> warnings() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> out;
-    std::copy_if(lines_.begin(), lines_.end(), std::back_inserter(out),
-                 [](const std::string& l) { return l.rfind(kWarningPrefix, 0) == 0; });
-    return out;
+  // The session of `room` seen from kTruth, image features alike to the map's frames.
+  SceneRecords sessionOf(const SyntheticRoom& room, const SyntheticRoom& mapRoom, bool points,
+                         uint64_t seed) {
+    SceneRecords s;
+    s.evidence = testing::carried(room.evidence, kTruth, 0.01, seed);
+    if (!points) s.evidence.points.clear();
+    s.frames = testing::reseen(mapRoom.frames, kTruth, 0.05, 0.2, seed + 1);
+    return s;
+  }
+  JobOutcome run(const std::string& localizer, const std::string& session,
+                 const std::string& map = "map") {
+    return runLocalizer(maps_, localizer, map, session, options_);
+  }
+  std::optional<Pose4> written(const std::string& session, const std::string& localizer,
+                               double* matchValue = nullptr) {
+    std::optional<StoreError> e;
+    auto best = maps_.bestTransform(session, localizer, &e);
+    if (!best || !best->transform) return std::nullopt;
+    if (matchValue) *matchValue = std::stod(*best->matchValue);
+    return Pose4::parse(*best->transform);
   }
 
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  MemoryRecordStore store_;
+  MapStore maps_;
+  LocalizerOptions options_;
 };
 
-TEST(LocalizerJobs, WarnWhenARunReadsNoFrames) {
+// The image matcher finds views alike in another room just as in the right one; only the right
+// room may get a result, from any localizer, with or without feature points.
+TEST_F(JobsTest, WritesOnlyWhereBothSessionsGeometryAgrees) {
+  struct Case {
+    uint64_t mapSeed, sessionSeed;
+    bool points;
+  };
+  const Case cases[] = {{1, 1, false},   {1, 2, false},  {3, 4, false}, {5, 6, false},
+                        {7, 8, false},   {2, 2, true},   {2, 9, true},  {4, 11, true},
+                        {12, 13, false}, {14, 15, false}};
+  int sessionNumber = 0;
+  for (const Case& c : cases) {
+    const bool sameRoom = c.mapSeed == c.sessionSeed;
+    SCOPED_TRACE(::testing::Message() << "map room " << c.mapSeed << ", session room "
+                                      << c.sessionSeed << (c.points ? ", points" : ""));
+    options_.cache = std::make_shared<MapIndexCache>();
+    const SyntheticRoom mapRoom = testing::makeSyntheticRoom(c.mapSeed);
+    SceneRecords map{mapRoom.evidence, mapRoom.frames};
+    if (!c.points) map.evidence.points.clear();
+    const std::string mapId = "map-" + std::to_string(++sessionNumber);
+    write(mapId, map);
+    const std::string session = "session-" + std::to_string(sessionNumber);
+    write(session, sessionOf(testing::makeSyntheticRoom(c.sessionSeed), mapRoom, c.points,
+                             100 + c.sessionSeed));
+
+    const JobOutcome image = run(kImageMatcher, session, mapId);
+    ASSERT_FALSE(image.error) << image.error->message;
+    // The views alone agree in both rooms: only the check tells them apart.
+    EXPECT_TRUE(image.report.found) << image.summary;
+    EXPECT_LT(translationError(image.report.transform, kTruth), 0.01);
+    const JobOutcome su = run(kSuLocalizer, session, mapId);
+    const JobOutcome seeded = run(kSuLocalizerSeeded, session, mapId);
+    for (const char* localizer : {kImageMatcher, kSuLocalizer, kSuLocalizerSeeded}) {
+      SCOPED_TRACE(localizer);
+      double value = 0;
+      const std::optional<Pose4> got = written(session, localizer, &value);
+      if (!sameRoom) {
+        EXPECT_FALSE(got) << image.summary << "\n" << su.summary << "\n" << seeded.summary;
+        continue;
+      }
+      ASSERT_TRUE(got) << image.summary << "\n" << su.summary << "\n" << seeded.summary;
+      EXPECT_LT(translationError(*got, kTruth), 0.02);
+      EXPECT_LT(std::fabs(wrapAngle(got->theta - kTruth.theta)), 0.3 * kDeg);
+      // The kit takes scene-understanding answers from 0.55 on.
+      EXPECT_GT(value, 0.55);
+    }
+    EXPECT_EQ(image.wrote, sameRoom) << image.summary;
+  }
+}
+
+// Nothing usable, or one side empty: no result and no crash.
+TEST_F(JobsTest, SessionsWithNothingUsableEndWithoutResult) {
+  const SyntheticRoom room = testing::makeSyntheticRoom(21);
+  write("map", {room.evidence, room.frames});
+  // Only records that contradict themselves.
+  Item object = SceneUnderstandingModel("empty", 1, 1, 0, 0, "cup", 0.9f, 4, true).toItem();
+  object.erase("ObjectName");
+  ASSERT_FALSE(store_.put(SceneUnderstandingModel::kTableName, withRecordId(object, 1)));
+  store_.put(
+      ImageFeaturesModel::kTableName,
+      withRecordId(ImageFeaturesModel("empty", 7, std::vector<double>(64, 0.5)).toItem(), 2));
+  for (const char* localizer : {kImageMatcher, kSuLocalizer}) {
+    SCOPED_TRACE(localizer);
+    for (const char* session : {"empty", "never-written"}) {
+      const JobOutcome out = run(localizer, session);
+      EXPECT_FALSE(out.error);
+      EXPECT_FALSE(out.wrote) << out.summary;
+      EXPECT_FALSE(written(session, localizer));
+    }
+  }
+  // An empty map behaves the same.
+  const JobOutcome out = runLocalizer(maps_, kImageMatcher, "no-such-map", "empty", options_);
+  EXPECT_FALSE(out.wrote);
+}
+
+// Records that contradict themselves are left out and counted in the run's log line; the rest
+// still gives the right answer.
+TEST_F(JobsTest, ContradictingRecordsAreSkippedAndCounted) {
+  const SyntheticRoom room = testing::makeSyntheticRoom(31);
+  write("map", {room.evidence, room.frames});
+  write("s", sessionOf(room, room, true, 5));
+  int64_t recordId = 1000;
+  auto put = [&](const char* table, const Item& item) {
+    ASSERT_FALSE(store_.put(table, withRecordId(item, ++recordId)));
+  };
+  // An object without position, a frame without pose, a plane without normal, a point that is
+  // not a number.
+  Item object = SceneUnderstandingModel("s", 3, 1, 2, 0, "cup", 0.9f, 77, true).toItem();
+  object.erase("PositionY");
+  put(SceneUnderstandingModel::kTableName, object);
+  put(ImageFeaturesModel::kTableName,
+      ImageFeaturesModel("s", -50, std::vector<double>(64, 0.25)).toItem());
+  put(DetectedPlaneModel::kTableName, DetectedPlaneModel("s", 5, "flat", "vertical", "", true,
+                                                         "1,0,0,0,0,0,0,0,0,0,1,0,0.5,1,2,1", false)
+                                          .toItem());
+  put(PointCloudModel::kTableName,
+      PointCloudModel("s", 180, {{180, {1}}}, {{1, {std::nanf(""), 0, 0}}}).toItem());
+  const JobOutcome out = run(kImageMatcher, "s");
+  EXPECT_NE(out.summary.find("skipped 4 contradicting record(s)"), std::string::npos)
+      << out.summary;
+  for (const char* what : {"1 object", "1 frame", "1 plane", "1 point"}) {
+    EXPECT_NE(out.summary.find(what), std::string::npos) << what << ": " << out.summary;
+  }
+  ASSERT_TRUE(out.wrote) << out.summary;
+  EXPECT_LT(translationError(*written("s", kImageMatcher), kTruth), 0.02);
+}
+
+// The map is read once and reused; a new map record makes the next run read it again; a cache
+// too small for any map keeps none.
+TEST_F(JobsTest, MapIndexIsBuiltOnceAndRebuiltWhenTheMapGrows) {
+  const SyntheticRoom room = testing::makeSyntheticRoom(41);
+  write("map", {room.evidence, room.frames});
+  write("s", sessionOf(room, room, false, 7));
+  options_.cache = std::make_shared<MapIndexCache>();
+  struct Step {
+    const char* name;
+    bool addMapRecord;
+    bool expectBuilt;
+  };
+  const Step steps[] = {{"first run", false, true},
+                        {"second run", false, false},
+                        {"after a new map record", true, true},
+                        {"again", false, false}};
+  size_t landmarks = room.evidence.landmarks.size();
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.name);
+    if (step.addMapRecord) {
+      ++landmarks;
+      ASSERT_FALSE(store_.put(SceneUnderstandingModel::kTableName,
+                              withRecordId(SceneUnderstandingModel("map", 999, 0.1f, 0.2f, 0.3f,
+                                                                   "vase", 0.9f, 4242, false)
+                                               .toItem(),
+                                           50'000)));
+    }
+    bool built = false;
+    std::optional<StoreError> e;
+    auto index = options_.cache->get(store_, "map", &e, &built);
+    ASSERT_TRUE(index);
+    EXPECT_EQ(built, step.expectBuilt);
+    EXPECT_EQ(index->evidence().landmarks.size(), landmarks);
+    const JobOutcome out = run(kSuLocalizer, "s");
+    EXPECT_NE(out.summary.find("map index reused"), std::string::npos) << out.summary;
+    EXPECT_TRUE(out.wrote) << out.summary;
+  }
+  EXPECT_EQ(options_.cache->entries(), 1u);
+  MapIndexCache tiny(1);
+  bool built = false;
+  std::optional<StoreError> e;
+  EXPECT_TRUE(tiny.get(store_, "map", &e, &built));
+  EXPECT_TRUE(built);
+  EXPECT_EQ(tiny.entries(), 0u);
+  EXPECT_EQ(tiny.bytes(), 0u);
+}
+
+// The match value falls as the evidence gets noisier or scarcer, and the predicted error is of
+// the size of the real one.
+TEST(JointRefiner, MatchValuePredictsTheError) {
   struct Case {
     const char* name;
-    const char* localizer;
-    bool mapRecords, sessionRecords;
-    const char* warning;  // how the line ends its "read no frames of ..."; nullptr: no warning
+    double noise;
+    int landmarks;
+    bool planes;
   };
-  const Case cases[] = {
-      {"session records never arrived", kImageMatcher, true, false, "the session;"},
-      {"map recorded nothing", kImageMatcher, false, true, "the map;"},
-      {"neither", kImageMatcher, false, false, "the session or of the map;"},
-      {"both there", kImageMatcher, true, true, nullptr},
-      {"objects: session records never arrived", kSuLocalizer, true, false, "the session;"},
-      {"objects: map recorded nothing", kSuLocalizer, false, true, "the map;"},
-      {"objects: both there", kSuLocalizer, true, true, nullptr},
-  };
+  const Case cases[] = {{"dense, planes", 0.005, 20, true},
+                        {"dense, noisy", 0.03, 20, true},
+                        {"few objects, planes", 0.01, 4, true},
+                        {"few objects, no planes", 0.03, 4, false}};
+  double lastValue = 2;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    LogLines log;
-    MapServiceOptions options;
-    options.log = log.sink();
-    testing::ServiceHarness h(std::move(options));
-    const std::string map = h.createMap(kAccountA, "hall");
-    const std::string session = h.openSession(kAccountA, "hall");
-    ASSERT_FALSE(map.empty() || session.empty());
-    int64_t recordId = 1;
-    for (const auto& [id, wanted] : {std::pair{map, c.mapRecords}, {session, c.sessionRecords}}) {
-      if (!wanted) continue;
-      const Answer a = h.post(kAccountA, "/prod/records/batch_write",
-                              testing::batchJson(testing::oneOfEachRecord(id, recordId)));
-      ASSERT_EQ(a.status, 200) << a.body.dump();
-      recordId += 5;
-    }
-    const Answer a = c.localizer == std::string(kImageMatcher)
-                         ? h.post(kAccountA, "/prod/full-image-matcher", Json{{"uuid", session}})
-                         : h.post(kAccountA, "/prod/linear-optimizer/initial_transforms",
-                                  Json{{"mapping_session_id", map},
-                                       {"localization_session_id", session},
-                                       {"is_seeded", false}});
-    ASSERT_EQ(a.status, 200) << a.body.dump();
-    h.jobs().waitIdle();
-
-    const std::vector<std::string> warnings = log.warnings();
-    if (!c.warning) {
-      EXPECT_TRUE(warnings.empty()) << warnings.front();
-      continue;
-    }
-    ASSERT_EQ(warnings.size(), 1u);
-    const std::string& w = warnings.front();
-    EXPECT_NE(w.find(c.localizer), std::string::npos) << w;
-    EXPECT_NE(w.find("session " + session), std::string::npos) << w;
-    EXPECT_NE(w.find("map " + map), std::string::npos) << w;
-    EXPECT_NE(w.find(std::string("read no frames of ") + c.warning), std::string::npos) << w;
+    SyntheticRoom room = testing::makeSyntheticRoom(51, c.landmarks);
+    room.evidence.points.clear();
+    if (!c.planes) room.evidence.planes.clear();
+    const SceneEvidence session = testing::carried(room.evidence, kTruth, c.noise, 52);
+    const Pose4 rough{kTruth.tx + 0.15, kTruth.ty, kTruth.tz - 0.1, kTruth.theta + 3 * kDeg};
+    const JointResult r = JointRefiner().refine(rough, room.evidence, PointGrid(), session);
+    ASSERT_TRUE(r.verified) << r.why;
+    EXPECT_LT(r.matchValue, lastValue);
+    lastValue = r.matchValue;
+    // The error of an asset two metres out.
+    const double actual = std::hypot(translationError(r.transform, kTruth),
+                                     2 * wrapAngle(r.transform.theta - kTruth.theta));
+    EXPECT_LT(actual, 3 * r.predictedError + 0.002);
+    EXPECT_GT(4 * actual + 0.01, r.predictedError);
   }
+}
+
+// One moved chair, one misplaced wall or a wrong floor height cannot pull the answer.
+TEST(JointRefiner, OneBadConstraintCannotPullTheResult) {
+  struct Case {
+    const char* name;
+    int plane = -1;  // which plane to move
+    double planeShift = 0;
+    int landmark = -1;
+    double landmarkShift = 0;
+  };
+  const Case cases[] = {{"none"},
+                        {"wall 10 cm off", 0, 0.1},
+                        {"floor 15 cm off", 4, 0.15},
+                        {"chair moved 20 cm", -1, 0, 2, 0.2}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SyntheticRoom room = testing::makeSyntheticRoom(61, 12);
+    room.evidence.points.clear();
+    SceneEvidence session = testing::carried(room.evidence, kTruth, 0.002, 62);
+    if (c.plane >= 0) {
+      PlaneObservation& p = session.planes[static_cast<size_t>(c.plane)];
+      for (size_t k = 0; k < 3; ++k) p.origin[k] += c.planeShift * p.normal[k];
+    }
+    if (c.landmark >= 0)
+      session.landmarks[static_cast<size_t>(c.landmark)].position[0] += c.landmarkShift;
+    const Pose4 rough{kTruth.tx - 0.2, kTruth.ty + 0.05, kTruth.tz + 0.2, kTruth.theta - 4 * kDeg};
+    const JointResult r = JointRefiner().refine(rough, room.evidence, PointGrid(), session);
+    ASSERT_TRUE(r.verified) << r.why;
+    EXPECT_LT(translationError(r.transform, kTruth), 0.015);
+    EXPECT_LT(std::fabs(wrapAngle(r.transform.theta - kTruth.theta)), 0.3 * kDeg);
+  }
+}
+
+TEST(ImageFeatureIndex, ApproximateSearchFindsWhatTheFullScanFinds) {
+  const auto map = testing::makeFrames(3000, 48, 71);
+  const ImageFeatureIndex exact(map, map.size() + 1), approximate(map, 1);
+  ASSERT_FALSE(exact.approximate());
+  ASSERT_TRUE(approximate.approximate());
+  const auto session = testing::reseen(map, kTruth, 0.05, 0, 72);
+  std::vector<float> unit(exact.stride());
+  int same = 0, total = 0;
+  for (size_t i = 0; i < session.size(); i += 7) {
+    ASSERT_TRUE(exact.normalise(session[i].features, unit.data()));
+    const auto want = exact.best(unit.data());
+    const auto got = approximate.best(unit.data());
+    EXPECT_NEAR(got.second, want.second, 1e-4f * (got.first == want.first));
+    same += got.first == want.first;
+    ++total;
+  }
+  EXPECT_GE(same, total * 95 / 100);
+}
+
+TEST(SessionRecords, ParsesPointText) {
+  struct Case {
+    const char* text;
+    int points;  // -1: refused
+  };
+  const Case cases[] = {{"{}", 0},
+                        {"{99:[0.5,-1.25,2]}", 1},
+                        {"{1:[1,2,3],2:[4,5,6]}", 2},
+                        {"{3:[nan,0,0]}", 1},  // kept for the reader to count
+                        {"", -1},
+                        {"{", -1},
+                        {"{1:[1,2]}", -1},
+                        {"{1:[1,2,3,4]}", -1},
+                        {"{1:[1,2,3]", -1},
+                        {"{1:[1,2,3]}x", -1},
+                        {"{-1:[1,2,3]}", -1},
+                        {"{1:[1,2,3],}", -1},
+                        {"{1;[1,2,3]}", -1}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const auto got = parsePointText(c.text);
+    ASSERT_EQ(got.has_value(), c.points >= 0);
+    if (got) {
+      EXPECT_EQ(static_cast<int>(got->size()), c.points);
+    }
+  }
+  const auto two = parsePointText("{7:[1.5,-2,3.25],8:[0,0,1e-3]}");
+  ASSERT_TRUE(two);
+  EXPECT_EQ((*two)[0].first, 7u);
+  EXPECT_EQ((*two)[0].second, (Vec3{1.5, -2, 3.25}));
+  EXPECT_EQ((*two)[1].second, (Vec3{0, 0, 1e-3}));
 }
 
 }  // namespace

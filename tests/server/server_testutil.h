@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "omrakit/platform/record_store.h"
 #include "server/localizers/image_matcher.h"
+#include "server/localizers/joint_refiner.h"
 #include "server/localizers/su_localizer.h"
 
 namespace omra::server::testing {
@@ -31,5 +33,32 @@ std::vector<PosedFeatures> makeFrames(int n, int dim, uint64_t seed);
 // N(0, featureNoise) added; every k-th of them (k = 1/wrongShare) gets a random vector instead.
 std::vector<PosedFeatures> reseen(const std::vector<PosedFeatures>& map, const Pose4& pose,
                                   double featureNoise, double wrongShare, uint64_t seed);
+
+// The shell of a width x depth room centred on the origin (four walls facing in, the floor at
+// y = 0), and feature points on it and on the landmarks (a small cluster around each), carried by
+// pose.
+std::vector<PlaneObservation> roomShell(double width, double depth, const Pose4& pose);
+std::vector<Vec3> roomPoints(double width, double depth, const std::vector<Landmark>& landmarks,
+                             const Pose4& pose, uint64_t seed);
+
+// Evidence as SceneEvidence carried by pose (landmarks, planes and points), positions moved by
+// N(0, noise).
+SceneEvidence carried(const SceneEvidence& scene, const Pose4& pose, double noise, uint64_t seed);
+
+// A session as the kit records it: objects (three sightings each), image features with the
+// camera path, planes and (when given) feature points, under sessionId, record ids from 1.
+struct SceneRecords {
+  SceneEvidence evidence;
+  std::vector<PosedFeatures> frames;
+};
+void writeScene(RecordStore& store, const std::string& sessionId, const SceneRecords& scene);
+
+// The room seed makes: landmarks, shell and points in the room's own frame, and frames.
+struct SyntheticRoom {
+  double width = 0, depth = 0;
+  SceneEvidence evidence;
+  std::vector<PosedFeatures> frames;
+};
+SyntheticRoom makeSyntheticRoom(uint64_t seed, int landmarks = 16, int frames = 60);
 
 }  // namespace omra::server::testing

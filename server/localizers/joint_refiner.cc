@@ -1,0 +1,308 @@
+#include "server/localizers/joint_refiner.h"
+
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <optional>
+
+namespace omra::server {
+namespace {
+
+using Vec4 = Eigen::Vector4d;
+using Mat4x4 = Eigen::Matrix4d;
+
+double dot(const Vec3& a, const Vec3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+double dist2(const Vec3& a, const Vec3& b) {
+  return (a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
+         (a[2] - b[2]) * (a[2] - b[2]);
+}
+
+// Session point -> map frame: R^T (s - t).
+Vec3 toMap(const Pose4& pose, const Vec3& s) {
+  const Vec3 d{s[0] - pose.tx, s[1] - pose.ty, s[2] - pose.tz};
+  return Pose4{0, 0, 0, -pose.theta}.apply(d);
+}
+
+// d(R m)/d(theta).
+Vec3 turnDerivative(double theta, const Vec3& m) {
+  const double c = std::cos(theta), s = std::sin(theta);
+  return {-s * m[0] + c * m[2], 0, -c * m[0] - s * m[2]};
+}
+
+// Accumulates weighted least-squares terms with a Cauchy loss, so that one moved chair or one
+// misplaced wall costs little once it disagrees with the rest.
+struct Normal {
+  Mat4x4 h = Mat4x4::Zero();
+  Vec4 g = Vec4::Zero();
+  // One residual r with Jacobian j, noise sigma.
+  void add(double r, const Vec4& j, double sigma) {
+    const double u = r / sigma;
+    const double w = 1.0 / (1.0 + u * u / 4.0);
+    h += w * j * j.transpose() / (sigma * sigma);
+    g += w * j * r / (sigma * sigma);
+  }
+  // A 3-vector residual t + R m - s sharing one robust weight.
+  void addPoint(const Pose4& pose, const Vec3& m, const Vec3& s, double sigma) {
+    const Vec3 p = pose.apply(m);
+    const Vec3 r{p[0] - s[0], p[1] - s[1], p[2] - s[2]};
+    const double u2 = dot(r, r) / (sigma * sigma);
+    const double w = 1.0 / (1.0 + u2 / 4.0);
+    const Vec3 dt = turnDerivative(pose.theta, m);
+    for (int k = 0; k < 3; ++k) {
+      Vec4 j = Vec4::Zero();
+      j[k] = 1;
+      j[3] = dt[static_cast<size_t>(k)];
+      h += w * j * j.transpose() / (sigma * sigma);
+      g += w * j * r[static_cast<size_t>(k)] / (sigma * sigma);
+    }
+  }
+};
+
+struct Pairs {
+  std::vector<std::pair<int, int>> objects;  // (map, session)
+  std::vector<std::pair<const PlaneObservation*, const PlaneObservation*>> walls, floors;
+  std::vector<std::pair<Vec3, Vec3>> points;  // (map, session)
+  int objectsNear = 0, pointsNear = 0;
+  int wallsDisagreeing = 0;
+};
+
+class Problem {
+ public:
+  Problem(const SceneEvidence& map, const PointGrid& grid, const SceneEvidence& session,
+          const JointRefinerOptions& o)
+      : map_(map), grid_(grid), session_(session), o_(o) {
+    // A bounded, evenly spread share of the session's points keeps a run's cost flat.
+    const size_t n = session.points.size();
+    const size_t step = std::max<size_t>(1, n / 1500);
+    for (size_t i = 0; i < n; i += step) sessionPoints_.push_back(session.points[i]);
+    // In a rectangular room every wall of each session, paired or not, tells the heading modulo
+    // a quarter turn; their means are steadier than any one wall.
+    const double spread = 3 * std::numbers::pi / 180;
+    mapFrame_ = manhattanHeading(map.planes, spread);
+    sessionFrame_ = manhattanHeading(session.planes, spread);
+    int nm = 0, ns = 0;
+    for (const PlaneObservation& p : map.planes) nm += p.vertical;
+    for (const PlaneObservation& p : session.planes) ns += p.vertical;
+    if (nm > 0 && ns > 0) frameSigma_ = o.wallHeadingSigma * std::sqrt(1.0 / nm + 1.0 / ns);
+  }
+
+  size_t sessionPointCount() const { return sessionPoints_.size(); }
+
+  Pairs associate(const Pose4& pose, double objectGate, double wallGate, double pointGate) const {
+    Pairs out;
+    // Objects: one-to-one pairs of equal label, nearest first.
+    struct Near {
+      double d2;
+      int i, j;
+    };
+    std::vector<Near> near;
+    const double gate2 = objectGate * objectGate;
+    const double wide2 = o_.objectGateWide * o_.objectGateWide;
+    std::vector<char> sessionNear(session_.landmarks.size());
+    for (size_t i = 0; i < map_.landmarks.size(); ++i) {
+      const Vec3 p = pose.apply(map_.landmarks[i].position);
+      for (size_t j = 0; j < session_.landmarks.size(); ++j) {
+        const double d2 = dist2(p, session_.landmarks[j].position);
+        if (d2 <= wide2) sessionNear[j] = 1;
+        if (d2 > gate2 || map_.landmarks[i].label != session_.landmarks[j].label) continue;
+        near.push_back({d2, static_cast<int>(i), static_cast<int>(j)});
+      }
+    }
+    for (char c : sessionNear) out.objectsNear += c;
+    std::sort(near.begin(), near.end(), [](const Near& a, const Near& b) {
+      return a.d2 != b.d2 ? a.d2 < b.d2 : (a.i != b.i ? a.i < b.i : a.j < b.j);
+    });
+    std::vector<char> usedMap(map_.landmarks.size()), usedSession(session_.landmarks.size());
+    for (const Near& n : near) {
+      if (usedMap[static_cast<size_t>(n.i)] || usedSession[static_cast<size_t>(n.j)]) continue;
+      usedMap[static_cast<size_t>(n.i)] = usedSession[static_cast<size_t>(n.j)] = 1;
+      out.objects.emplace_back(n.i, n.j);
+    }
+    // Walls: each session wall with the map wall the pose lays closest onto it; horizontal planes
+    // by height.
+    const double minCos = std::cos(o_.wallAngleGate);
+    for (const PlaneObservation& s : session_.planes) {
+      const PlaneObservation* best = nullptr;
+      double bestOffset = s.vertical ? wallGate : o_.floorGate;
+      for (const PlaneObservation& m : map_.planes) {
+        if (m.vertical != s.vertical) continue;
+        const Vec3 moved = pose.apply(m.origin);
+        double offset;
+        if (s.vertical) {
+          if (dot(Pose4{0, 0, 0, pose.theta}.apply(m.normal), s.normal) < minCos) continue;
+          offset = std::fabs(dot(
+              {moved[0] - s.origin[0], moved[1] - s.origin[1], moved[2] - s.origin[2]}, s.normal));
+        } else {
+          offset = std::fabs(moved[1] - s.origin[1]);
+        }
+        if (offset < bestOffset) bestOffset = offset, best = &m;
+      }
+      if (!best && s.vertical) {
+        // A map wall facing the same way but well away from this one: the rooms differ.
+        for (const PlaneObservation& m : map_.planes) {
+          if (!m.vertical || dot(Pose4{0, 0, 0, pose.theta}.apply(m.normal), s.normal) < minCos) {
+            continue;
+          }
+          const Vec3 moved = pose.apply(m.origin);
+          if (std::fabs(
+                  dot({moved[0] - s.origin[0], moved[1] - s.origin[1], moved[2] - s.origin[2]},
+                      s.normal)) > o_.wallConflict) {
+            ++out.wallsDisagreeing;
+            break;
+          }
+        }
+      }
+      if (!best) continue;
+      (s.vertical ? out.walls : out.floors).emplace_back(best, &s);
+    }
+    // Points: each session point with the nearest map point.
+    if (grid_.size() > 0) {
+      const double reach = std::min(grid_.cell(), std::max(pointGate, o_.pointGateWide));
+      for (const Vec3& s : sessionPoints_) {
+        const Vec3 m = toMap(pose, s);
+        std::optional<Vec3> q = grid_.nearest(m, reach);
+        if (!q) continue;
+        ++out.pointsNear;
+        if (dist2(*q, m) <= pointGate * pointGate) out.points.emplace_back(*q, s);
+      }
+    }
+    return out;
+  }
+
+  // One Gauss-Newton step over the pairs; the normal matrix is left in *info.
+  Pose4 step(const Pose4& pose, const Pose4& rough, const Pairs& pairs, Mat4x4* info) const {
+    Normal n;
+    for (auto [i, j] : pairs.objects) {
+      n.addPoint(pose, map_.landmarks[static_cast<size_t>(i)].position,
+                 session_.landmarks[static_cast<size_t>(j)].position, o_.objectSigma);
+    }
+    for (auto [m, s] : pairs.walls) {
+      const Vec3 moved = pose.apply(m->origin);
+      const Vec3& nn = s->normal;
+      const double r =
+          dot({moved[0] - s->origin[0], moved[1] - s->origin[1], moved[2] - s->origin[2]}, nn);
+      const Vec3 dt = turnDerivative(pose.theta, m->origin);
+      n.add(r, Vec4(nn[0], nn[1], nn[2], dot(nn, dt)), o_.wallSigma);
+      const double turn = heading(s->normal) - heading(m->normal);
+      n.add(wrapAngle(pose.theta - turn), Vec4(0, 0, 0, 1), o_.wallHeadingSigma);
+    }
+    for (auto [m, s] : pairs.floors) {
+      n.add(pose.ty + m->origin[1] - s->origin[1], Vec4(0, 1, 0, 0), o_.floorSigma);
+    }
+    for (const auto& [m, s] : pairs.points) n.addPoint(pose, m, s, o_.pointSigma);
+    // A weak pull towards the hypothesis keeps directions no evidence fixes where they were.
+    const double prior = 1.0;
+    n.add(pose.tx - rough.tx, Vec4(1, 0, 0, 0), prior);
+    n.add(pose.ty - rough.ty, Vec4(0, 1, 0, 0), prior);
+    n.add(pose.tz - rough.tz, Vec4(0, 0, 1, 0), prior);
+    n.add(wrapAngle(pose.theta - rough.theta), Vec4(0, 0, 0, 1), prior);
+    if (info) *info = n.h;
+    const Vec4 delta = n.h.ldlt().solve(-n.g);
+    if (!delta.allFinite()) return pose;
+    return {pose.tx + delta[0], pose.ty + delta[1], pose.tz + delta[2],
+            wrapAngle(pose.theta + delta[3])};
+  }
+
+ private:
+  const SceneEvidence& map_;
+  const PointGrid& grid_;
+  const SceneEvidence& session_;
+  const JointRefinerOptions& o_;
+  std::vector<Vec3> sessionPoints_;
+  std::optional<double> mapFrame_, sessionFrame_;
+  double frameSigma_ = 1;
+};
+
+bool hasTwoWallDirections(const std::vector<const PlaneObservation*>& walls) {
+  for (const PlaneObservation* a : walls) {
+    for (const PlaneObservation* b : walls) {
+      if (std::fabs(a->normal[0] * b->normal[2] - a->normal[2] * b->normal[0]) >= 0.5) return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
+                                 const PointGrid& mapPoints, const SceneEvidence& session) const {
+  const JointRefinerOptions& o = options_;
+  Problem problem(map, mapPoints, session, o);
+  JointResult out;
+  Pose4 pose = rough;
+  // Gates shrink over the first half of the rounds, then stay narrow while the pose settles.
+  auto gate = [&](int round, double wide, double narrow) {
+    const int half = std::max(1, o.rounds / 2);
+    const double f = std::min(1.0, static_cast<double>(round) / half);
+    return wide + (narrow - wide) * f;
+  };
+  for (int round = 0; round < o.rounds; ++round) {
+    const Pairs pairs = problem.associate(pose, gate(round, o.objectGateWide, o.objectGate),
+                                          gate(round, o.wallGateWide, o.wallGate),
+                                          gate(round, o.pointGateWide, o.pointGate));
+    for (int inner = 0; inner < 2; ++inner) pose = problem.step(pose, rough, pairs, nullptr);
+  }
+  const Pairs pairs = problem.associate(pose, o.objectGate, o.wallGate, o.pointGate);
+  Mat4x4 info;
+  pose = problem.step(pose, rough, pairs, &info);
+  out.transform = pose;
+  out.objects = static_cast<int>(pairs.objects.size());
+  out.objectsNear = pairs.objectsNear;
+  out.walls = static_cast<int>(pairs.walls.size());
+  out.wallsDisagreeing = pairs.wallsDisagreeing;
+  out.horizontal = static_cast<int>(pairs.floors.size());
+  out.points = static_cast<int>(pairs.points.size());
+  out.pointsNear = pairs.pointsNear;
+  std::vector<const PlaneObservation*> sessionWalls;
+  for (auto [m, s] : pairs.walls) sessionWalls.push_back(s);
+  out.bothWays = hasTwoWallDirections(sessionWalls);
+
+  // Predicted error: the spread the evidence leaves, as the inverse of the normal matrix says,
+  // for an asset leverArm from the origin; disagreeing evidence widens it.
+  double rss = 0;
+  int terms = 0;
+  for (auto [i, j] : pairs.objects) {
+    rss += dist2(pose.apply(map.landmarks[static_cast<size_t>(i)].position),
+                 session.landmarks[static_cast<size_t>(j)].position) /
+           (3 * o.objectSigma * o.objectSigma);
+    ++terms;
+  }
+  for (auto [m, s] : pairs.walls) {
+    const Vec3 moved = pose.apply(m->origin);
+    const double r =
+        dot({moved[0] - s->origin[0], moved[1] - s->origin[1], moved[2] - s->origin[2]}, s->normal);
+    rss += r * r / (o.wallSigma * o.wallSigma);
+    ++terms;
+  }
+  const double spread = terms > 0 ? std::max(1.0, std::sqrt(rss / terms)) : 1.0;
+  const Mat4x4 cov = info.ldlt().solve(Mat4x4::Identity());
+  const double var = cov(0, 0) + cov(1, 1) + cov(2, 2) + o.leverArm * o.leverArm * cov(3, 3);
+  out.predictedError = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
+  out.matchValue = std::exp(-out.predictedError / o.matchScale);
+
+  // Verification.
+  const double shift = std::hypot(pose.tx - rough.tx, pose.ty - rough.ty, pose.tz - rough.tz);
+  const bool pointsBothSides = mapPoints.size() > 0 && problem.sessionPointCount() > 0;
+  if (shift > o.maxShift || std::fabs(wrapAngle(pose.theta - rough.theta)) > o.maxTurn) {
+    out.why = "refinement left the hypothesis";
+  } else if (out.predictedError > o.maxPredictedError) {
+    out.why = "the evidence leaves too large an error";
+  } else if (out.wallsDisagreeing > out.walls) {
+    out.why = "walls disagree";
+  } else if (out.objects < o.minObjects && !(out.objects >= o.minObjectsWithWalls && out.bothWays &&
+                                             out.horizontal > 0 && out.wallsDisagreeing == 0)) {
+    out.why = "too few objects agree";
+  } else if (out.objects < o.minObjectShare * out.objectsNear) {
+    out.why = "most objects disagree";
+  } else if (pointsBothSides && out.pointsNear >= o.minPoints &&
+             out.points < o.minPointShare * out.pointsNear) {
+    out.why = "feature points disagree";
+  } else {
+    out.verified = true;
+  }
+  if (!out.verified) out.matchValue = 0;
+  return out;
+}
+
+}  // namespace omra::server

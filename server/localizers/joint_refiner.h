@@ -1,0 +1,92 @@
+// Settles a rough map-to-session transform with everything both sessions saw at once (objects,
+// walls, floors and table tops, and feature points when the map holds them), robustly, then
+// judges whether the two sessions' geometry really agrees with it. Nothing unverified may be
+// written: a hypothesis from views that merely look alike (another room) fails here. Stateless
+// apart from its options; refine() may run on any thread.
+#pragma once
+
+#include <vector>
+
+#include "server/localizers/plane_refiner.h"
+#include "server/localizers/point_grid.h"
+#include "server/localizers/pose4.h"
+#include "server/localizers/su_localizer.h"
+
+namespace omra::server {
+
+// What one session saw, in its own frame.
+struct SceneEvidence {
+  std::vector<Landmark> landmarks;
+  std::vector<PlaneObservation> planes;
+  std::vector<Vec3> points;
+};
+
+struct JointRefinerOptions {
+  // Per-kind noise, metres (radians for wall headings): weights of the least squares and the
+  // scale of the predicted error.
+  // A detected wall keeps its own error for its lifetime (about half a degree, a centimetre), so
+  // a pair of them is off by the errors of both: walls must not outweigh many objects.
+  double objectSigma = 0.03;
+  double wallSigma = 0.015;
+  double wallHeadingSigma = 0.015;
+  double floorSigma = 0.01;
+  double pointSigma = 0.02;
+  // Association gates, widest (first rounds) to narrowest (last rounds).
+  double objectGateWide = 0.6, objectGate = 0.25;
+  double wallGateWide = 0.5, wallGate = 0.12;
+  double wallAngleGate = 0.17;  // radians (10 degrees)
+  double floorGate = 0.2;
+  double pointGateWide = 0.3, pointGate = 0.05;
+  int rounds = 8;
+  // How far refinement may move the hypothesis before it counts as another answer.
+  double maxShift = 1.0, maxTurn = 0.35;
+  // Verification: objects that must agree, and the share of the session's objects near the map's
+  // that must.
+  int minObjects = 3;
+  double minObjectShare = 0.5;
+  // Evidence that leaves a larger error than this verifies nothing: a few objects that happen to
+  // line up in another room leave a large one.
+  double maxPredictedError = 0.15;
+  // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees.
+  int minObjectsWithWalls = 2;
+  // A session wall facing the way a map wall faces, but this far from every such wall, disagrees.
+  double wallConflict = 0.3;
+  // With feature points on both sides: enough of them must agree, or they overrule the objects.
+  int minPoints = 40;
+  double minPointShare = 0.35;
+  // The typical distance of an asset from the session's origin, for the heading's share of the
+  // predicted error.
+  double leverArm = 2.0;
+  // Match value = exp(-predicted error / matchScale).
+  double matchScale = 0.1;
+};
+
+struct JointResult {
+  Pose4 transform;
+  bool verified = false;
+  int objects = 0;      // object pairs that agree at the end
+  int objectsNear = 0;  // session objects that land near a map object of any label
+  int walls = 0, horizontal = 0;
+  int wallsDisagreeing = 0;
+  int points = 0, pointsNear = 0;  // agreeing points, and points that land near the map's
+  bool bothWays = false;           // walls of two directions take part
+  double predictedError = 1;       // metres, for an asset leverArm from the origin
+  double matchValue = 0;
+  std::string why;  // when not verified
+};
+
+class JointRefiner {
+ public:
+  explicit JointRefiner(JointRefinerOptions options = {}) : options_(options) {}
+
+  // map points come as a grid (the map's index keeps one); session points as a list.
+  JointResult refine(const Pose4& rough, const SceneEvidence& map, const PointGrid& mapPoints,
+                     const SceneEvidence& session) const;
+
+  const JointRefinerOptions& options() const { return options_; }
+
+ private:
+  JointRefinerOptions options_;
+};
+
+}  // namespace omra::server
