@@ -23,9 +23,10 @@ std::optional<std::chrono::seconds> retryAfterOf(const HttpResponse& r) {
   const auto it = r.headers.find("retry-after");
   if (it == r.headers.end()) return std::nullopt;
   const std::string& v = it->second;
-  size_t b = v.find_first_not_of(" \t");
-  size_t e = v.find_last_not_of(" \t\r\n");
-  if (b == std::string::npos) return std::nullopt;
+  constexpr const char* kBlank = " \t\r\n";
+  const size_t b = v.find_first_not_of(kBlank);
+  if (b == std::string::npos) return std::nullopt;  // then the last non-blank exists too
+  const size_t e = v.find_last_not_of(kBlank);
   int64_t seconds = 0;
   const char* first = v.data() + b;
   const char* last = v.data() + e + 1;

@@ -89,6 +89,8 @@ TEST(IngestAnswerTest, EachAnswerMapsToWhatBecomesOfTheBatch) {
        std::nullopt, "HTTP 503"},
       {"retry-after of centuries", answer(503, "{}", {{"retry-after", "7766279541452241918"}}),
        Kind::kRetry, "", -1, 86400, "HTTP 503"},
+      {"retry-after of blanks only", answer(503, "{}", {{"retry-after", "\r "}}), Kind::kRetry, "",
+       -1, std::nullopt, "HTTP 503"},
       {"server error", answer(500, "oops"), Kind::kRetry, "", -1, std::nullopt, "oops"},
       {"redirect", answer(302, ""), Kind::kRetry, "", -1, std::nullopt, "HTTP 302"},
       {"one bad item", answer(400, R"({"errorMessage": "MapData-PointCloud[3]: no FrameId",
