@@ -16,6 +16,7 @@
 #include "sim/recording_io.h"
 #include "sim/scenario.h"
 #include "src/platform/store/record_store_factory.h"
+#include "tests/e2e/sanitized_testutil.h"
 #include "tools/commands.h"
 #include "tools/runner/html_report.h"
 #include "tools/runner/scenario_run.h"
@@ -24,12 +25,6 @@
 
 namespace omra::tools {
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 
 // A loopback URL where nothing listens: a port the system just handed out and took back.
 std::string deadBackEnd() {

@@ -10,16 +10,11 @@
 #include "server/localizers/map_index_cache.h"
 #include "server/map_store.h"
 #include "src/platform/store/record_store_factory.h"
+#include "tests/e2e/sanitized_testutil.h"
 #include "tools/runner/scenario_run.h"
 
 namespace omra::tools {
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 
 TEST(WrongRoom, NoLocalizerAnswersForAnotherRoomsMap) {
   // Three rooms recorded into one store; each room's localization session is then tried against
