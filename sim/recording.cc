@@ -1,6 +1,14 @@
 #include "sim/recording.h"
 
+#include <algorithm>
+
 namespace omra::sim {
+
+const YawTransform& RecordingTruth::sessionFromRoomAt(int64_t frame) const {
+  if (trackedFromRoom.empty()) return sessionFromRoom;
+  const auto last = static_cast<int64_t>(trackedFromRoom.size()) - 1;
+  return trackedFromRoom[static_cast<size_t>(std::clamp<int64_t>(frame, 0, last))];
+}
 
 size_t Recording::frameCount() const {
   size_t n = 0;

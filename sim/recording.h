@@ -65,6 +65,13 @@ struct RecordingHeader {
 struct RecordingTruth {
   YawTransform sessionFromRoom;  // carries room coordinates into this session's world frame
   Room room;                     // objects and dimensions (no surfaces or points)
+  // When tracking drifts: session_from_room as the tracking had it at each frame (index order).
+  // Empty when it does not drift.
+  std::vector<YawTransform> trackedFromRoom;
+
+  // Where the session's tracking put the room at `frame`: what a host shows is right when it
+  // matches this, not the drift-free frame.
+  const YawTransform& sessionFromRoomAt(int64_t frame) const;
 };
 
 struct Recording {

@@ -61,14 +61,20 @@ OJson truthJson(const RecordingTruth& t) {
                        {"yaw", o.yaw},
                        {"slab", o.slabOnly}});
   }
-  return {{"type", "truth"},
-          {"session_from_room", t.sessionFromRoom.toText()},
-          {"room",
-           {{"width", t.room.width},
-            {"depth", t.room.depth},
-            {"height", t.room.height},
-            {"walkway", {t.room.walkA, t.room.walkB}},
-            {"objects", std::move(objects)}}}};
+  OJson j = {{"type", "truth"},
+             {"session_from_room", t.sessionFromRoom.toText()},
+             {"room",
+              {{"width", t.room.width},
+               {"depth", t.room.depth},
+               {"height", t.room.height},
+               {"walkway", {t.room.walkA, t.room.walkB}},
+               {"objects", std::move(objects)}}}};
+  if (!t.trackedFromRoom.empty()) {
+    OJson tracked = OJson::array();
+    for (const YawTransform& y : t.trackedFromRoom) tracked.push_back(y.toText());
+    j["tracked_from_room"] = std::move(tracked);
+  }
+  return j;
 }
 
 OJson planeJson(const PlaneEvent& e) {
@@ -224,6 +230,16 @@ void readTruth(const Json& j, Recording& rec) {
       throw LineError{"truth room: object ids must count up from 1"};
     }
     t.room.objects.push_back(std::move(s));
+  }
+  if (auto it = j.find("tracked_from_room"); it != j.end()) {
+    if (!it->is_array()) throw LineError{"truth: \"tracked_from_room\" is not an array"};
+    t.trackedFromRoom.reserve(it->size());
+    for (const Json& y : *it) {
+      std::optional<YawTransform> tracked =
+          y.is_string() ? YawTransform::fromText(y.get<std::string>()) : std::nullopt;
+      if (!tracked) throw LineError{"truth: \"tracked_from_room\" holds a value that is not \"tx,ty,tz,theta\""};
+      t.trackedFromRoom.push_back(*tracked);
+    }
   }
   rec.truth = std::move(t);
 }

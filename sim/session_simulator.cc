@@ -236,6 +236,7 @@ class Simulator {
     std::mt19937_64 frameRng(mix(options_.seed, static_cast<uint64_t>(i) + 1));
     Mat3 toCamera = pose.rotation.transposed();
     advanceDrift(origin_.apply(pose.position), 1 / options_.fps);
+    if (drifting_) rec_.truth->trackedFromRoom.push_back(reported_);
     const size_t cell = space_ ? cellAt(pose.position) : 0;
     const Room& near = space_ ? occluders_[cell] : room_;
     std::optional<SimObject> person;

@@ -64,6 +64,18 @@ TEST(Conditions, DriftGrowsWithDistanceWalked) {
       continue;
     }
     EXPECT_LT(d.error[0], 1e-6);  // the origin is where the tracking starts
+    // The truth's per-frame track explains every tracked camera position.
+    const SessionOptions session = mappingSessionOptions(o);
+    const std::vector<Vec3> truth = truePositions(*s.room, *s.mapping, session);
+    const auto frames = framesOf(*s.mapping);
+    ASSERT_EQ(s.mapping->truth->trackedFromRoom.size(), frames.size());
+    for (size_t i = 0; i < frames.size(); i += 37) {
+      const Vec3 room = s.mapping->truth->sessionFromRoom.inverse().apply(truth[i]);
+      EXPECT_LT((s.mapping->truth->sessionFromRoomAt(frames[i]->index).apply(room) -
+                 positionOf(*frames[i]))
+                    .norm(),
+                1e-4);
+    }
     auto mean = [&](size_t from, size_t to) {
       double sum = 0;
       for (size_t i = from; i < to; ++i) sum += d.error[i];

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <sstream>
 
+#include "sim/scenario.h"
 #include "tests/common/locale_testutil.h"
 #include "tests/sim/sim_testutil.h"
 
@@ -69,6 +70,31 @@ TEST(RecordingIo, RoundTripThroughAFile) {
   EXPECT_EQ(back.frame(100000), nullptr);
   EXPECT_NE(readRecordingFile(path).error.find("cannot open"), std::string::npos);
   EXPECT_NE(writeRecordingFile(original, "/nonexistent-dir/x.jsonl"), "");
+}
+
+// A drifting session keeps, per frame, where its tracking put the room; a damaged track is refused.
+TEST(RecordingIo, DriftTrackRoundTrips) {
+  ScenarioOptions o = testing::shortScenarioOptions(43);
+  o.drift.positionPerMetre = 0.02;
+  o.drift.yawDegreesPerMinute = 5;
+  const Scenario scenario = makeScenario(o);
+  const Recording& original = *scenario.mapping;
+  ASSERT_EQ(original.truth->trackedFromRoom.size(), original.frameCount());
+  const std::string text = written(original);
+  RecordingReadResult r = readText(text);
+  ASSERT_TRUE(r.recording.has_value()) << r.error;
+  EXPECT_EQ(written(*r.recording), text);
+  EXPECT_EQ(r.recording->truth->trackedFromRoom.back().theta,
+            original.truth->trackedFromRoom.back().theta);
+
+  std::vector<std::string> lines = linesOf(text);
+  for (std::string& line : lines) {
+    const size_t at = line.find("\"tracked_from_room\":[\"");
+    if (at != std::string::npos) line.insert(at + 22, "nan,");
+  }
+  r = readText(joined(lines));
+  EXPECT_FALSE(r.recording.has_value());
+  EXPECT_NE(r.error.find("\"tracked_from_room\" holds a value"), std::string::npos) << r.error;
 }
 
 // Each damaged file is refused with the line that is wrong named in the message.

@@ -181,15 +181,21 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   report.wrongRoom = scenario.wrongRoom;
   report.falseRelocalization = scenario.wrongRoom && !report.localization.arrivals.empty();
 
-  // Every callback against the truth; the last one is what the host shows in the end.
+  // Every callback against the truth; the last one is what the host shows in the end. With
+  // tracking drift the truth is where the session's tracking put the room when the assets
+  // arrived: that is where the host draws them.
+  const sim::RecordingTruth& locTruth = *scenario.localization->truth;
+  const double fps = scenario.localization->header.fps;
   for (const AssetsArrival& arrival : report.localization.arrivals) {
+    const sim::YawTransform& locFromRoomThen =
+        locTruth.sessionFromRoomAt(std::llround(arrival.scanSeconds * fps));
     ArrivalOutcome outcome;
     outcome.localizer = arrival.localizer;
     outcome.matchValue = arrival.matchValue;
     outcome.scanSeconds = arrival.scanSeconds;
     outcome.complete = true;
     for (const AssetSpot& spot : spots) {
-      AssetOutcome a = expectedOutcome(spot, locFromRoom);
+      AssetOutcome a = expectedOutcome(spot, locFromRoomThen);
       for (const MapAsset& m : arrival.assets) {
         if (m.assetID != a.id) continue;
         a.placed = sim::Vec3{m.position.x, m.position.y, m.position.z};
