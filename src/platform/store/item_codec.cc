@@ -14,7 +14,7 @@
 namespace omra {
 namespace {
 
-// Value tags (the low nibble of an attribute's tag byte).
+// Value tags: an attribute's tag byte without kNamedByCode.
 enum Tag : uint8_t {
   kString = 0,      // varint length, bytes
   kNumberText = 1,  // varint length, text
