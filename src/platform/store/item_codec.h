@@ -1,8 +1,8 @@
 // Items in the SQLite store's compact stored form: a version byte, then each attribute as a type
 // tag, its name (a one-byte code for the names the kit and back end use, else the bytes) and its
 // value (bytes raw, integers and exactly representable reals in binary, other numbers as text).
-// About the size DynamoDB counts for the item, where JSON with base64 is half again as big, and
-// read without a parser. Plain functions; thread-safe.
+// For the kit's records no bigger than DynamoDB's count of the item (JSON with base64 takes a
+// third more for the bytes alone), and read without a parser. Plain functions; thread-safe.
 #pragma once
 
 #include <optional>
