@@ -17,7 +17,8 @@
 //
 // Read speed: every item of the session read back through query() pages, table by table, repeated
 // for at least half a second per form; items per CPU second of the reading thread (reads run on
-// the caller's thread), so that other load on the shared machine does not skew the comparison.
+// the caller's thread), so that other load on the shared machine does not skew the comparison;
+// and the rows alone decoded without SQLite, the same way.
 #include <sqlite3.h>
 #include <time.h>
 #include <unistd.h>
@@ -33,6 +34,9 @@
 #include "bench/records/session_records.h"
 #include "src/cloud/compression.h"
 #include "src/cloud/record_tables.h"
+#include "src/foundation/json_reader.h"
+#include "src/platform/store/attribute_json.h"
+#include "src/platform/store/item_codec.h"
 #include "src/platform/store/sqlite_record_store.h"
 
 namespace {
@@ -61,6 +65,20 @@ size_t fileSize(const fs::path& p) {
   std::error_code ec;
   const auto n = fs::file_size(p, ec);
   return ec ? 0 : static_cast<size_t>(n);
+}
+
+// Items per CPU second that decode turns rows back into (each row once per round).
+template <class Decode>
+double decodeRate(const std::vector<std::string>& rows, Decode&& decode, bool* ok) {
+  size_t items = 0;
+  const double start = cpuSeconds();
+  double elapsed = 0;
+  do {
+    for (const std::string& row : rows) *ok = decode(row) && *ok;
+    items += rows.size();
+    elapsed = cpuSeconds() - start;
+  } while (elapsed < 0.3);
+  return static_cast<double>(items) / elapsed;
 }
 
 // Writes the session into a fresh file in the variant's form; none with *error set on a failure.
@@ -167,6 +185,26 @@ int main() {
               binaryBytes > 0 ? 100.0 * static_cast<double>(binaryBytes - deflatedBytes) /
                                     static_cast<double>(binaryBytes)
                               : 0.0);
+  // The rows alone, without SQLite: the compact decoder against the JSON reader it replaces.
+  std::vector<std::string> compactRows, jsonRows;
+  for (const bench::SessionRecord& r : session->records) {
+    compactRows.push_back(encodeItem(r.item));
+    jsonRows.push_back(itemToJsonText(r.item).value_or(""));
+  }
+  bool decoded = true;
+  const double compactDecode = decodeRate(
+      compactRows, [](const std::string& row) { return decodeItem(row); }, &decoded);
+  const double jsonDecode = decodeRate(
+      jsonRows,
+      [](const std::string& row) {
+        const auto json = readJson(row);
+        return json ? itemFromJson(*json) : std::nullopt;
+      },
+      &decoded);
+  if (!decoded) {
+    std::fprintf(stderr, "a row did not decode\n");
+    return 1;
+  }
   const double perMinute = 60 / session->scanSeconds;
   std::printf("data: %zu bytes over %.1f s, %.0f bytes per mapping minute\n", dataBytes,
               session->scanSeconds, static_cast<double>(dataBytes) * perMinute);
@@ -202,6 +240,8 @@ int main() {
       std::printf("figure store_read_items_per_s%s %.0f items/s\n", suffix.c_str(),
                   r.readItemsPerSecond);
     }
+    std::printf("figure store_row_decode_items_per_s %.0f items/s\n", compactDecode);
+    std::printf("figure store_row_decode_items_per_s_json_text %.0f items/s\n", jsonDecode);
     std::printf("figure store_read_speedup %.1f ratio\n",
                 results["compact"].readItemsPerSecond / results["json_text"].readItemsPerSecond);
   }
