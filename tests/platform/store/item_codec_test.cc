@@ -85,6 +85,16 @@ TEST(ItemCodecTest, NumberTextsComeBackByteForByte) {
     std::string why;
     EXPECT_EQ(roundTrip(item, &why), item) << text << ": " << why;
   }
+  // What the binary forms save: bytes a value takes after the version, count, tag and name code.
+  const struct {
+    const char* text;
+    size_t bytes;
+  } sizes[] = {{"7", 1},     {"-17", 1},        {"300", 2},  {"1763770000.123456", 8},
+               {"0.875", 4}, {"0.12345679", 4}, {"1.50", 5}, {"-0", 3}};
+  for (const auto& c : sizes) {
+    const Item item{{"Timestamp", AttributeValue::numberText(c.text)}};
+    EXPECT_EQ(encodeItem(item).size(), 4 + c.bytes) << c.text;
+  }
 }
 
 // The reason for the form: a record's stored bytes stay within what DynamoDB counts for it
