@@ -16,9 +16,12 @@ struct sqlite3_stmt;
 
 namespace omra {
 
-// The embedded record store: one SQLite file, one SQL table per record table with primary key
-// (hash, range), each item kept whole in DynamoDB's JSON form. WAL mode and a busy timeout let a
-// kit and a back end in two processes share the file. Owns one writer connection with its writer
+// The embedded record store: one SQLite file, one SQL table per record table keyed (hash, range),
+// each item kept whole in the compact form of item_codec.h. Tables are rowid tables with a unique
+// (hash, range) index: items of a kilobyte or more then fill pages and overflow pages whole, where
+// a WITHOUT ROWID table left most of a page empty per item. Files written before keep their tables
+// and JSON-text rows, which still read; new rows there are compact. WAL mode and a busy timeout let
+// a kit and a back end in two processes share the file. Owns one writer connection with its writer
 // thread, and a small pool of read connections so that get() and query() wait neither for this
 // store's writes nor for another process's write lock; thread-safe. save() queues the item; the
 // writer thread writes whatever is queued in one transaction and completes each save on that
@@ -29,6 +32,10 @@ class SqliteRecordStore : public RecordStore {
     int busyTimeoutMs = 5000;
     size_t maxBatch = 1000;   // saves per transaction
     int readConnections = 4;  // at most this many reads run at once
+    // How new tables are laid out and rows written. kJsonText is the layout of files written
+    // before the compact form: kept to compare against and to make such files in tests.
+    enum class RowForm { kCompact, kJsonText };
+    RowForm rowForm = RowForm::kCompact;
   };
 
   // Opens or creates the file; null with *error set when it cannot be opened.

@@ -1,5 +1,6 @@
 // What only the SQLite store promises: one file shared by two users (a kit and a back end), items
-// kept across reopening, and a clear error for a file it cannot open.
+// kept across reopening, rows kept compactly (and those of older files still read), a damaged row
+// an error for its item, and a clear error for a file it cannot open.
 #include "src/platform/store/sqlite_record_store.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,8 @@
 #include "src/cloud/camera_path_model.h"
 #include "src/cloud/record_item.h"
 #include "src/cloud/record_tables.h"
+#include "src/platform/store/item_checks.h"
+#include "tests/platform/store/record_items_testutil.h"
 
 namespace omra {
 namespace {
@@ -25,11 +28,44 @@ std::string freshPath(const std::string& name) {
   return (dir / "records.db").string();
 }
 
-std::shared_ptr<SqliteRecordStore> openOrFail(const std::string& path) {
+std::shared_ptr<SqliteRecordStore> openOrFail(const std::string& path,
+                                              SqliteRecordStore::Options options = {}) {
   std::string error;
-  auto store = SqliteRecordStore::open(path, &error);
+  auto store = SqliteRecordStore::open(path, options, &error);
   EXPECT_TRUE(store) << error;
   return store;
+}
+
+// Runs SQL on the file through a connection of its own, as another process would.
+void execOnFile(const std::string& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  sqlite3_busy_timeout(db, 5000);
+  char* message = nullptr;
+  const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message);
+  const std::string why = message != nullptr ? message : "";
+  sqlite3_free(message);
+  sqlite3_close(db);
+  ASSERT_EQ(rc, SQLITE_OK) << sql << ": " << why;
+}
+
+// The single integer a query on the file answers.
+int64_t queryNumber(const std::string& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  sqlite3_open(path.c_str(), &db);
+  sqlite3_stmt* s = nullptr;
+  int64_t n = -1;
+  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK &&
+      sqlite3_step(s) == SQLITE_ROW) {
+    n = sqlite3_column_int64(s, 0);
+  }
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+  return n;
+}
+
+Item keyFor(const std::string& table, const Item& item) {
+  return keyOf({table, "SessionId", KeyType::kString, kRecordIdAttribute, KeyType::kNumber}, item);
 }
 
 TEST(SqliteRecordStoreTest, TwoStoresShareOneFileWhileBothWrite) {
@@ -157,6 +193,114 @@ TEST(SqliteRecordStoreTest, ReadsAnswerWhileTheWriteLockIsHeld) {
   ASSERT_TRUE(got);
   EXPECT_EQ(*got, committed);
   EXPECT_EQ(page.items, std::vector<Item>{committed});
+}
+
+// Files written before the compact form: their JSON-text rows still read, and compact rows
+// written into their tables sit beside them in range order, replacing them key for key.
+TEST(SqliteRecordStoreTest, ReadsFilesWrittenInTheJsonTextForm) {
+  const std::string path = freshPath("json-text");
+  const std::string session = "A1B2C3D4-0000-4000-8000-000000000001";
+  const auto old = testing::sampleRecordItems(session, 1);  // one per table, ids 1 to 5
+  {
+    SqliteRecordStore::Options options;
+    options.rowForm = SqliteRecordStore::Options::RowForm::kJsonText;
+    auto store = openOrFail(path, options);
+    ASSERT_TRUE(store);
+    ASSERT_FALSE(ensureRecordTables(*store).has_value());
+    for (const auto& o : old) ASSERT_FALSE(store->put(o.table, o.item));
+  }
+  auto store = openOrFail(path);
+  ASSERT_TRUE(store);
+  for (const auto& o : old) {
+    std::optional<StoreError> error;
+    EXPECT_EQ(store->get(o.table, keyFor(o.table, o.item), &error), o.item)
+        << o.table << (error ? ": " + error->message : "");
+  }
+  const auto before = testing::sampleRecordItems(session, -10);
+  const auto after = testing::sampleRecordItems(session, 10);
+  for (size_t i = 0; i < old.size(); ++i) {
+    ASSERT_FALSE(store->put(after[i].table, after[i].item));
+    ASSERT_FALSE(store->put(before[i].table, before[i].item));
+    std::optional<StoreError> error;
+    EXPECT_EQ(queryAll(*store, old[i].table, AttributeValue::string(session), &error),
+              (std::vector<Item>{before[i].item, old[i].item, after[i].item}))
+        << old[i].table << (error ? ": " + error->message : "");
+  }
+  const std::string table = old[0].table;
+  EXPECT_EQ(queryNumber(path, "SELECT count(*) FROM \"" + table + "\" WHERE typeof(item) = 'text'"),
+            1)
+      << "the old row was rewritten, so its reading proved nothing";
+  Item replaced = old[0].item;
+  replaced["Extra"] = AttributeValue::string("replaced");
+  ASSERT_FALSE(store->put(table, replaced));
+  EXPECT_EQ(store->get(table, keyFor(table, replaced)), replaced);
+  EXPECT_EQ(queryAll(*store, table, AttributeValue::string(session)).size(), 3u);
+}
+
+// A row damaged on disk (another program, a bad sector) fails the reads that reach it with an
+// error naming the table; the items beside it still read.
+TEST(SqliteRecordStoreTest, ADamagedRowIsAnErrorForItsItemOnly) {
+  const std::string path = freshPath("damaged");
+  auto store = openOrFail(path);
+  ASSERT_TRUE(store);
+  ASSERT_FALSE(ensureRecordTables(*store).has_value());
+  const std::string session = "S";
+  const std::string table = testing::sampleRecordItems(session)[0].table;
+  std::vector<Item> items;
+  for (int64_t id = 1; id <= 3; ++id) items.push_back(testing::imageFeatureItem(session, id));
+  const struct {
+    const char* name;
+    const char* damage;  // SET clause for the second item
+  } cases[] = {
+      {"compact row cut short", "item = substr(item, 1, 40)"},
+      {"compact row of an unknown version", "item = x'07'"},
+      {"empty row", "item = x''"},
+      {"JSON text that is not an item", "item = '{\"A\": 5}'"},
+      {"text that is not JSON", "item = 'junk'"},
+      {"a number", "item = 12"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const Item& item : items) ASSERT_FALSE(store->put(table, item));
+    execOnFile(path, "UPDATE \"" + table + "\" SET " + c.damage + " WHERE range = 2");
+    std::optional<StoreError> error;
+    EXPECT_FALSE(store->get(table, keyFor(table, items[1]), &error));
+    ASSERT_TRUE(error.has_value());
+    EXPECT_NE(error->message.find("unreadable stored item in " + table), std::string::npos)
+        << error->message;
+    EXPECT_EQ(store->get(table, keyFor(table, items[0]), &error), items[0]);
+    EXPECT_EQ(store->get(table, keyFor(table, items[2]), &error), items[2]);
+    store->query(table, AttributeValue::string(session), {}, 0, &error);
+    EXPECT_TRUE(error.has_value());
+  }
+}
+
+// The layout's reason: kilobyte image-feature records fill the file's pages, where a WITHOUT
+// ROWID table of JSON text took over three times their size.
+TEST(SqliteRecordStoreTest, NewFilesKeepImageFeatureRecordsCompactly) {
+  const std::string path = freshPath("compact");
+  auto store = openOrFail(path);
+  ASSERT_TRUE(store);
+  ASSERT_FALSE(ensureRecordTables(*store).has_value());
+  const std::string session = "A1B2C3D4-0000-4000-8000-000000000002";
+  const std::string table = testing::sampleRecordItems(session)[0].table;
+  size_t dataBytes = 0;
+  std::vector<TableItem> batch;
+  for (int64_t id = 1; id <= 1500; ++id) {
+    batch.push_back({table, testing::imageFeatureItem(session, id)});
+    dataBytes += itemSizeBytes(batch.back().item);
+    if (batch.size() == 100) {
+      ASSERT_FALSE(store->writeBatch(batch));
+      batch.clear();
+    }
+  }
+  execOnFile(path, "PRAGMA wal_checkpoint(TRUNCATE)");
+  namespace fs = std::filesystem;
+  const size_t stored =
+      fs::file_size(path) + (fs::exists(path + "-wal") ? fs::file_size(path + "-wal") : 0);
+  EXPECT_LE(static_cast<double>(stored), 1.3 * static_cast<double>(dataBytes))
+      << stored << " bytes stored for " << dataBytes << " bytes of items";
+  EXPECT_EQ(queryAll(*store, table, AttributeValue::string(session)).size(), 1500u);
 }
 
 TEST(SqliteRecordStoreTest, UnopenableFileIsAnErrorNotACrash) {
