@@ -125,6 +125,9 @@ std::unique_ptr<SqliteRecordStore> SqliteRecordStore::open(const std::string& pa
   const std::string setup =
       std::string(
           "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+          // The writer's inserts land all over the key space (a session each): 16 MiB of cache
+          // and the file mapped spare it a read() per page.
+          "PRAGMA cache_size=-16384; PRAGMA mmap_size=268435456;"
           "CREATE TABLE IF NOT EXISTS ") +
       kMetaTable +
       " (name TEXT PRIMARY KEY, hash_key TEXT NOT NULL, hash_type TEXT NOT NULL,"
@@ -188,6 +191,7 @@ SqliteRecordStore::ReadLease SqliteRecordStore::lease() {
       sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc == SQLITE_OK) {
     sqlite3_busy_timeout(db, options_.busyTimeoutMs);
+    sqlite3_exec(db, "PRAGMA mmap_size=268435456;", nullptr, nullptr, nullptr);  // as the writer
     return ReadLease(*this, std::make_unique<Connection>(db), {});
   }
   StoreError e{"SQLite: cannot open a read connection to " + path_ + ": " +
