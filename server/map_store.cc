@@ -105,17 +105,26 @@ std::optional<GeoLocation> parsePlace(std::string_view text) {
   return GeoLocation{v[1], v[0], v[2], v[3], v[4]};
 }
 
-std::optional<MapRecord> mapFromCellEntry(const Item& item, const std::string& appId,
-                                          const std::string& account) {
-  std::optional<std::string> uuid, user, name, place;
-  if (!readString(item, "MapUuid", uuid) || !readString(item, "UserId", user) ||
-      !readString(item, "MapId", name) || !readString(item, "Place", place) || !uuid || !user ||
-      !name || !place) {
-    return std::nullopt;
-  }
-  auto at = parsePlace(*place);
+// A nearby-index entry as read: views into the item, copied only for the maps the page keeps
+// (a listing reads a few hundred entries to keep a hundred).
+struct CellEntry {
+  std::string_view uuid, userId, mapId;
+  GeoLocation at;
+};
+
+std::optional<std::string_view> stringOf(const Item& item, const char* name) {
+  const auto it = item.find(name);
+  if (it == item.end() || it->second.type != AttributeValue::Type::kString) return std::nullopt;
+  return it->second.text;
+}
+
+std::optional<CellEntry> cellEntryOf(const Item& item) {
+  const auto uuid = stringOf(item, "MapUuid"), user = stringOf(item, "UserId"),
+             name = stringOf(item, "MapId"), place = stringOf(item, "Place");
+  if (!uuid || !user || !name || !place) return std::nullopt;
+  const auto at = parsePlace(*place);
   if (!at) return std::nullopt;
-  return MapRecord{std::move(*uuid), appId, account, std::move(*user), std::move(*name), 0, at};
+  return CellEntry{*uuid, *user, *name, *at};
 }
 
 // Pages of one query, up to at most `most` items (0: all); true when more remain past them.
@@ -291,8 +300,8 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
   auto nearer = [](const NearbyMap& a, const NearbyMap& b) {
     return std::tie(a.metres, a.map.uuid) < std::tie(b.metres, b.map.uuid);
   };
-  std::vector<NearbyMap> best;  // a max-heap under nearer: the farthest kept on top
-  std::unordered_set<std::string> seen;
+  std::vector<NearbyMap> best;           // a max-heap under nearer: the farthest kept on top
+  std::unordered_set<std::string> seen;  // maps offered to best (coarser cells repeat them)
   std::vector<Item> items;
   while (!cells.empty()) {
     const Pending p = cells.top();
@@ -310,21 +319,25 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
     ++out.cellsRead;
     // A crowded cell's first entries are real maps too: taking them tightens the bound early.
     for (const Item& item : items) {
-      auto m = mapFromCellEntry(item, q.appId, q.account);
-      if (!m || (q.userId && m->userId != *q.userId)) continue;
-      if (!box.contains(m->location->latitude, m->location->longitude)) continue;
-      NearbyMap found{std::move(*m), 0};
-      found.metres = haversineMetres(box.latitude, box.longitude, found.map.location->latitude,
-                                     found.map.location->longitude);
-      if (q.after &&
-          std::tie(found.metres, found.map.uuid) <= std::tie(q.after->metres, q.after->uuid)) {
+      const std::optional<CellEntry> m = cellEntryOf(item);
+      if (!m || !box.contains(m->at.latitude, m->at.longitude)) continue;
+      const double metres =
+          haversineMetres(box.latitude, box.longitude, m->at.latitude, m->at.longitude);
+      const auto key = std::tie(metres, m->uuid);
+      // Cheap refusals first: most entries a listing reads are too far for its page.
+      if (best.size() == keep && key >= std::tie(best.front().metres, best.front().map.uuid)) {
         continue;
       }
-      if (!seen.insert(found.map.uuid).second) continue;
+      if (q.after && key <= std::tie(q.after->metres, q.after->uuid)) continue;
+      if (q.userId && m->userId != *q.userId) continue;
+      if (!seen.emplace(m->uuid).second) continue;
+      NearbyMap found{MapRecord{std::string(m->uuid), q.appId, q.account, std::string(m->userId),
+                                std::string(m->mapId), 0, m->at},
+                      metres};
       if (best.size() < keep) {
         best.push_back(std::move(found));
         std::push_heap(best.begin(), best.end(), nearer);
-      } else if (nearer(found, best.front())) {
+      } else {
         std::pop_heap(best.begin(), best.end(), nearer);
         best.back() = std::move(found);
         std::push_heap(best.begin(), best.end(), nearer);
