@@ -126,8 +126,10 @@ std::unique_ptr<SqliteRecordStore> SqliteRecordStore::open(const std::string& pa
       std::string(
           "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
           // The writer's inserts land all over the key space (a session each): 16 MiB of cache
-          // and the file mapped spare it a read() per page.
-          "PRAGMA cache_size=-16384; PRAGMA mmap_size=268435456;"
+          // and the file mapped spare it a read() per page; a WAL of 4000 pages between
+          // checkpoints writes a page rewritten by many commits back once, with a quarter of
+          // the checkpoints' syncs.
+          "PRAGMA cache_size=-16384; PRAGMA mmap_size=268435456; PRAGMA wal_autocheckpoint=4000;"
           "CREATE TABLE IF NOT EXISTS ") +
       kMetaTable +
       " (name TEXT PRIMARY KEY, hash_key TEXT NOT NULL, hash_type TEXT NOT NULL,"
