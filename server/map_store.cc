@@ -273,8 +273,11 @@ std::optional<StoreError> MapStore::ensureNearbyIndexed(const std::string& appId
 }
 
 NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>* error) {
-  // A cell holding more entries than this is read through its 16 children instead.
-  constexpr size_t kProbe = 16;
+  // A cell holding more entries than its probe is read through its 16 children instead. Cells
+  // two levels or more above the finest (300 m and wider) that hold more than a few maps are
+  // nearly always crowded at the scale of a page, and the entries a probe reads there are read
+  // again below: their probe is short.
+  constexpr size_t kFineProbe = 16, kCoarseProbe = 4;
   // The search starts at the finest level whose cells covering the box are at most this many.
   constexpr size_t kStartCells = 256;
   struct Pending {
@@ -312,8 +315,9 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
     }
     items.clear();
     const bool finest = p.cell.level == kGridFinestLevel;
+    const size_t probe = p.cell.level < kGridFinestLevel - 1 ? kCoarseProbe : kFineProbe;
     const bool crowded =
-        readCell(store_, cellKeyOf(owner, p.cell), finest ? 0 : kProbe + 1, items, error);
+        readCell(store_, cellKeyOf(owner, p.cell), finest ? 0 : probe + 1, items, error);
     if (error && *error) return {};
     out.itemsRead += items.size();
     ++out.cellsRead;
@@ -343,7 +347,7 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
         std::push_heap(best.begin(), best.end(), nearer);
       }
     }
-    if (crowded || items.size() > kProbe) {
+    if (crowded || items.size() > probe) {
       for (const GridCell& child : childrenOf(p.cell)) {
         if (cellMeetsBox(child, box)) {
           const double d = cellMinMetres(child, box.latitude, box.longitude);
