@@ -174,6 +174,20 @@ class Bench {
     for (const bench::SessionRecord& r : session.records) texts_.push_back(RecordText::of(r));
   }
 
+  // Whether every pre-cut text, filled in, is the text the kit's store writes for that record.
+  bool textsMatchTheKit() const {
+    const std::string session = "00000000-0000-4000-8000-00000000abcd";
+    for (size_t k = 0; k < texts_.size(); ++k) {
+      Item item = session_.records[k].item;
+      item["SessionId"] = AttributeValue::string(session);
+      item[kRecordIdAttribute] = integerNumber(static_cast<int64_t>(k) + 1000);
+      if (texts_[k].compose(session, static_cast<int64_t>(k) + 1000) != itemToJsonText(item)) {
+        return false;
+      }
+    }
+    return true;
+  }
+
   bool start(std::string* error) {
     if (!server_.start(error)) return false;
     dispatcher_ = std::make_shared<AsioDispatcher>();
@@ -550,6 +564,10 @@ int main(int argc, char** argv) {
 
   // 3. Sessions sustained at the simulated session's pace.
   Bench bench(*session, dir.path());
+  if (!bench.textsMatchTheKit()) {
+    std::fprintf(stderr, "the light phones' record texts differ from the kit's\n");
+    return 1;
+  }
   if (!bench.start(&error)) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;
