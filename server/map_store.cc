@@ -118,6 +118,12 @@ std::optional<std::string_view> stringOf(const Item& item, const char* name) {
   return it->second.text;
 }
 
+// The listing's order: nearest first, equal distances by UUID.
+bool listedBefore(double metres, std::string_view uuid, double otherMetres,
+                  std::string_view otherUuid) {
+  return metres < otherMetres || (metres == otherMetres && uuid < otherUuid);
+}
+
 std::optional<CellEntry> cellEntryOf(const Item& item) {
   const auto uuid = stringOf(item, "MapUuid"), user = stringOf(item, "UserId"),
              name = stringOf(item, "MapId"), place = stringOf(item, "Place");
@@ -327,12 +333,12 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
       if (!m || !box.contains(m->at.latitude, m->at.longitude)) continue;
       const double metres =
           haversineMetres(box.latitude, box.longitude, m->at.latitude, m->at.longitude);
-      const auto key = std::tie(metres, m->uuid);
       // Cheap refusals first: most entries a listing reads are too far for its page.
-      if (best.size() == keep && key >= std::tie(best.front().metres, best.front().map.uuid)) {
+      if (best.size() == keep &&
+          !listedBefore(metres, m->uuid, best.front().metres, best.front().map.uuid)) {
         continue;
       }
-      if (q.after && key <= std::tie(q.after->metres, q.after->uuid)) continue;
+      if (q.after && !listedBefore(q.after->metres, q.after->uuid, metres, m->uuid)) continue;
       if (q.userId && m->userId != *q.userId) continue;
       if (!seen.emplace(m->uuid).second) continue;
       NearbyMap found{MapRecord{std::string(m->uuid), q.appId, q.account, std::string(m->userId),
