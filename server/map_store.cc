@@ -105,17 +105,32 @@ std::optional<GeoLocation> parsePlace(std::string_view text) {
   return GeoLocation{v[1], v[0], v[2], v[3], v[4]};
 }
 
-std::optional<MapRecord> mapFromCellEntry(const Item& item, const std::string& appId,
-                                          const std::string& account) {
-  std::optional<std::string> uuid, user, name, place;
-  if (!readString(item, "MapUuid", uuid) || !readString(item, "UserId", user) ||
-      !readString(item, "MapId", name) || !readString(item, "Place", place) || !uuid || !user ||
-      !name || !place) {
-    return std::nullopt;
-  }
-  auto at = parsePlace(*place);
+// A nearby-index entry as read: views into the item, copied only for the maps the page keeps
+// (a listing reads a few hundred entries to keep a hundred).
+struct CellEntry {
+  std::string_view uuid, userId, mapId;
+  GeoLocation at;
+};
+
+std::optional<std::string_view> stringOf(const Item& item, const char* name) {
+  const auto it = item.find(name);
+  if (it == item.end() || it->second.type != AttributeValue::Type::kString) return std::nullopt;
+  return it->second.text;
+}
+
+// The listing's order: nearest first, equal distances by UUID.
+bool listedBefore(double metres, std::string_view uuid, double otherMetres,
+                  std::string_view otherUuid) {
+  return metres < otherMetres || (metres == otherMetres && uuid < otherUuid);
+}
+
+std::optional<CellEntry> cellEntryOf(const Item& item) {
+  const auto uuid = stringOf(item, "MapUuid"), user = stringOf(item, "UserId"),
+             name = stringOf(item, "MapId"), place = stringOf(item, "Place");
+  if (!uuid || !user || !name || !place) return std::nullopt;
+  const auto at = parsePlace(*place);
   if (!at) return std::nullopt;
-  return MapRecord{std::move(*uuid), appId, account, std::move(*user), std::move(*name), 0, at};
+  return CellEntry{*uuid, *user, *name, *at};
 }
 
 // Pages of one query, up to at most `most` items (0: all); true when more remain past them.
@@ -264,8 +279,11 @@ std::optional<StoreError> MapStore::ensureNearbyIndexed(const std::string& appId
 }
 
 NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>* error) {
-  // A cell holding more entries than this is read through its 16 children instead.
-  constexpr size_t kProbe = 16;
+  // A cell holding more entries than its probe is read through its 16 children instead. Cells
+  // two levels or more above the finest (300 m and wider) that hold more than a few maps are
+  // nearly always crowded at the scale of a page, and the entries a probe reads there are read
+  // again below: their probe is short.
+  constexpr size_t kFineProbe = 16, kCoarseProbe = 4;
   // The search starts at the finest level whose cells covering the box are at most this many.
   constexpr size_t kStartCells = 256;
   struct Pending {
@@ -291,8 +309,8 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
   auto nearer = [](const NearbyMap& a, const NearbyMap& b) {
     return std::tie(a.metres, a.map.uuid) < std::tie(b.metres, b.map.uuid);
   };
-  std::vector<NearbyMap> best;  // a max-heap under nearer: the farthest kept on top
-  std::unordered_set<std::string> seen;
+  std::vector<NearbyMap> best;           // a max-heap under nearer: the farthest kept on top
+  std::unordered_set<std::string> seen;  // maps offered to best (coarser cells repeat them)
   std::vector<Item> items;
   while (!cells.empty()) {
     const Pending p = cells.top();
@@ -303,34 +321,39 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
     }
     items.clear();
     const bool finest = p.cell.level == kGridFinestLevel;
+    const size_t probe = p.cell.level < kGridFinestLevel - 1 ? kCoarseProbe : kFineProbe;
     const bool crowded =
-        readCell(store_, cellKeyOf(owner, p.cell), finest ? 0 : kProbe + 1, items, error);
+        readCell(store_, cellKeyOf(owner, p.cell), finest ? 0 : probe + 1, items, error);
     if (error && *error) return {};
     out.itemsRead += items.size();
     ++out.cellsRead;
     // A crowded cell's first entries are real maps too: taking them tightens the bound early.
     for (const Item& item : items) {
-      auto m = mapFromCellEntry(item, q.appId, q.account);
-      if (!m || (q.userId && m->userId != *q.userId)) continue;
-      if (!box.contains(m->location->latitude, m->location->longitude)) continue;
-      NearbyMap found{std::move(*m), 0};
-      found.metres = haversineMetres(box.latitude, box.longitude, found.map.location->latitude,
-                                     found.map.location->longitude);
-      if (q.after &&
-          std::tie(found.metres, found.map.uuid) <= std::tie(q.after->metres, q.after->uuid)) {
+      const std::optional<CellEntry> m = cellEntryOf(item);
+      if (!m || !box.contains(m->at.latitude, m->at.longitude)) continue;
+      const double metres =
+          haversineMetres(box.latitude, box.longitude, m->at.latitude, m->at.longitude);
+      // Cheap refusals first: most entries a listing reads are too far for its page.
+      if (best.size() == keep &&
+          !listedBefore(metres, m->uuid, best.front().metres, best.front().map.uuid)) {
         continue;
       }
-      if (!seen.insert(found.map.uuid).second) continue;
+      if (q.after && !listedBefore(q.after->metres, q.after->uuid, metres, m->uuid)) continue;
+      if (q.userId && m->userId != *q.userId) continue;
+      if (!seen.emplace(m->uuid).second) continue;
+      NearbyMap found{MapRecord{std::string(m->uuid), q.appId, q.account, std::string(m->userId),
+                                std::string(m->mapId), 0, m->at},
+                      metres};
       if (best.size() < keep) {
         best.push_back(std::move(found));
         std::push_heap(best.begin(), best.end(), nearer);
-      } else if (nearer(found, best.front())) {
+      } else {
         std::pop_heap(best.begin(), best.end(), nearer);
         best.back() = std::move(found);
         std::push_heap(best.begin(), best.end(), nearer);
       }
     }
-    if (crowded || items.size() > kProbe) {
+    if (crowded || items.size() > probe) {
       for (const GridCell& child : childrenOf(p.cell)) {
         if (cellMeetsBox(child, box)) {
           const double d = cellMinMetres(child, box.latitude, box.longitude);

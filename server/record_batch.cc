@@ -1,13 +1,13 @@
 #include "server/record_batch.h"
 
 #include "server/ids.h"
+#include "server/record_batch_reader.h"
 #include "src/cloud/camera_path_model.h"
 #include "src/cloud/detected_plane_model.h"
 #include "src/cloud/image_features_model.h"
 #include "src/cloud/point_cloud_model.h"
 #include "src/cloud/record_item.h"
 #include "src/cloud/scene_understanding_model.h"
-#include "src/platform/store/attribute_json.h"
 #include "src/platform/store/item_checks.h"
 
 namespace omra::server {
@@ -75,32 +75,24 @@ const RecordTable* findTable(std::string_view name) {
   return nullptr;
 }
 
-// The reason the item cannot be stored in table t, or none.
-std::optional<std::string> checkRecord(const RecordTable& t, const Json& request, Item* out) {
-  if (!request.is_object() || request.size() != 1 || !request.contains("PutRequest")) {
-    return "must be an object holding only \"PutRequest\"";
-  }
-  const Json& put = request["PutRequest"];
-  if (!put.is_object() || !put.contains("Item")) return "\"PutRequest\" must hold an \"Item\"";
-  std::string why;
-  std::optional<Item> item = itemFromJson(put["Item"], &why);
-  if (!item) return "the item is not readable: " + why;
+// The reason the item cannot be stored in that table, or none.
+std::optional<std::string> checkRecord(const std::string& table, size_t, Item& item) {
+  const RecordTable* t = findTable(table);
+  if (t == nullptr) return "not a record table";  // the reader checked the table already
   std::optional<std::string> session;
   std::optional<int64_t> recordId, frameId;
-  if (!readString(*item, "SessionId", session) || !session) {
+  if (!readString(item, "SessionId", session) || !session) {
     return "\"SessionId\" must be a string";
   }
   if (!looksLikeUuid(*session)) return "\"SessionId\" must be a session UUID";
-  if (!readInteger(*item, kRecordIdAttribute, recordId) || !recordId || *recordId < 1) {
+  if (!readInteger(item, kRecordIdAttribute, recordId) || !recordId || *recordId < 1) {
     return "\"RecordId\" must be a positive integer";
   }
-  if (!readInteger(*item, "FrameId", frameId) || !frameId) {
+  if (!readInteger(item, "FrameId", frameId) || !frameId) {
     return "\"FrameId\" must be an integer";
   }
-  if (auto e = checkItemContents(*item)) return e->message;
-  if (auto bad = t.check(*item)) return bad;
-  *out = std::move(*item);
-  return std::nullopt;
+  if (auto e = checkItemContents(item)) return e->message;
+  return t->check(item);
 }
 
 }  // namespace
@@ -118,27 +110,13 @@ RecordBatch parseRecordBatch(std::string_view body, std::optional<BatchProblem>*
   if (body.size() > kMaxBatchBodyBytes) {
     return fail("Request body over " + std::to_string(kMaxBatchBodyBytes) + " bytes");
   }
-  const Json json = Json::parse(body, nullptr, false);
-  if (json.is_discarded()) return fail("Request body is not JSON");
-  if (!json.is_object()) return fail("Request body must be a JSON object");
-  const auto requestItems = json.find("RequestItems");
-  if (requestItems == json.end() || !requestItems->is_object()) {
-    return fail("\"RequestItems\" must be an object of tables");
+  RecordBatchReader reader(body, checkRecord);
+  if (!reader.read()) {
+    RecordBatchReader::Fault f = reader.fault();
+    return fail(std::move(f.message), std::move(f.table), f.index);
   }
-  for (const auto& [name, list] : requestItems->items()) {
-    const RecordTable* table = findTable(name);
-    if (table == nullptr) return fail("Unknown record table \"" + name + "\"");
-    if (!list.is_array()) return fail("\"" + name + "\" must be an array of write requests");
-    for (size_t i = 0; i < list.size(); ++i) {
-      Item item;
-      if (auto why = checkRecord(*table, list[i], &item)) {
-        return fail(name + "[" + std::to_string(i) + "]: " + *why, name, i);
-      }
-      batch.items.push_back({name, std::move(item)});
-      batch.indexes.push_back(i);
-    }
-  }
-  if (batch.items.empty()) return fail("The batch holds no items");
+  batch.items = std::move(reader.items());
+  batch.indexes = reader.indexes();
   return batch;
 }
 

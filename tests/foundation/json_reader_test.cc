@@ -105,6 +105,13 @@ TEST(IsValidUtf8, AcceptsTextOnly) {
       {"\xed\xa0\x80", false},         // surrogate U+D800
       {"\xf4\x90\x80\x80", false},     // past U+10FFFF
       {std::string("a\0b", 3), true},  // NUL is a character (JSON escapes it)
+      // Past runs of eight ASCII bytes, which are checked a word at a time.
+      {"0123456789abcdef\xff", false},
+      {"0123456\xc3\xa9"
+       "0123456789abcdef",
+       true},
+      {"01234567\xe2\x82", false},
+      {"0123456789abcde\xed\xa0\x80", false},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(isValidUtf8(c.bytes), c.valid) << ::testing::PrintToString(c.bytes);

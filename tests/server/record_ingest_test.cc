@@ -203,6 +203,95 @@ TEST(RecordBatch, ParsesEveryItemWithItsPlaceInItsTable) {
   EXPECT_EQ(places[ImageFeaturesModel::kTableName], (std::vector<size_t>{0}));
 }
 
+// The body is read in one pass without a JSON document: the same texts are JSON to it as to a
+// document parser, escapes decode as JSON says, problems keep their order, and a key written twice
+// inside the batch is refused.
+TEST(RecordBatch, ReadsTheBodyAsJsonSaysAndRefusesRepeatedKeys) {
+  const std::string s = "00000000-0000-4000-8000-000000000002";
+  // One scene-understanding record; NAME, X and EXTRA are filled in per case.
+  const std::string scene = R"({"PutRequest":{"Item":{"SessionId":{"S":")" + s +
+                            R"("},"RecordId":{"N":"1"},"FrameId":{"N":"4"},"ObjectId":{"N":"3"},)"
+                            R"("ObjectName":{"S":NAME},"PositionX":{"N":X},"PositionY":{"N":"0"},)"
+                            R"("PositionZ":{"N":"2"}EXTRA}}})";
+  const std::string features = R"({"PutRequest":{"Item":{"SessionId":{"S":")" + s +
+                               R"("},"RecordId":{"N":"2"},"FrameId":{"N":"4"},"Features_C":{"B":)"
+                               R"("AAEC\/w=="}}}})";
+  auto fill = [&](std::string name, std::string x = "\"1.5\"", std::string extra = "") {
+    std::string t = scene;
+    t.replace(t.find("NAME"), 4, name);
+    t.replace(t.find("X}"), 1, x);
+    t.replace(t.find("EXTRA"), 5, extra);
+    return t;
+  };
+  auto body = [&](const std::string& requests, const std::string& around = "") {
+    return "{" + around + R"("RequestItems":{"MapData-SceneUnderstanding":[)" + requests + "]}}";
+  };
+  const std::string good = fill("\"table\"");
+  struct Case {
+    const char* name;
+    std::string body;
+    std::optional<std::string> says;  // none: read, with this ObjectName
+    std::string objectName = "table";
+    bool itemAtFault = false;
+  };
+  const Case cases[] = {
+      {"byte-order mark and blanks", "\xEF\xBB\xBF \n" + body(good) + "\t\r\n", {}},
+      {"escapes",
+       body(fill(R"("t\u00e9ble \ud83d\ude00 \"x\" \\ \/ \n")")),
+       {},
+       "t\xC3\xA9"
+       "ble \xF0\x9F\x98\x80 \"x\" \\ / \n"},
+      {"other members of every kind",
+       body(good, R"("Other":[1e308,-0.5e-3,-0,true,false,null,{"a":[{}]},"\u0000"],)"),
+       {}},
+      {"bytes with an escaped slash",
+       R"({"RequestItems":{"MapData-ImageFeatures":[)" + features + "]}}",
+       {}},
+      {"trailing text", body(good) + "x", "Request body is not JSON"},
+      {"a NUL after the body", body(good) + std::string(1, '\0'), "Request body is not JSON"},
+      {"a trailing comma", body(good + ","), "Request body is not JSON"},
+      {"a number past a double", body(good, R"("Other":1e309,)"), "Request body is not JSON"},
+      {"a lone surrogate", body(fill(R"("\ud800")")), "Request body is not JSON"},
+      {"a control byte in a string", body(fill("\"a\tb\"")), "Request body is not JSON"},
+      {"bad UTF-8 in a name", body(fill("\"a\xC3(\"")), "Request body is not JSON"},
+      {"a bad item before broken text", body(fill("\"t\"", "\"1e\"") + ",{]"),
+       "Request body is not JSON"},
+      {"a table twice",
+       R"({"RequestItems":{"MapData-SceneUnderstanding":[)" + good +
+           R"(],"MapData-SceneUnderstanding":[)" + good + "]}}",
+       "Record table \"MapData-SceneUnderstanding\" appears twice"},
+      {"RequestItems twice", body(good, R"("RequestItems":{},)"), "\"RequestItems\" appears twice"},
+      {"an attribute twice", body(fill("\"t\"", "\"1\"", R"(,"FrameId":{"N":"5"})")),
+       "attribute FrameId appears twice", "", true},
+      {"two type keys", body(fill(R"("t","N":"1")")), "one type key", "", true},
+      {"a bad item and a second key: the shape is named",
+       body(R"({"PutRequest":{"Item":5},"DeleteRequest":{}})"), "holding only \"PutRequest\"", "",
+       true},
+      {"a map entry not a string",
+       body(fill("\"t\"", "\"1\"", R"(,"Tags":{"M":{"a":{"S":"x"},"b":{"N":"1"}}})")),
+       "map entry b is not a string value", "", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::optional<BatchProblem> problem;
+    const RecordBatch batch = parseRecordBatch(c.body, &problem);
+    if (!c.says) {
+      ASSERT_FALSE(problem) << problem->message;
+      ASSERT_EQ(batch.items.size(), 1u);
+      const Item& item = batch.items[0].item;
+      if (batch.items[0].table == ImageFeaturesModel::kTableName) {
+        EXPECT_EQ(item.at("Features_C").text, std::string("\x00\x01\x02\xff", 4));
+      } else {
+        EXPECT_EQ(item.at("ObjectName").text, c.objectName);
+      }
+      continue;
+    }
+    ASSERT_TRUE(problem);
+    EXPECT_NE(problem->message.find(*c.says), std::string::npos) << problem->message;
+    EXPECT_EQ(problem->table.has_value(), c.itemAtFault) << problem->message;
+  }
+}
+
 TEST(PlaneRecords, SeveralEventsOfOneFrameAreAllKeptInWriteOrder) {
   MemoryRecordStore store;
   ASSERT_FALSE(store.createTable(DetectedPlaneModel::schema()));

@@ -146,6 +146,11 @@ std::unique_ptr<SqliteRecordStore> SqliteRecordStore::open(const std::string& pa
       std::string(compact ? "PRAGMA page_size=8192;" : "") +
       std::string(
           "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+          // The writer's inserts land all over the key space (a session each): 16 MiB of cache
+          // and the file mapped spare it a read() per page; a WAL of 4000 pages between
+          // checkpoints writes a page rewritten by many commits back once, with a quarter of
+          // the checkpoints' syncs.
+          "PRAGMA cache_size=-16384; PRAGMA mmap_size=268435456; PRAGMA wal_autocheckpoint=4000;"
           "CREATE TABLE IF NOT EXISTS ") +
       kMetaTable +
       " (name TEXT PRIMARY KEY, hash_key TEXT NOT NULL, hash_type TEXT NOT NULL,"
@@ -209,6 +214,7 @@ SqliteRecordStore::ReadLease SqliteRecordStore::lease() {
       sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc == SQLITE_OK) {
     sqlite3_busy_timeout(db, options_.busyTimeoutMs);
+    sqlite3_exec(db, "PRAGMA mmap_size=268435456;", nullptr, nullptr, nullptr);  // as the writer
     return ReadLease(*this, std::make_unique<Connection>(db), {});
   }
   StoreError e{"SQLite: cannot open a read connection to " + path_ + ": " +

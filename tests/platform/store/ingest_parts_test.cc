@@ -5,6 +5,7 @@
 #include <set>
 
 #include "src/platform/store/attribute_json.h"
+#include "src/platform/store/base64.h"
 #include "src/platform/store/ingest_batch.h"
 #include "src/platform/store/record_outbox.h"
 #include "src/platform/store/retry_backoff.h"
@@ -243,6 +244,26 @@ TEST(ItemJsonTextTest, MatchesTheDocumentsDumpByteForByte) {
        }) {
     EXPECT_FALSE(itemToJsonText(bad).has_value());
     EXPECT_THROW(itemToJson(bad).dump(), Json::type_error);
+  }
+}
+
+TEST(Base64Test, DecodesWhatItEncodesAndRefusesWhatIsNotBase64) {
+  const std::pair<std::string, std::string> known[] = {
+      {"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
+      {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\x00\xff\xfe\x7f", 4), "AP/+fw=="},
+  };
+  for (const auto& [bytes, text] : known) {
+    EXPECT_EQ(base64Encode(bytes), text);
+    EXPECT_EQ(base64Decode(text), bytes) << text;
+  }
+  std::string all;
+  for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
+  for (size_t n = 0; n <= all.size(); n += 37) {
+    EXPECT_EQ(base64Decode(base64Encode(all.substr(0, n))), all.substr(0, n)) << n;
+  }
+  for (const char* bad :
+       {"Zg=", "Z===", "====", "=Zg=", "Zg=a", "Zm9v!A==", "Zm 9", "Zg==Zm8=", "Zm8\n"}) {
+    EXPECT_FALSE(base64Decode(bad).has_value()) << bad;
   }
 }
 
