@@ -108,7 +108,7 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
                                              : r.predictedError < out.checked->predictedError);
     if (better) out.checked = std::move(r);
   }
-  char line[200];
+  char line[256];
   std::snprintf(line, sizeof line, "; proposal inliers %d, match value %.3f", out.report.inliers,
                 out.report.matchValue);
   out.summary += line;
@@ -118,9 +118,9 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
   }
   const JointResult& c = *out.checked;
   std::snprintf(line, sizeof line,
-                "; checked %zu proposal(s): %d object(s) of %d near, %d wall(s) (%d disagreeing), "
-                "%d horizontal, %d point(s) of %d near, predicted error %.3f m",
-                proposals.size(), c.objects, c.objectsNear, c.walls, c.wallsDisagreeing,
+                "; checked %zu proposal(s): %d object(s) of %d near (%d label(s)), %d wall(s) (%d "
+                "disagreeing), %d horizontal, %d point(s) of %d near, predicted error %.3f m",
+                proposals.size(), c.objects, c.objectsNear, c.labels, c.walls, c.wallsDisagreeing,
                 c.horizontal, c.points, c.pointsNear, c.predictedError);
   out.summary += line;
   if (!c.verified) {

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 #include <optional>
+#include <set>
 
 namespace omra::server {
 namespace {
@@ -249,6 +250,9 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   out.transform = pose;
   out.objects = static_cast<int>(pairs.objects.size());
   out.objectsNear = pairs.objectsNear;
+  std::set<std::string> labels;
+  for (auto [i, j] : pairs.objects) labels.insert(map.landmarks[static_cast<size_t>(i)].label);
+  out.labels = static_cast<int>(labels.size());
   out.walls = static_cast<int>(pairs.walls.size());
   out.wallsDisagreeing = pairs.wallsDisagreeing;
   out.horizontal = static_cast<int>(pairs.floors.size());
@@ -284,15 +288,18 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   // Verification.
   const double shift = std::hypot(pose.tx - rough.tx, pose.ty - rough.ty, pose.tz - rough.tz);
   const bool pointsBothSides = mapPoints.size() > 0 && problem.sessionPointCount() > 0;
+  // Walls of two directions and a floor, none disagreeing: the room's shape agrees.
+  const bool wallsAgree = out.bothWays && out.horizontal > 0 && out.wallsDisagreeing == 0;
   if (shift > o.maxShift || std::fabs(wrapAngle(pose.theta - rough.theta)) > o.maxTurn) {
     out.why = "refinement left the hypothesis";
   } else if (out.predictedError > o.maxPredictedError) {
     out.why = "the evidence leaves too large an error";
-  } else if (out.wallsDisagreeing > out.walls) {
+  } else if (2 * out.wallsDisagreeing > out.walls) {
     out.why = "walls disagree";
-  } else if (out.objects < o.minObjects && !(out.objects >= o.minObjectsWithWalls && out.bothWays &&
-                                             out.horizontal > 0 && out.wallsDisagreeing == 0)) {
+  } else if (out.objects < (wallsAgree ? o.minObjectsWithWalls : o.minObjects)) {
     out.why = "too few objects agree";
+  } else if (out.labels < (wallsAgree ? o.minLabels - 1 : o.minLabels)) {
+    out.why = "too few kinds of object agree";
   } else if (out.objects < o.minObjectShare * out.objectsNear) {
     out.why = "most objects disagree";
   } else if (pointsBothSides && out.pointsNear >= o.minPoints &&

@@ -45,10 +45,14 @@ struct JointRefinerOptions {
   int minObjects = 3;
   double minObjectShare = 0.5;
   // Evidence that leaves a larger error than this verifies nothing: a few objects that happen to
-  // line up in another room leave a large one.
-  double maxPredictedError = 0.15;
+  // line up in another room leave a large one, and a result this loose is no fine result (the
+  // kit takes scene-understanding answers from match value 0.55 on: about 6 cm).
+  double maxPredictedError = 0.055;
   // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees.
   int minObjectsWithWalls = 2;
+  // Agreeing objects must be of this many labels (one fewer with such walls): a row of identical
+  // chairs fits any room that has such a row, and slid along it by a chair, its own.
+  int minLabels = 3;
   // A session wall facing the way a map wall faces, but this far from every such wall, disagrees.
   double wallConflict = 0.3;
   // With feature points on both sides: enough of them must agree, or they overrule the objects.
@@ -66,6 +70,7 @@ struct JointResult {
   bool verified = false;
   int objects = 0;      // object pairs that agree at the end
   int objectsNear = 0;  // session objects that land near a map object of any label
+  int labels = 0;       // distinct labels among the agreeing objects
   int walls = 0, horizontal = 0;
   int wallsDisagreeing = 0;
   int points = 0, pointsNear = 0;  // agreeing points, and points that land near the map's

@@ -286,6 +286,80 @@ TEST(JointRefiner, OneBadConstraintCannotPullTheResult) {
   }
 }
 
+// What a wrong place gives cannot verify: a row of identical chairs lined up with another room's
+// row (or slid along its own by a chair), walls that lie elsewhere, evidence too loose to be fine.
+TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
+  constexpr double kChairSpacing = 0.7;
+  auto withRow = [](std::vector<Landmark> landmarks, int chairs) {
+    for (int k = 0; k < chairs; ++k) {
+      landmarks.push_back({500 + k, "chair", {-1.4 + kChairSpacing * k, 0.45, 1.0}});
+    }
+    return landmarks;
+  };
+  const SyntheticRoom room = testing::makeSyntheticRoom(81, 12);
+  SceneEvidence map = room.evidence;
+  map.points.clear();
+  map.landmarks = withRow(map.landmarks, 5);
+  struct Case {
+    const char* name;
+    bool otherObjects = false;  // the session's other objects are another room's
+    bool rowOnly = false;       // the session saw the row of chairs and nothing else
+    double slide = 0;           // the hypothesis slid along the row, metres
+    int movedWalls = 0;         // session walls 0.6 m out of place
+    double noise = 0.004;
+    int keep = 0;               // above 0: the session saw only that many objects and no planes
+    const char* why = nullptr;  // none: verified
+  };
+  const Case cases[] = {
+      {"the right room"},
+      {"the right room, one wall of four elsewhere", false, false, 0, 1},
+      {"another room with the same row", true, false, 0, 0, 0.004, 0,
+       "too few kinds of object agree"},
+      {"the row alone, slid by a chair", false, true, kChairSpacing, 0, 0.004, 0,
+       "too few kinds of object agree"},
+      {"half the walls elsewhere", false, false, 0, 2, 0.004, 0, "walls disagree"},
+      {"four loose objects", false, false, 0, 0, 0.06, 4, "the evidence leaves too large an error"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SceneEvidence seen = map;
+    if (c.otherObjects) {
+      seen.landmarks = withRow(testing::makeSyntheticRoom(82, 12).evidence.landmarks, 5);
+    }
+    if (c.rowOnly) {
+      // ... and the walls along it, which cannot tell where along the row it stands.
+      seen.landmarks = withRow({}, 5);
+      std::erase_if(seen.planes, [](const PlaneObservation& p) { return p.normal[0] != 0; });
+    }
+    if (c.keep > 0) {
+      seen.landmarks.resize(static_cast<size_t>(c.keep));
+      seen.planes.clear();
+    }
+    SceneEvidence session = testing::carried(seen, kTruth, c.noise, 83);
+    for (int k = 0; k < c.movedWalls; ++k) {
+      PlaneObservation& wall = session.planes[static_cast<size_t>(k)];
+      ASSERT_TRUE(wall.vertical);
+      for (size_t a = 0; a < 3; ++a) wall.origin[a] -= 0.6 * wall.normal[a];
+    }
+    // The hypothesis (slid along the row in the map's frame), a little off as proposals are.
+    Pose4 rough = kTruth;
+    const Vec3 slide = Pose4{0, 0, 0, kTruth.theta}.apply({c.slide, 0, 0});
+    rough.tx += slide[0] + 0.04;
+    rough.tz += slide[2] - 0.03;
+    rough.theta += 1 * kDeg;
+    const JointResult r = JointRefiner().refine(rough, map, PointGrid(), session);
+    if (!c.why) {
+      EXPECT_TRUE(r.verified) << r.why;
+      EXPECT_LT(translationError(r.transform, kTruth), 0.02);
+      EXPECT_GT(r.matchValue, 0.55);
+    } else {
+      EXPECT_FALSE(r.verified);
+      EXPECT_EQ(r.why, c.why);
+      EXPECT_EQ(r.matchValue, 0);
+    }
+  }
+}
+
 TEST(ImageFeatureIndex, ApproximateSearchFindsWhatTheFullScanFinds) {
   const auto map = testing::makeFrames(3000, 48, 71);
   const ImageFeatureIndex exact(map, map.size() + 1), approximate(map, 1);
