@@ -35,7 +35,11 @@ double translationError(const Pose4& a, const Pose4& b) {
 // One store with the server's tables, a map written under "map" and sessions under any name.
 class JobsTest : public ::testing::Test {
  protected:
-  JobsTest() : maps_(store_) { EXPECT_FALSE(createAllTables(store_)); }
+  // Sessions cached between runs, as the server has them.
+  JobsTest() : maps_(store_) {
+    EXPECT_FALSE(createAllTables(store_));
+    options_.sessions = std::make_shared<SessionSceneCache>();
+  }
 
   void write(const std::string& id, const SceneRecords& scene) {
     testing::writeScene(store_, id, scene);
