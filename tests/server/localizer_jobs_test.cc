@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <numbers>
+#include <thread>
 
 #include "server/localizers/joint_refiner.h"
 #include "server/localizers/map_index_cache.h"
@@ -17,6 +19,7 @@
 #include "src/cloud/record_item.h"
 #include "src/cloud/scene_understanding_model.h"
 #include "src/platform/store/memory_record_store.h"
+#include "tests/server/map_service_testutil.h"
 #include "tests/server/server_testutil.h"
 
 namespace omra::server {
@@ -178,8 +181,8 @@ TEST_F(JobsTest, ContradictingRecordsAreSkippedAndCounted) {
   EXPECT_LT(translationError(*written("s", kImageMatcher), kTruth), 0.02);
 }
 
-// The map is read once and reused; a new map record makes the next run read it again; a cache
-// too small for any map keeps none.
+// The map is read once and reused, also by runs that ask at once; a new map record makes the next
+// run read it again; a cache too small for any map keeps none.
 TEST_F(JobsTest, MapIndexIsBuiltOnceAndRebuiltWhenTheMapGrows) {
   const SyntheticRoom room = testing::makeSyntheticRoom(41);
   write("map", {room.evidence, room.frames});
@@ -216,6 +219,20 @@ TEST_F(JobsTest, MapIndexIsBuiltOnceAndRebuiltWhenTheMapGrows) {
     EXPECT_TRUE(out.wrote) << out.summary;
   }
   EXPECT_EQ(options_.cache->entries(), 1u);
+  // Runs that ask at once for a map not yet built wait for one build.
+  MapIndexCache fresh;
+  std::atomic<int> builds{0};
+  std::vector<std::thread> runs;
+  for (int i = 0; i < 4; ++i) {
+    runs.emplace_back([&] {
+      bool b = false;
+      std::optional<StoreError> own;
+      EXPECT_TRUE(fresh.get(store_, "map", &own, &b));
+      builds += b;
+    });
+  }
+  for (std::thread& t : runs) t.join();
+  EXPECT_EQ(builds.load(), 1);
   MapIndexCache tiny(1);
   bool built = false;
   std::optional<StoreError> e;
@@ -223,6 +240,27 @@ TEST_F(JobsTest, MapIndexIsBuiltOnceAndRebuiltWhenTheMapGrows) {
   EXPECT_TRUE(built);
   EXPECT_EQ(tiny.entries(), 0u);
   EXPECT_EQ(tiny.bytes(), 0u);
+}
+
+// Opening a localization session builds its map's index ahead of the session's first run.
+TEST(MapIndexCache, IsBuiltWhenALocalizationSessionOpens) {
+  MapServiceOptions options;
+  options.localizers.cache = std::make_shared<MapIndexCache>();
+  testing::RouteHarness h(options);
+  const std::string mapUuid = h.createMap("den");
+  ASSERT_FALSE(mapUuid.empty());
+  const SyntheticRoom room = testing::makeSyntheticRoom(43);
+  testing::writeScene(h.store(), mapUuid, {room.evidence, room.frames});
+  EXPECT_EQ(options.localizers.cache->entries(), 0u);
+  const Answer opened =
+      h.post("/prod/maps/create_localization_session", testing::openingBody("den"));
+  ASSERT_EQ(opened.status, 200) << opened.body.dump();
+  h.jobs().waitIdle();
+  EXPECT_EQ(options.localizers.cache->entries(), 1u);
+  bool built = true;
+  std::optional<StoreError> e;
+  ASSERT_TRUE(options.localizers.cache->get(h.store(), mapUuid, &e, &built));
+  EXPECT_FALSE(built);
 }
 
 // The match value falls as the evidence gets noisier or scarcer, and the predicted error is of
