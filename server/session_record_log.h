@@ -2,8 +2,9 @@
 // the previous one and folds them into what was read before, so that reading a session costs what
 // arrived since, not the whole session. Records that arrive late with a lower "RecordId" (a batch
 // retried after a later one) are caught: while the record identifiers seen across the five tables
-// leave a gap, updates read again from the gap and skip what they already hold. A record stored
-// again under its key is taken to be the same record (the kit re-sends items unchanged).
+// leave a gap, updates read again from the gap and skip what they already hold. This relies on the
+// kit's numbering: one sequence per session across the five tables. A record stored again under
+// its key is taken to be the same record (the kit re-sends items unchanged).
 // Owned by SessionSceneCache (one per cached session); not thread-safe.
 #pragma once
 
