@@ -166,11 +166,6 @@ Answer MapService::createLocalizationSession(const Caller& caller, const Request
   LocalizationSessionRecord s{newUuid(),      map->uuid, o.appId,
                               caller.account, o.userId,  uniqueMicros()};
   if (auto se = store_.addSession(s)) return storeFailure(*se);
-  // The map's index is built while the phone scans, not at the session's first run.
-  jobs_.trigger(map->uuid + "/index", [this, mapUuid = map->uuid] {
-    std::optional<StoreError> e;
-    options_.localizers.cache->get(store_.records(), mapUuid, &e);
-  });
   return {200, Json{{"session_uuid", s.uuid}, {"map_uuid", map->uuid}}};
 }
 

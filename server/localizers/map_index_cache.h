@@ -2,8 +2,7 @@
 // its indexes built once rather than at every run. An entry is rebuilt when new records arrived
 // under the map since it was built (a cheap look past the newest record of each table), and the
 // least recently used entries go when the cache holds more than its bound. One map is built by one
-// caller at a time: others asking for it meanwhile wait for that build rather than repeat it (so
-// a build started ahead, when a localization session opens, serves the session's first run).
+// caller at a time: others asking for it meanwhile wait for that build rather than repeat it.
 // Owned by the service that runs the localizers; thread-safe.
 #pragma once
 

@@ -19,7 +19,6 @@
 #include "src/cloud/record_item.h"
 #include "src/cloud/scene_understanding_model.h"
 #include "src/platform/store/memory_record_store.h"
-#include "tests/server/map_service_testutil.h"
 #include "tests/server/server_testutil.h"
 
 namespace omra::server {
@@ -240,27 +239,6 @@ TEST_F(JobsTest, MapIndexIsBuiltOnceAndRebuiltWhenTheMapGrows) {
   EXPECT_TRUE(built);
   EXPECT_EQ(tiny.entries(), 0u);
   EXPECT_EQ(tiny.bytes(), 0u);
-}
-
-// Opening a localization session builds its map's index ahead of the session's first run.
-TEST(MapIndexCache, IsBuiltWhenALocalizationSessionOpens) {
-  MapServiceOptions options;
-  options.localizers.cache = std::make_shared<MapIndexCache>();
-  testing::RouteHarness h(options);
-  const std::string mapUuid = h.createMap("den");
-  ASSERT_FALSE(mapUuid.empty());
-  const SyntheticRoom room = testing::makeSyntheticRoom(43);
-  testing::writeScene(h.store(), mapUuid, {room.evidence, room.frames});
-  EXPECT_EQ(options.localizers.cache->entries(), 0u);
-  const Answer opened =
-      h.post("/prod/maps/create_localization_session", testing::openingBody("den"));
-  ASSERT_EQ(opened.status, 200) << opened.body.dump();
-  h.jobs().waitIdle();
-  EXPECT_EQ(options.localizers.cache->entries(), 1u);
-  bool built = true;
-  std::optional<StoreError> e;
-  ASSERT_TRUE(options.localizers.cache->get(h.store(), mapUuid, &e, &built));
-  EXPECT_FALSE(built);
 }
 
 // The match value falls as the evidence gets noisier or scarcer, and the predicted error is of
