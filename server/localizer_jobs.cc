@@ -46,7 +46,8 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
       return out;
     }
   }
-  // The map side comes from the cache (read and indexed once); the session side is read anew.
+  // The map side comes from the cache (read and indexed once); the session side from its own
+  // cache (only records new since the last run are read) or read anew.
   const bool images = localizer == kImageMatcher;
   std::shared_ptr<const MapIndex> map;
   bool built = true;
@@ -56,7 +57,13 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
     map = std::make_shared<const MapIndex>(readSessionScene(records, mapUuid, true, &out.error));
   }
   if (out.error || !map) return out;
-  const SessionScene session = readSessionScene(records, sessionUuid, images, &out.error);
+  std::shared_ptr<NeighbourMemo> memo;
+  const SessionScene session = [&] {
+    if (!options.sessions) return readSessionScene(records, sessionUuid, images, &out.error);
+    SessionSceneCache::View view = options.sessions->get(records, sessionUuid, images, &out.error);
+    memo = std::move(view.memo);
+    return std::move(view.scene);
+  }();
   if (out.error) return out;
   const SceneEvidence& mapScene = map->evidence();
   out.warning = images ? noFramesWarning(localizer, mapUuid, sessionUuid, map->images().size(),
@@ -68,8 +75,9 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
   std::vector<Pose4> proposals;
   const SuLocalizer su(options.su);
   if (images) {
-    const auto groups = ImageMatcher(options.imageMatcher)
-                            .proposals(map->images(), session.frames, options.imageProposals);
+    const auto groups =
+        ImageMatcher(options.imageMatcher)
+            .proposals(map->images(), session.frames, options.imageProposals, memo.get());
     for (const LocalizerReport& g : groups) {
       if (!g.found) continue;
       if (proposals.empty()) out.report = g;

@@ -14,6 +14,7 @@
 #include "server/localizers/plane_refiner.h"
 #include "server/localizers/su_localizer.h"
 #include "server/map_store.h"
+#include "server/session_scene_cache.h"
 
 namespace omra::server {
 
@@ -37,6 +38,9 @@ struct LocalizerOptions {
   int imageProposals = 3;
   // Maps' indexes kept between runs; none: each run reads and indexes the map anew.
   std::shared_ptr<MapIndexCache> cache;
+  // Localization sessions' records and matches kept between runs; none: each run reads the
+  // session anew and matches all its frames.
+  std::shared_ptr<SessionSceneCache> sessions;
 };
 
 struct JobOutcome {

@@ -50,6 +50,9 @@ MapService::MapService(RecordStore& store, JobRunner& jobs, MapServiceOptions op
   options_.allowedDeveloperKeys.clear();  // only the hashes stay
   // Maps are read and indexed once, then reused by every localizer run.
   if (!options_.localizers.cache) options_.localizers.cache = std::make_shared<MapIndexCache>();
+  if (!options_.localizers.sessions) {
+    options_.localizers.sessions = std::make_shared<SessionSceneCache>();
+  }
 }
 
 Answer MapService::handle(const Request& request) {

@@ -28,21 +28,36 @@ std::optional<PlaneObservation> parsePlaneTransform(const std::string& text) {
   return p;
 }
 
+std::optional<DetectedPlaneModel> planeEventOf(const Item& item) {
+  std::optional<DetectedPlaneModel> m = DetectedPlaneModel::fromItem(item);
+  if (m && !m->planeId) m.reset();
+  return m;
+}
+
 std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& sessionId,
                                          std::optional<StoreError>* error, size_t* skipped) {
   size_t bad = 0;
-  // Records come in "RecordId" order, the order the kit wrote them; a plane's state is the one of
-  // its latest frame (the stable sort keeps write order within a frame).
   std::vector<DetectedPlaneModel> events;
   for (const Item& item :
        queryAll(store, DetectedPlaneModel::kTableName, AttributeValue::string(sessionId), error)) {
-    std::optional<DetectedPlaneModel> m = DetectedPlaneModel::fromItem(item);
-    if (m && m->planeId) {
+    std::optional<DetectedPlaneModel> m = planeEventOf(item);
+    if (m) {
       events.push_back(std::move(*m));
     } else {
       ++bad;
     }
   }
+  size_t badFold = 0;
+  std::vector<PlaneObservation> out = foldPlaneEvents(std::move(events), &badFold);
+  if (skipped) *skipped = bad + badFold;
+  return out;
+}
+
+std::vector<PlaneObservation> foldPlaneEvents(std::vector<DetectedPlaneModel> events,
+                                              size_t* skipped) {
+  size_t bad = 0;
+  // Records come in "RecordId" order, the order the kit wrote them; a plane's state is the one of
+  // its latest frame (the stable sort keeps write order within a frame).
   std::stable_sort(events.begin(), events.end(), [](const auto& a, const auto& b) {
     return a.frameId.value_or(0) < b.frameId.value_or(0);
   });

@@ -9,6 +9,7 @@
 
 #include "omrakit/platform/record_store.h"
 #include "server/localizers/plane_refiner.h"
+#include "src/cloud/detected_plane_model.h"
 
 namespace omra::server {
 
@@ -16,6 +17,12 @@ namespace omra::server {
 std::vector<PlaneObservation> readPlanes(RecordStore& store, const std::string& sessionId,
                                          std::optional<StoreError>* error,
                                          size_t* skipped = nullptr);
+
+// The same in two steps, for a reader that takes records as they arrive: one record as a plane
+// event (none when it names no plane), and events in the order they were read folded into planes.
+std::optional<DetectedPlaneModel> planeEventOf(const Item& item);
+std::vector<PlaneObservation> foldPlaneEvents(std::vector<DetectedPlaneModel> events,
+                                              size_t* skipped = nullptr);
 
 // A plane anchor's transform text (sixteen numbers, column by column) as origin and unit normal
 // (the anchor's y axis); none when it does not parse.

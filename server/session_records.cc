@@ -91,34 +91,51 @@ std::optional<std::vector<std::pair<uint64_t, Vec3>>> parsePointText(std::string
   return out;
 }
 
+void addPoints(const Item& item, std::map<uint64_t, Vec3>& latest, ReadStats& stats) {
+  ++stats.records;
+  auto m = PointCloudModel::fromItem(item);
+  std::optional<std::string> text;
+  if (m && m->featuresC) text = decompress(*m->featuresC);
+  auto points = text ? parsePointText(*text) : std::nullopt;
+  if (!points) {
+    ++stats.skipped;
+    return;
+  }
+  for (const auto& [id, p] : *points) {
+    if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) {
+      ++stats.skipped;
+      continue;
+    }
+    latest[id] = p;
+  }
+}
+
 std::vector<Vec3> readPoints(RecordStore& store, const std::string& sessionId,
                              std::optional<StoreError>* error, ReadStats* stats) {
   ReadStats local;
   std::map<uint64_t, Vec3> latest;
   for (const Item& item :
        queryAll(store, PointCloudModel::kTableName, AttributeValue::string(sessionId), error)) {
-    ++local.records;
-    auto m = PointCloudModel::fromItem(item);
-    std::optional<std::string> text;
-    if (m && m->featuresC) text = decompress(*m->featuresC);
-    auto points = text ? parsePointText(*text) : std::nullopt;
-    if (!points) {
-      ++local.skipped;
-      continue;
-    }
-    for (const auto& [id, p] : *points) {
-      if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) {
-        ++local.skipped;
-        continue;
-      }
-      latest[id] = p;
-    }
+    addPoints(item, latest, local);
   }
   std::vector<Vec3> out;
   out.reserve(latest.size());
   for (const auto& [id, p] : latest) out.push_back(p);
   if (stats) *stats = local;
   return out;
+}
+
+std::optional<ObjectObservation> addObservation(const Item& item, ReadStats& stats) {
+  ++stats.records;
+  auto m = SceneUnderstandingModel::fromItem(item);
+  if (!m || !m->objectId || !m->objectName || !m->positionX || !m->positionY || !m->positionZ ||
+      !std::isfinite(*m->positionX) || !std::isfinite(*m->positionY) ||
+      !std::isfinite(*m->positionZ)) {
+    ++stats.skipped;
+    return std::nullopt;
+  }
+  return ObjectObservation{
+      *m->objectId, *m->objectName, {*m->positionX, *m->positionY, *m->positionZ}};
 }
 
 std::vector<ObjectObservation> readObservations(RecordStore& store, const std::string& sessionId,
@@ -128,58 +145,53 @@ std::vector<ObjectObservation> readObservations(RecordStore& store, const std::s
   ReadStats local;
   for (const Item& item : queryAll(store, SceneUnderstandingModel::kTableName,
                                    AttributeValue::string(sessionId), error)) {
-    ++local.records;
-    auto m = SceneUnderstandingModel::fromItem(item);
-    if (!m || !m->objectId || !m->objectName || !m->positionX || !m->positionY || !m->positionZ ||
-        !std::isfinite(*m->positionX) || !std::isfinite(*m->positionY) ||
-        !std::isfinite(*m->positionZ)) {
-      ++local.skipped;
-      continue;
-    }
-    out.push_back({*m->objectId, *m->objectName, {*m->positionX, *m->positionY, *m->positionZ}});
+    if (auto o = addObservation(item, local)) out.push_back(std::move(*o));
   }
   if (stats) *stats = local;
   return out;
 }
 
-std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::string& sessionId,
-                                             std::optional<StoreError>* error, ReadStats* stats,
-                                             int maxFrameGap) {
-  ReadStats local;
-  const AttributeValue hash = AttributeValue::string(sessionId);
-  std::map<int64_t, Mat4> poses;
-  for (const Item& item : queryAll(store, CameraPathModel::kTableName, hash, error)) {
-    ++local.records;
-    auto m = CameraPathModel::fromItem(item);
-    if (!m || !m->transforms) {
-      ++local.skipped;
-      continue;
-    }
-    for (const auto& [frameText, poseText] : *m->transforms) {
-      int64_t frame = 0;
-      auto pose = parsePoseText(poseText);
-      if (!parseNumber(std::string_view(frameText), frame) || !pose) {
-        ++local.skipped;
-        continue;
-      }
-      poses[frame] = *pose;
-    }
+void addPoses(const Item& item, std::map<int64_t, Mat4>& poses, ReadStats& stats) {
+  ++stats.records;
+  auto m = CameraPathModel::fromItem(item);
+  if (!m || !m->transforms) {
+    ++stats.skipped;
+    return;
   }
-  std::vector<PosedFeatures> out;
-  if (error && *error) return out;
-  for (const Item& item : queryAll(store, ImageFeaturesModel::kTableName, hash, error)) {
-    ++local.records;
-    auto m = ImageFeaturesModel::fromItem(item);
-    std::optional<std::string> text;
-    if (m && m->featuresC) text = decompress(*m->featuresC);
-    // An empty vector compresses to a valid stream that inflates to nothing: no use here.
-    auto features = text ? parseFeatureText(*text) : std::nullopt;
-    if (!m || !m->frameId || !features || features->empty()) {
-      ++local.skipped;
+  for (const auto& [frameText, poseText] : *m->transforms) {
+    int64_t frame = 0;
+    auto pose = parsePoseText(poseText);
+    if (!parseNumber(std::string_view(frameText), frame) || !pose) {
+      ++stats.skipped;
       continue;
     }
+    poses[frame] = *pose;
+  }
+}
+
+std::optional<FrameFeatures> addFeatures(const Item& item, ReadStats& stats) {
+  ++stats.records;
+  auto m = ImageFeaturesModel::fromItem(item);
+  std::optional<std::string> text;
+  if (m && m->featuresC) text = decompress(*m->featuresC);
+  // An empty vector compresses to a valid stream that inflates to nothing: no use here.
+  auto features = text ? parseFeatureText(*text) : std::nullopt;
+  if (!m || !m->frameId || !features || features->empty()) {
+    ++stats.skipped;
+    return std::nullopt;
+  }
+  return FrameFeatures{*m->frameId, std::move(*features)};
+}
+
+std::vector<PosedFeatures> pairWithPoses(const std::vector<FrameFeatures>& frames,
+                                         const std::map<int64_t, Mat4>& poses, size_t* skipped,
+                                         int maxFrameGap) {
+  std::vector<PosedFeatures> out;
+  out.reserve(frames.size());
+  size_t bad = 0;
+  for (const FrameFeatures& ff : frames) {
     // The nearest camera-path frame; on a tie the earlier one.
-    const int64_t f = *m->frameId;
+    const int64_t f = ff.frameId;
     const Mat4* pose = nullptr;
     int64_t gap = maxFrameGap + 1;
     auto it = poses.lower_bound(f - maxFrameGap);
@@ -193,15 +205,34 @@ std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::stri
     if (!pose) {
       // Inside the recorded path a missing pose contradicts the records; beyond its end the
       // path's next block has simply not arrived yet.
-      if (!poses.empty() && f <= poses.rbegin()->first) ++local.skipped;
+      if (!poses.empty() && f <= poses.rbegin()->first) ++bad;
       continue;
     }
-    out.push_back({f, *pose, std::move(*features)});
+    out.push_back({f, *pose, ff.features});
   }
   // Records come in the order the kit wrote them; the matcher wants frame order.
   std::stable_sort(out.begin(), out.end(), [](const PosedFeatures& a, const PosedFeatures& b) {
     return a.frameId < b.frameId;
   });
+  if (skipped) *skipped += bad;
+  return out;
+}
+
+std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::string& sessionId,
+                                             std::optional<StoreError>* error, ReadStats* stats,
+                                             int maxFrameGap) {
+  ReadStats local;
+  const AttributeValue hash = AttributeValue::string(sessionId);
+  std::map<int64_t, Mat4> poses;
+  for (const Item& item : queryAll(store, CameraPathModel::kTableName, hash, error)) {
+    addPoses(item, poses, local);
+  }
+  if (error && *error) return {};
+  std::vector<FrameFeatures> frames;
+  for (const Item& item : queryAll(store, ImageFeaturesModel::kTableName, hash, error)) {
+    if (auto f = addFeatures(item, local)) frames.push_back(std::move(*f));
+  }
+  std::vector<PosedFeatures> out = pairWithPoses(frames, poses, &local.skipped, maxFrameGap);
   if (stats) *stats = local;
   return out;
 }

@@ -2,6 +2,7 @@
 // that do not parse are skipped (counted), never fatal. Free functions; thread-safe.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,6 +33,25 @@ std::vector<PosedFeatures> readPosedFeatures(RecordStore& store, const std::stri
 // identifier. Points that are not finite are skipped and counted.
 std::vector<Vec3> readPoints(RecordStore& store, const std::string& sessionId,
                              std::optional<StoreError>* error, ReadStats* stats = nullptr);
+
+// The readers above in steps, for a reader that takes records as they arrive. Each step takes one
+// record and counts it (and what of it was skipped) in stats.
+std::optional<ObjectObservation> addObservation(const Item& item, ReadStats& stats);
+// Point-cloud record: its points into latest (identifier -> newest position).
+void addPoints(const Item& item, std::map<uint64_t, Vec3>& latest, ReadStats& stats);
+// Camera-path record: its poses into poses (frame -> pose).
+void addPoses(const Item& item, std::map<int64_t, Mat4>& poses, ReadStats& stats);
+// Image-features record: its frame and vector, none when it has no usable vector.
+struct FrameFeatures {
+  int64_t frameId = 0;
+  std::vector<float> features;
+};
+std::optional<FrameFeatures> addFeatures(const Item& item, ReadStats& stats);
+// Pairs each feature frame (in the order read) with its nearest pose as readPosedFeatures does,
+// in frame order; frames whose pose is missing inside the recorded path are counted in skipped.
+std::vector<PosedFeatures> pairWithPoses(const std::vector<FrameFeatures>& frames,
+                                         const std::map<int64_t, Mat4>& poses, size_t* skipped,
+                                         int maxFrameGap = 5);
 
 // "{99:[0.5,-1.25,2],100:[1,2,3]}" -> (identifier, point) pairs; absent when the text does not
 // have that shape. A point with a component that is not finite keeps its place with NaN, for the

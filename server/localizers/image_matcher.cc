@@ -1,11 +1,14 @@
 #include "server/localizers/image_matcher.h"
 
-// hnswlib's hand-vectorised build prefetches one link past the end of a list, a read out of
-// bounds; its plain build does not, and the compiler vectorises the distances well enough.
+// hnswlib's hand-vectorised build (0.6.2) prefetches the link after the last one of a list while
+// it walks the graph (`*(datal + j + 1)`), which reads past the end of an upper layer's list when
+// that list is full: a heap read out of bounds. The plain build has no prefetches; the distance
+// is ours (below), vectorised, so nothing is lost.
 #define NO_MANUAL_VECTORIZATION
 #include <hnswlib/hnswlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -19,13 +22,14 @@ typedef float V8 __attribute__((vector_size(32)));
 // Vectors stay inside one function: passing them by value would tie the ABI to the AVX choice.
 #define OMRA_LOAD8(dst, p) std::memcpy(&(dst), (p), sizeof(V8))
 #define OMRA_SUM8(v) \
-  (((v)[0] + (v)[1]) + ((v)[2] + (v)[3])) + (((v)[4] + (v)[5]) + ((v)[6] + (v)[7]))
+  ((((v)[0] + (v)[1]) + ((v)[2] + (v)[3])) + (((v)[4] + (v)[5]) + ((v)[6] + (v)[7])))
 
-// The hot loop, built twice where the compiler can: for AVX2 with FMA and for the baseline, the
-// better one picked at load time.
+// The hot loops, built twice where the compiler can: for x86-64-v3 (AVX2, FMA) and for the
+// baseline, the better one picked at load time. ("arch=haswell" would ask for that very CPU model
+// and leave every later one on the baseline.)
 // Not under the thread sanitizer: its instrumented load-time resolver would run before it starts.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
-#define OMRA_SIMD_CLONES __attribute__((target_clones("arch=haswell", "default")))
+#define OMRA_SIMD_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
 #else
 #define OMRA_SIMD_CLONES
 #endif
@@ -56,6 +60,45 @@ void bestOfRows(const float* matrix, size_t rows, size_t stride, const float* co
   }
 }
 
+// The graph's distance: 1 - inner product of two unit rows of `*param` floats (a multiple of 8).
+OMRA_SIMD_CLONES
+float innerDistance(const void* a, const void* b, const void* param) {
+  const auto* x = static_cast<const float*>(a);
+  const auto* y = static_cast<const float*>(b);
+  const size_t n = *static_cast<const size_t*>(param);
+  V8 a0{}, a1{};
+  size_t k = 0;
+  for (; k + 16 <= n; k += 16) {
+    V8 x0, y0, x1, y1;
+    OMRA_LOAD8(x0, x + k);
+    OMRA_LOAD8(y0, y + k);
+    OMRA_LOAD8(x1, x + k + 8);
+    OMRA_LOAD8(y1, y + k + 8);
+    a0 += x0 * y0;
+    a1 += x1 * y1;
+  }
+  for (; k < n; k += 8) {
+    V8 x0, y0;
+    OMRA_LOAD8(x0, x + k);
+    OMRA_LOAD8(y0, y + k);
+    a0 += x0 * y0;
+  }
+  a0 += a1;
+  return 1.0f - OMRA_SUM8(a0);
+}
+
+// Rows of `stride` floats compared by innerDistance.
+class UnitRowSpace : public hnswlib::SpaceInterface<float> {
+ public:
+  explicit UnitRowSpace(size_t stride) : stride_(stride) {}
+  size_t get_data_size() override { return stride_ * sizeof(float); }
+  hnswlib::DISTFUNC<float> get_dist_func() override { return innerDistance; }
+  void* get_dist_func_param() override { return &stride_; }
+
+ private:
+  size_t stride_;
+};
+
 struct Match {
   float similarity;
   int64_t sessionFrame;
@@ -81,9 +124,52 @@ class ApproximateSearch {
   size_t bytes(size_t rows) const { return rows * (graph_.size_data_per_element_ + 64); }
 
  private:
-  hnswlib::InnerProductSpace space_;
+  UnitRowSpace space_;
   hnswlib::HierarchicalNSW<float> graph_;
 };
+
+namespace {
+std::atomic<uint64_t> nextIndexSerial{1};
+}  // namespace
+
+uint64_t NeighbourMemo::keyOf(const PosedFeatures& frame) {
+  // 64-bit FNV-1a over the frame identifier and the features' bits, a word at a time.
+  uint64_t h = 0xcbf29ce484222325ull;
+  auto mix = [&h](uint64_t w) {
+    h ^= w;
+    h *= 0x100000001b3ull;
+  };
+  mix(static_cast<uint64_t>(frame.frameId));
+  mix(frame.features.size());
+  for (float x : frame.features) {
+    uint32_t bits;
+    std::memcpy(&bits, &x, sizeof bits);
+    mix(bits);
+  }
+  return h;
+}
+
+std::optional<NeighbourMemo::Best> NeighbourMemo::find(uint64_t indexSerial, uint64_t key) const {
+  std::lock_guard lock(mutex_);
+  if (indexSerial != serial_) return std::nullopt;
+  auto it = best_.find(key);
+  if (it == best_.end()) return std::nullopt;
+  return it->second;
+}
+
+void NeighbourMemo::put(uint64_t indexSerial, uint64_t key, Best best) {
+  std::lock_guard lock(mutex_);
+  if (indexSerial != serial_) {
+    best_.clear();
+    serial_ = indexSerial;
+  }
+  best_[key] = best;
+}
+
+size_t NeighbourMemo::size() const {
+  std::lock_guard lock(mutex_);
+  return best_.size();
+}
 
 ImageFeatureIndex::~ImageFeatureIndex() = default;
 ImageFeatureIndex::ImageFeatureIndex(ImageFeatureIndex&&) noexcept = default;
@@ -94,7 +180,8 @@ size_t ImageFeatureIndex::bytes() const {
 }
 
 ImageFeatureIndex::ImageFeatureIndex(const std::vector<PosedFeatures>& frames,
-                                     size_t approximateFrom) {
+                                     size_t approximateFrom)
+    : serial_(nextIndexSerial.fetch_add(1)) {
   // The most common dimension wins; frames of another dimension cannot be compared.
   std::map<size_t, int> dims;
   for (const PosedFeatures& f : frames) {
@@ -154,7 +241,7 @@ LocalizerReport ImageMatcher::estimate(const ImageFeatureIndex& map,
 
 std::vector<LocalizerReport> ImageMatcher::proposals(const ImageFeatureIndex& map,
                                                      const std::vector<PosedFeatures>& session,
-                                                     int maxGroups) const {
+                                                     int maxGroups, NeighbourMemo* memo) const {
   std::vector<LocalizerReport> out;
   if (map.size() == 0 || session.empty()) return out;
 
@@ -167,19 +254,39 @@ std::vector<LocalizerReport> ImageMatcher::proposals(const ImageFeatureIndex& ma
       usable.push_back(i);
     }
   }
+  // Frames the memo knows need no search; the others go four at a time.
+  std::vector<std::pair<int, float>> found(usable.size(), {-1, -2.0f});
+  std::vector<uint64_t> keys(memo ? usable.size() : 0);
+  std::vector<size_t> todo;
+  todo.reserve(usable.size());
+  for (size_t u = 0; u < usable.size(); ++u) {
+    if (memo) {
+      keys[u] = NeighbourMemo::keyOf(session[usable[u]]);
+      if (auto known = memo->find(map.serial(), keys[u])) {
+        found[u] = *known;
+        continue;
+      }
+    }
+    todo.push_back(u);
+  }
+  for (size_t b = 0; b < todo.size(); b += 4) {
+    const float* v[4];
+    for (size_t q = 0; q < 4; ++q)
+      v[q] = unit.data() + todo[std::min(b + q, todo.size() - 1)] * stride;
+    std::pair<int, float> four[4];
+    map.best4(v, four);
+    for (size_t q = 0; q < 4 && b + q < todo.size(); ++q) {
+      found[todo[b + q]] = four[q];
+      if (memo) memo->put(map.serial(), keys[todo[b + q]], four[q]);
+    }
+  }
   std::vector<Match> matches;
   matches.reserve(usable.size());
-  for (size_t b = 0; b < usable.size(); b += 4) {
-    const float* v[4];
-    for (size_t q = 0; q < 4; ++q) v[q] = unit.data() + std::min(b + q, usable.size() - 1) * stride;
-    std::pair<int, float> found[4];
-    map.best4(v, found);
-    for (size_t q = 0; q < 4 && b + q < usable.size(); ++q) {
-      if (found[q].first < 0) continue;
-      const PosedFeatures& f = session[usable[b + q]];
-      const Mat4 t = multiply(f.cameraPose, rigidInverse(map.pose(found[q].first)));
-      matches.push_back({found[q].second, f.frameId, reduceToPose4(t)});
-    }
+  for (size_t u = 0; u < usable.size(); ++u) {
+    if (found[u].first < 0) continue;
+    const PosedFeatures& f = session[usable[u]];
+    const Mat4 t = multiply(f.cameraPose, rigidInverse(map.pose(found[u].first)));
+    matches.push_back({found[u].second, f.frameId, reduceToPose4(t)});
   }
   if (matches.empty()) return out;
 

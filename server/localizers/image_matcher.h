@@ -5,6 +5,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "server/localizers/pose4.h"
@@ -41,6 +44,8 @@ class ImageFeatureIndex {
   ImageFeatureIndex(ImageFeatureIndex&&) noexcept;
 
   size_t size() const { return poses_.size(); }
+  // Distinct for every index built in this process: what a NeighbourMemo is tied to.
+  uint64_t serial() const { return serial_; }
   size_t dimension() const { return dim_; }
   // Best (index, cosine similarity) for a vector of this index's dimension; index -1 when empty.
   std::pair<int, float> best(const float* unitVector) const;
@@ -56,10 +61,29 @@ class ImageFeatureIndex {
   size_t bytes() const;
 
  private:
+  uint64_t serial_ = 0;
   size_t dim_ = 0, stride_ = 0;
   std::unique_ptr<ApproximateSearch> search_;
   std::vector<float> matrix_;  // size() rows of stride_ floats
   std::vector<Mat4> poses_;
+};
+
+// The best map row already found for each of one session's frames (keyed by frame and features),
+// so that a later run against the same index searches only the frames new since. Answers for
+// another index are dropped when the first of the new one arrives. Owned by the session's cache
+// entry; thread-safe.
+class NeighbourMemo {
+ public:
+  using Best = std::pair<int, float>;
+  static uint64_t keyOf(const PosedFeatures& frame);
+  std::optional<Best> find(uint64_t indexSerial, uint64_t key) const;
+  void put(uint64_t indexSerial, uint64_t key, Best best);
+  size_t size() const;
+
+ private:
+  mutable std::mutex mutex_;
+  uint64_t serial_ = 0;                      // guarded by mutex_
+  std::unordered_map<uint64_t, Best> best_;  // guarded by mutex_
 };
 
 class ImageMatcher {
@@ -70,9 +94,10 @@ class ImageMatcher {
                            const std::vector<PosedFeatures>& session) const;
   // The best groups of agreeing matches, best first, each as estimate() reports one (found when it
   // holds enough): hypotheses for a check against the scene, not answers.
+  // With a memo, frames it knows are not searched again, and new answers go into it.
   std::vector<LocalizerReport> proposals(const ImageFeatureIndex& map,
-                                         const std::vector<PosedFeatures>& session,
-                                         int maxGroups) const;
+                                         const std::vector<PosedFeatures>& session, int maxGroups,
+                                         NeighbourMemo* memo = nullptr) const;
 
  private:
   ImageMatcherOptions options_;

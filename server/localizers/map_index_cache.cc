@@ -60,9 +60,8 @@ bool MapIndexCache::grewSince(RecordStore& store, const std::string& mapId,
   return false;
 }
 
-std::shared_ptr<const MapIndex> MapIndexCache::get(RecordStore& store, const std::string& mapId,
-                                                   std::optional<StoreError>* error, bool* built) {
-  if (built) *built = false;
+std::shared_ptr<const MapIndex> MapIndexCache::fresh(RecordStore& store, const std::string& mapId,
+                                                     std::optional<StoreError>* error) {
   std::optional<NewestKeys> cachedKeys;
   std::shared_ptr<const MapIndex> cached;
   {
@@ -74,42 +73,78 @@ std::shared_ptr<const MapIndex> MapIndexCache::get(RecordStore& store, const std
       lru_.splice(lru_.begin(), lru_, it->second.use);
     }
   }
+  if (cached && !grewSince(store, mapId, *cachedKeys, error)) return cached;
+  return nullptr;
+}
+
+std::shared_ptr<std::mutex> MapIndexCache::buildLock(const std::string& mapId) {
+  std::lock_guard lock(mutex_);
+  std::shared_ptr<std::mutex>& slot = building_[mapId];
+  if (!slot) slot = std::make_shared<std::mutex>();
+  return slot;
+}
+
+void MapIndexCache::dropBuildLock(const std::string& mapId, std::shared_ptr<std::mutex>& held) {
+  std::lock_guard lock(mutex_);
+  held.reset();
+  auto it = building_.find(mapId);
+  if (it != building_.end() && it->second.use_count() == 1) building_.erase(it);
+}
+
+std::shared_ptr<const MapIndex> MapIndexCache::get(RecordStore& store, const std::string& mapId,
+                                                   std::optional<StoreError>* error, bool* built) {
+  if (built) *built = false;
   std::optional<StoreError> own;
-  if (cached && !grewSince(store, mapId, *cachedKeys, &own)) return cached;
+  if (auto cached = fresh(store, mapId, &own)) return cached;
   if (own) {
     if (error) *error = own;
     return nullptr;
   }
+  std::shared_ptr<std::mutex> lock = buildLock(mapId);
+  std::unique_lock building(*lock);
+  // Someone else may have built it while this caller waited.
+  if (auto cached = fresh(store, mapId, &own)) {
+    building.unlock();
+    dropBuildLock(mapId, lock);
+    return cached;
+  }
   // Keys first: records that arrive while the index is built are seen as new next time.
-  NewestKeys keys = newestKeys(store, mapId, &own);
+  NewestKeys keys;
   std::shared_ptr<const MapIndex> index;
+  if (!own) keys = newestKeys(store, mapId, &own);
   if (!own) {
     index = std::make_shared<const MapIndex>(readSessionScene(store, mapId, true, &own));
   }
   if (own) {
+    building.unlock();
+    dropBuildLock(mapId, lock);
     if (error) *error = own;
     return nullptr;
   }
   if (built) *built = true;
   const size_t size = index->bytes();
-  std::lock_guard lock(mutex_);
-  auto it = entries_.find(mapId);
-  if (it != entries_.end()) {
-    bytes_ -= it->second.bytes;
-    lru_.erase(it->second.use);
-    entries_.erase(it);
-  }
-  if (size <= maxBytes_) {
-    lru_.push_front(mapId);
-    entries_[mapId] = Entry{index, std::move(keys), size, lru_.begin()};
-    bytes_ += size;
-    while (bytes_ > maxBytes_ && !lru_.empty()) {
-      auto victim = entries_.find(lru_.back());
-      bytes_ -= victim->second.bytes;
-      entries_.erase(victim);
-      lru_.pop_back();
+  {
+    std::lock_guard guard(mutex_);
+    auto it = entries_.find(mapId);
+    if (it != entries_.end()) {
+      bytes_ -= it->second.bytes;
+      lru_.erase(it->second.use);
+      entries_.erase(it);
+    }
+    if (size <= maxBytes_) {
+      lru_.push_front(mapId);
+      entries_[mapId] = Entry{index, std::move(keys), size, lru_.begin()};
+      bytes_ += size;
+      while (bytes_ > maxBytes_ && !lru_.empty()) {
+        auto victim = entries_.find(lru_.back());
+        bytes_ -= victim->second.bytes;
+        entries_.erase(victim);
+        lru_.pop_back();
+      }
     }
   }
+  building.unlock();
+  dropBuildLock(mapId, lock);
   return index;
 }
 

@@ -49,6 +49,7 @@ TEST(WrongRoom, NoLocalizerAnswersForAnotherRoomsMap) {
   server::MapStore maps(*store);
   server::LocalizerOptions options;
   options.cache = std::make_shared<server::MapIndexCache>();
+  options.sessions = std::make_shared<server::SessionSceneCache>();
   for (size_t i = 0; i < rooms.size(); ++i) {
     const std::string& session = *rooms[(i + 1) % rooms.size()].localization.sessionUUID;
     const std::string& ownMap = *rooms[(i + 1) % rooms.size()].mapping.mapUUID;

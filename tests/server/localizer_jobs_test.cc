@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <numbers>
+#include <thread>
 
 #include "server/localizers/joint_refiner.h"
 #include "server/localizers/map_index_cache.h"
@@ -35,7 +37,11 @@ double translationError(const Pose4& a, const Pose4& b) {
 // One store with the server's tables, a map written under "map" and sessions under any name.
 class JobsTest : public ::testing::Test {
  protected:
-  JobsTest() : maps_(store_) { EXPECT_FALSE(createAllTables(store_)); }
+  // Sessions cached between runs, as the server has them.
+  JobsTest() : maps_(store_) {
+    EXPECT_FALSE(createAllTables(store_));
+    options_.sessions = std::make_shared<SessionSceneCache>();
+  }
 
   void write(const std::string& id, const SceneRecords& scene) {
     testing::writeScene(store_, id, scene);
@@ -174,8 +180,8 @@ TEST_F(JobsTest, ContradictingRecordsAreSkippedAndCounted) {
   EXPECT_LT(translationError(*written("s", kImageMatcher), kTruth), 0.02);
 }
 
-// The map is read once and reused; a new map record makes the next run read it again; a cache
-// too small for any map keeps none.
+// The map is read once and reused, also by runs that ask at once; a new map record makes the next
+// run read it again; a cache too small for any map keeps none.
 TEST_F(JobsTest, MapIndexIsBuiltOnceAndRebuiltWhenTheMapGrows) {
   const SyntheticRoom room = testing::makeSyntheticRoom(41);
   write("map", {room.evidence, room.frames});
@@ -212,6 +218,20 @@ TEST_F(JobsTest, MapIndexIsBuiltOnceAndRebuiltWhenTheMapGrows) {
     EXPECT_TRUE(out.wrote) << out.summary;
   }
   EXPECT_EQ(options_.cache->entries(), 1u);
+  // Runs that ask at once for a map not yet built wait for one build.
+  MapIndexCache fresh;
+  std::atomic<int> builds{0};
+  std::vector<std::thread> runs;
+  for (int i = 0; i < 4; ++i) {
+    runs.emplace_back([&] {
+      bool b = false;
+      std::optional<StoreError> own;
+      EXPECT_TRUE(fresh.get(store_, "map", &own, &b));
+      builds += b;
+    });
+  }
+  for (std::thread& t : runs) t.join();
+  EXPECT_EQ(builds.load(), 1);
   MapIndexCache tiny(1);
   bool built = false;
   std::optional<StoreError> e;

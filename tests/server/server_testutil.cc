@@ -160,8 +160,10 @@ SceneEvidence carried(const SceneEvidence& scene, const Pose4& pose, double nois
   return out;
 }
 
-void writeScene(RecordStore& store, const std::string& sessionId, const SceneRecords& scene) {
-  int64_t recordId = 0;
+void writeScene(RecordStore& store, const std::string& sessionId, const SceneRecords& scene,
+                int64_t* lastRecordId) {
+  int64_t ownRecordId = 0;
+  int64_t& recordId = lastRecordId ? *lastRecordId : ownRecordId;
   auto put = [&](const char* table, const Item& item) {
     store.put(table, withRecordId(item, ++recordId));
   };

@@ -46,12 +46,15 @@ std::vector<Vec3> roomPoints(double width, double depth, const std::vector<Landm
 SceneEvidence carried(const SceneEvidence& scene, const Pose4& pose, double noise, uint64_t seed);
 
 // A session as the kit records it: objects (three sightings each), image features with the
-// camera path, planes and (when given) feature points, under sessionId, record ids from 1.
+// camera path, planes and (when given) feature points, under sessionId, record ids from 1 (with
+// lastRecordId: from *lastRecordId + 1, and *lastRecordId left at the last one written, so that a
+// session can be written in parts).
 struct SceneRecords {
   SceneEvidence evidence;
   std::vector<PosedFeatures> frames;
 };
-void writeScene(RecordStore& store, const std::string& sessionId, const SceneRecords& scene);
+void writeScene(RecordStore& store, const std::string& sessionId, const SceneRecords& scene,
+                int64_t* lastRecordId = nullptr);
 
 // The room seed makes: landmarks, shell and points in the room's own frame, and frames.
 struct SyntheticRoom {
