@@ -1,12 +1,10 @@
 #include "src/cloud/cloud_api.h"
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
 #include "omrakit/settings.h"
 #include "src/cloud/metrics.h"
@@ -16,6 +14,7 @@
 #include "src/platform/fixed_device_info.h"
 #include "src/platform/memory_metrics_sink.h"
 #include "tests/common/locale_testutil.h"
+#include "tests/platform/loopback_server_testutil.h"
 
 namespace omra {
 namespace {
@@ -24,8 +23,8 @@ struct CapturedRequest {
   std::string method, path, body, contentType;
 };
 
-// Listens on 127.0.0.1 at an ephemeral port from construction to destruction, records what it
-// receives and answers as told. Thread-safe.
+// Listens on loopback from construction to destruction, records what it receives and answers as
+// told. Thread-safe.
 class CapturingServer {
  public:
   CapturingServer() {
@@ -36,19 +35,12 @@ class CapturingServer {
       res.set_content(body_, contentType_.c_str());
     };
     // One request per connection, so that stopping never waits for an idle keep-alive.
-    server_.set_keep_alive_max_count(1);
-    server_.Post(".*", handler);
-    server_.Get(".*", handler);
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    // stop() before the accept loop runs would be lost and the join would hang.
-    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    loopback_.server().set_keep_alive_max_count(1);
+    loopback_.server().Post(".*", handler);
+    loopback_.server().Get(".*", handler);
+    origin_ = loopback_.start();
   }
-  ~CapturingServer() {
-    server_.stop();
-    thread_.join();
-  }
-  std::string origin() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  const std::string& origin() const { return origin_; }
   // The answer to every later request.
   void setReply(int status, std::string body, std::string contentType) {
     std::lock_guard lock(mutex_);
@@ -62,14 +54,13 @@ class CapturingServer {
   }
 
  private:
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
   mutable std::mutex mutex_;
   std::vector<CapturedRequest> requests_;
   int status_ = 200;
   std::string body_ = "{}";
   std::string contentType_ = "application/json";
+  std::string origin_;
+  testing::LoopbackServer loopback_;  // last: stops before what its handler touches goes
 };
 
 // Forwards to a real client and counts completions after the caller's completion returned, so a
@@ -295,8 +286,9 @@ TEST_F(CloudApiTest, DeliveryRules) {
   for (const auto& s : scenarios) {
     SCOPED_TRACE(s.name);
     server_.setReply(s.status == 0 ? 200 : s.status, s.body, s.contentType);
-    // A closed server's port: connections are refused.
-    CloudAPI api = makeClient(false, s.status == 0 ? CapturingServer().origin() : server_.origin());
+    CloudAPI api = makeClient(
+        false, s.status == 0 ? "http://127.0.0.1:" + std::to_string(testing::unusedLoopbackPort())
+                             : server_.origin());
     std::vector<Json> mapping, localization, placed, found;
     std::vector<std::vector<Map>> nearby;
     api.initiateMappingSession("a", "u", "m", {}, [&](Json j) { mapping.push_back(j); });

@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <limits>
-#include <mutex>
 #include <random>
 
 #include "src/cloud/camera_path_model.h"

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <mutex>
 
 #include "src/cloud/camera_path_model.h"
 #include "src/cloud/camera_path_model_queue.h"

@@ -5,10 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -90,21 +87,14 @@ TEST(OmraCommand, TwoDevicesShareOnlyTheServer) {
             0);
 
   const std::string serverLog = (dir / "server.log").string();
-  const pid_t server = fork();
-  ASSERT_GE(server, 0);
-  if (server == 0) {
-    if (!freopen(serverLog.c_str(), "w", stderr)) _exit(127);
-    const std::string binary = std::string(OMRA_BINARY_DIR) + "/tools/omra";
-    const std::string store = "sqlite:" + (dir / "server.db").string();
-    execl(binary.c_str(), binary.c_str(), "server", "--port", "0", "--store", store.c_str(),
-          static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  const std::string store = "sqlite:" + (dir / "server.db").string();
+  const pid_t server =
+      omra::testing::spawnOmra({"server", "--port", "0", "--store", store}, serverLog);
+  ASSERT_GT(server, 0);
   // The server says where it listens.
   std::string url;
   for (int i = 0; i < 200 && url.empty(); ++i) {
-    std::ifstream in(serverLog);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string text = omra::testing::fileText(serverLog);
     const size_t at = text.find("listening on ");
     const size_t end = at == std::string::npos ? at : text.find('\n', at);
     if (end != std::string::npos) url = text.substr(at + 13, end - at - 13);
@@ -127,8 +117,7 @@ TEST(OmraCommand, TwoDevicesShareOnlyTheServer) {
   EXPECT_NE(back.output.find("assets after"), std::string::npos) << back.output;
   EXPECT_NE(back.output.find("from where it belongs"), std::string::npos) << back.output;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "server exit " << status;
-  std::ifstream in(serverLog);
-  const std::string log((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string log = omra::testing::fileText(serverLog);
   EXPECT_NE(log.find("records/batch_write 200"), std::string::npos) << log;
   std::filesystem::remove_all(dir);
 }

@@ -1,7 +1,5 @@
 #include "tests/mapping/mapping_testutil.h"
 
-#include <thread>
-
 #include "src/cloud/record_tables.h"
 #include "src/foundation/json_reader.h"
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "omrakit/detected_object.h"
 #include "omrakit/settings.h"
 #include "src/cloud/camera_path_model.h"

@@ -2,7 +2,6 @@
 // then read-only.
 #pragma once
 
-#include <functional>
 #include <map>
 #include <vector>
 
