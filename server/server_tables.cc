@@ -7,11 +7,11 @@ namespace omra::server {
 std::vector<TableSchema> serverTableSchemas() {
   return {
       {kMapsTable, "MapUuid", KeyType::kString, std::nullopt, KeyType::kNumber},
-      {kMapsByNameTable, "NameKey", KeyType::kString, "Created", KeyType::kNumber},
-      {kMapsByAccountTable, "AccountKey", KeyType::kString, "Created", KeyType::kNumber},
-      {kMapsByCellTable, "CellKey", KeyType::kString, "MapUuid", KeyType::kString},
+      {kMapsByNameTable, "NameKey", KeyType::kString, "Created", KeyType::kNumber, true},
+      {kMapsByAccountTable, "AccountKey", KeyType::kString, "Created", KeyType::kNumber, true},
+      {kMapsByCellTable, "CellKey", KeyType::kString, "MapUuid", KeyType::kString, true},
       {kNearbyIndexedTable, "AccountKey", KeyType::kString, std::nullopt, KeyType::kNumber},
-      {kPlacementsTable, "MapUuid", KeyType::kString, "AssetId", KeyType::kString},
+      {kPlacementsTable, "MapUuid", KeyType::kString, "AssetId", KeyType::kString, true},
       {kLocalizationSessionsTable, "SessionUuid", KeyType::kString, std::nullopt, KeyType::kNumber},
   };
 }

@@ -47,6 +47,9 @@ struct TableSchema {
   KeyType hashType = KeyType::kString;
   std::optional<std::string> rangeKey;
   KeyType rangeType = KeyType::kNumber;
+  // Small items read mostly in key ranges (index tables): a store that can keep them in key order
+  // does, so that a range reads a few pages rather than one per item.
+  bool clustered = false;
 };
 
 // DynamoDB's limit on one item, enforced by every store so that a too-large item is seen locally.

@@ -299,15 +299,14 @@ std::optional<StoreError> SqliteRecordStore::createTable(const TableSchema& sche
   }
   if (auto e = exec("BEGIN IMMEDIATE")) return e;
   const std::string q = quoteIdentifier(schema.name);
-  std::string create;
-  if (options_.rowForm == Options::RowForm::kJsonText) {
-    create = "CREATE TABLE IF NOT EXISTS " + q +
-             " (hash NOT NULL, range NOT NULL, item TEXT NOT NULL,"
-             " PRIMARY KEY (hash, range)) WITHOUT ROWID";
-  } else {
-    create = "CREATE TABLE IF NOT EXISTS " + q +
-             " (hash NOT NULL, range NOT NULL, item BLOB NOT NULL, UNIQUE (hash, range))";
-  }
+  const bool json = options_.rowForm == Options::RowForm::kJsonText;
+  const std::string columns = std::string(" (hash NOT NULL, range NOT NULL, item ") +
+                              (json ? "TEXT" : "BLOB") + " NOT NULL, ";
+  // Items are kept in key order (one b-tree) where that costs no space: JSON rows, and small
+  // items read in ranges. Large rows keep a rowid table, where a row spills only past a page.
+  const std::string create = "CREATE TABLE IF NOT EXISTS " + q + columns +
+                             (json || schema.clustered ? "PRIMARY KEY (hash, range)) WITHOUT ROWID"
+                                                       : "UNIQUE (hash, range))");
   std::optional<StoreError> error = exec(create.c_str());
   if (!error) {
     Statement s;

@@ -150,11 +150,47 @@ TEST(SqliteRecordStoreTest, ItemsSurviveReopeningAndPendingSavesAreWrittenOnClos
   auto store = openOrFail(path);
   ASSERT_TRUE(store);
   EXPECT_EQ(queryAll(*store, CameraPathModel::kTableName, AttributeValue::string("S")).size(), 50u);
-  // Re-creating with the same keys is fine; with other keys it is refused.
+  // Re-creating with the same keys is fine, whatever the layout asked; with other keys, refused.
   EXPECT_FALSE(store->createTable(CameraPathModel::schema()).has_value());
+  TableSchema clustered = CameraPathModel::schema();
+  clustered.clustered = true;
+  EXPECT_FALSE(store->createTable(clustered).has_value());
   TableSchema other = CameraPathModel::schema();
   other.rangeKey = "Timestamp";
   EXPECT_TRUE(store->createTable(other).has_value());
+
+  // A table kept in key order reads its ranges in order after reopening, as the other layout does.
+  clustered.name = "Clustered";
+  ASSERT_FALSE(store->createTable(clustered).has_value());
+  for (int i : {7, 3, 9, 1, 5}) {
+    store->save("Clustered", withRecordId(CameraPathModel("S", i, {}).toItem(), i), {});
+  }
+  store.reset();
+  store = openOrFail(path);
+  ASSERT_TRUE(store);
+  std::vector<int64_t> ids;
+  for (const Item& item : queryAll(*store, "Clustered", AttributeValue::string("S"))) {
+    std::optional<int64_t> id;
+    EXPECT_TRUE(readInteger(item, kRecordIdAttribute, id) && id);
+    ids.push_back(id.value_or(-1));
+  }
+  EXPECT_EQ(ids, (std::vector<int64_t>{1, 3, 5, 7, 9}));
+  // ...and is one b-tree in key order, where the records' tables keep rowids.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  auto layout = [&](const char* table) {
+    sqlite3_stmt* st = nullptr;
+    sqlite3_prepare_v2(db, "SELECT sql FROM sqlite_master WHERE name = ?1", -1, &st, nullptr);
+    sqlite3_bind_text(st, 1, table, -1, SQLITE_STATIC);
+    std::string sql = sqlite3_step(st) == SQLITE_ROW
+                          ? reinterpret_cast<const char*>(sqlite3_column_text(st, 0))
+                          : "";
+    sqlite3_finalize(st);
+    return sql.find("WITHOUT ROWID") != std::string::npos;
+  };
+  EXPECT_TRUE(layout("Clustered"));
+  EXPECT_FALSE(layout(CameraPathModel::kTableName));
+  sqlite3_close(db);
 }
 
 // Another connection holds the write lock and the store's own writer waits for it: reads still
