@@ -213,7 +213,8 @@ void HttpConnection::answer(const Answer& a, bool close, const std::string& reas
   response_.result(static_cast<unsigned>(a.status));
   response_.set(http::field::content_type, "application/json");
   for (const auto& [name, value] : a.headers) response_.set(name, value);
-  response_.body() = a.body.dump(-1, ' ', false, Json::error_handler_t::replace);
+  response_.body() =
+      a.text.empty() ? a.body.dump(-1, ' ', false, Json::error_handler_t::replace) : a.text;
   response_.keep_alive(!close);
   response_.prepare_payload();
   stream_.expires_after(shared_->options.writeTimeout);

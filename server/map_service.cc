@@ -6,6 +6,7 @@
 #include "server/account.h"
 #include "server/body_reader.h"
 #include "server/ids.h"
+#include "server/json_text.h"
 #include "server/record_batch.h"
 #include "src/foundation/json_reader.h"
 
@@ -206,18 +207,31 @@ Answer MapService::listNearbyMaps(const Caller& caller, const Request& request) 
   std::optional<StoreError> e;
   NearbyPage page = store_.nearbyMaps(q, &e);
   if (e) return storeFailure(*e);
-  Json out = Json::array();
+  // Written as text: a page is a hundred maps, and a document of them costs more than the search.
+  Answer a;
+  std::string& out = a.text;
+  out.reserve(page.maps.size() * 192 + 2);
+  out += '[';
   for (const NearbyMap& n : page.maps) {
     const MapRecord& m = n.map;
-    out.push_back(Json{{"user_id", m.userId},
-                       {"map_id", m.mapId},
-                       {"latitude", m.location->latitude},
-                       {"longitude", m.location->longitude},
-                       {"altitude", m.location->altitude},
-                       {"vertical_accuracy", m.location->verticalAccuracy},
-                       {"horizontal_accuracy", m.location->horizontalAccuracy}});
+    if (out.size() > 1) out += ',';
+    out += "{\"user_id\":";
+    appendJsonString(out, m.userId);
+    out += ",\"map_id\":";
+    appendJsonString(out, m.mapId);
+    const std::pair<const char*, double> numbers[] = {
+        {",\"latitude\":", m.location->latitude},
+        {",\"longitude\":", m.location->longitude},
+        {",\"altitude\":", m.location->altitude},
+        {",\"vertical_accuracy\":", m.location->verticalAccuracy},
+        {",\"horizontal_accuracy\":", m.location->horizontalAccuracy}};
+    for (const auto& [name, value] : numbers) {
+      out += name;
+      appendJsonNumber(out, value);
+    }
+    out += '}';
   }
-  Answer a{200, std::move(out)};
+  out += ']';
   if (page.next) a.headers[kNextPageHeader] = nearbyTokenText(*page.next);
   return a;
 }

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <functional>
 #include <queue>
-#include <tuple>
+#include <unordered_set>
 
 #include "omrakit/platform/http_client.h"
 #include "server/account.h"
@@ -306,12 +306,17 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
   const std::string owner = cellOwner(q.appId, q.account);
   NearbyPage out;
   const size_t keep = q.limit + 1;  // one past the page tells whether another follows
-  auto nearer = [](const NearbyMap& a, const NearbyMap& b) {
-    return std::tie(a.metres, a.map.uuid) < std::tie(b.metres, b.map.uuid);
+  // Candidates are views into the entries read, which stay put until the page is copied out.
+  struct Candidate {
+    double metres;
+    CellEntry entry;
   };
-  std::vector<NearbyMap> best;           // a max-heap under nearer: the farthest kept on top
-  std::unordered_set<std::string> seen;  // maps offered to best (coarser cells repeat them)
-  std::vector<Item> items;
+  auto nearer = [](const Candidate& a, const Candidate& b) {
+    return listedBefore(a.metres, a.entry.uuid, b.metres, b.entry.uuid);
+  };
+  std::vector<Candidate> best;                // a max-heap under nearer: the farthest kept on top
+  std::unordered_set<std::string_view> seen;  // maps offered to best (coarser cells repeat them)
+  std::vector<std::vector<Item>> read;        // every cell's entries, kept while views point in
   while (!cells.empty()) {
     const Pending p = cells.top();
     cells.pop();
@@ -319,7 +324,7 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
     if (q.after && cellMaxMetres(p.cell, box.latitude, box.longitude) < q.after->metres) {
       continue;  // all of it went out on earlier pages
     }
-    items.clear();
+    std::vector<Item>& items = read.emplace_back();
     const bool finest = p.cell.level == kGridFinestLevel;
     const size_t probe = p.cell.level < kGridFinestLevel - 1 ? kCoarseProbe : kFineProbe;
     const bool crowded =
@@ -335,21 +340,18 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
           haversineMetres(box.latitude, box.longitude, m->at.latitude, m->at.longitude);
       // Cheap refusals first: most entries a listing reads are too far for its page.
       if (best.size() == keep &&
-          !listedBefore(metres, m->uuid, best.front().metres, best.front().map.uuid)) {
+          !listedBefore(metres, m->uuid, best.front().metres, best.front().entry.uuid)) {
         continue;
       }
       if (q.after && !listedBefore(q.after->metres, q.after->uuid, metres, m->uuid)) continue;
       if (q.userId && m->userId != *q.userId) continue;
       if (!seen.emplace(m->uuid).second) continue;
-      NearbyMap found{MapRecord{std::string(m->uuid), q.appId, q.account, std::string(m->userId),
-                                std::string(m->mapId), 0, m->at},
-                      metres};
       if (best.size() < keep) {
-        best.push_back(std::move(found));
+        best.push_back({metres, *m});
         std::push_heap(best.begin(), best.end(), nearer);
       } else {
         std::pop_heap(best.begin(), best.end(), nearer);
-        best.back() = std::move(found);
+        best.back() = {metres, *m};
         std::push_heap(best.begin(), best.end(), nearer);
       }
     }
@@ -365,9 +367,15 @@ NearbyPage MapStore::nearbyMaps(const NearbyQuery& q, std::optional<StoreError>*
   std::sort_heap(best.begin(), best.end(), nearer);
   if (best.size() > q.limit) {
     best.resize(q.limit);
-    out.next = NearbyCursor{best.back().metres, best.back().map.uuid};
+    out.next = NearbyCursor{best.back().metres, std::string(best.back().entry.uuid)};
   }
-  out.maps = std::move(best);
+  out.maps.reserve(best.size());
+  for (const Candidate& c : best) {
+    const CellEntry& e = c.entry;
+    out.maps.push_back({MapRecord{std::string(e.uuid), q.appId, q.account, std::string(e.userId),
+                                  std::string(e.mapId), 0, e.at},
+                        c.metres});
+  }
   return out;
 }
 

@@ -28,6 +28,7 @@ struct Answer {
 
   int status = 200;
   Json body;
+  std::string text;  // when not empty, the body already written as JSON text (sent instead of body)
   std::map<std::string, std::string> headers;  // extra headers, e.g. "Retry-After"
 };
 

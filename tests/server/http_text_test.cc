@@ -1,13 +1,16 @@
 // The HTTP front's pure parts: target decoding, log escaping, content decoding under a limit and
-// the header checks that keep a request from being read two ways.
+// the header checks that keep a request from being read two ways; JSON answers written as text.
 #include "server/http_text.h"
 
 #include <gtest/gtest.h>
 
 #include <boost/beast/http/parser.hpp>
+#include <cmath>
 
 #include "server/content_decoding.h"
 #include "server/http_request_reader.h"
+#include "server/json_text.h"
+#include "src/foundation/json_reader.h"
 #include "tests/server/http_testutil.h"
 
 namespace omra::server {
@@ -171,6 +174,41 @@ TEST(HeaderChecks, RefuseWhatTwoPartiesCouldFrameDifferently) {
   }
   // A folded line inside the body is the body's business.
   EXPECT_FALSE(hasFoldedHeaderLine(start + "Content-Length: 4\r\n\r\n\n x\n"));
+}
+
+// Answer text must read back as what was written, whatever the stored strings hold.
+TEST(JsonText, ReadsBackAsWritten) {
+  const struct {
+    std::string in, expected;
+  } strings[] = {
+      {"plain", "plain"},
+      {"quote \" and \\ back", "quote \" and \\ back"},
+      {"line\nfeed\ttab\x01\x1f", "line\nfeed\ttab\x01\x1f"},
+      {"caf\xc3\xa9 \xe2\x82\xac", "caf\xc3\xa9 \xe2\x82\xac"},
+      {"bad \xff byte", "bad \xef\xbf\xbd byte"},
+      {"cut \xc3", "cut \xef\xbf\xbd"},
+      {std::string("nul\0in", 6), std::string("nul\0in", 6)},
+  };
+  for (const auto& c : strings) {
+    std::string text;
+    appendJsonString(text, c.in);
+    const auto doc = readJson(text);
+    ASSERT_TRUE(doc) << text;
+    EXPECT_EQ(doc->get<std::string>(), c.expected) << text;
+  }
+  for (double v :
+       {0.0, -0.0, 0.1, -2.5, 48.712345678901234, 1e-300, 1.7976931348623157e308, 35.0}) {
+    std::string text;
+    appendJsonNumber(text, v);
+    const auto doc = readJson(text);
+    ASSERT_TRUE(doc && doc->is_number()) << text;
+    EXPECT_EQ(doc->get<double>(), v) << text;
+  }
+  for (double v : {NAN, INFINITY, -INFINITY}) {
+    std::string text;
+    appendJsonNumber(text, v);
+    EXPECT_EQ(text, "null");
+  }
 }
 
 }  // namespace
