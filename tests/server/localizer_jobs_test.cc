@@ -375,6 +375,7 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     double noise = 0.004;
     int keep = 0;               // above 0: the session saw only that many objects and no planes
     const char* why = nullptr;  // none: verified
+    double turnedWalls = 0;     // radians every session wall is turned by
   };
   const Case cases[] = {
       {"the right room"},
@@ -385,6 +386,8 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
        "too few kinds of object agree"},
       {"half the walls elsewhere", false, false, 0, 2, 0.004, 0, "walls disagree"},
       {"four loose objects", false, false, 0, 0, 0.06, 4, "the evidence leaves too large an error"},
+      // No wall pairs up, so none contradicts one: the rooms' walls must still face the same ways.
+      {"walls facing other ways", false, false, 0, 0, 0.004, 0, "walls disagree", 15 * kDeg},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -406,6 +409,9 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
       PlaneObservation& wall = session.planes[static_cast<size_t>(k)];
       ASSERT_TRUE(wall.vertical);
       for (size_t a = 0; a < 3; ++a) wall.origin[a] -= 0.6 * wall.normal[a];
+    }
+    for (PlaneObservation& p : session.planes) {
+      if (p.vertical) p.normal = Pose4{0, 0, 0, c.turnedWalls}.apply(p.normal);
     }
     // The hypothesis (slid along the row in the map's frame), a little off as proposals are.
     Pose4 rough = kTruth;
