@@ -31,34 +31,66 @@ Vec3 turnDerivative(double theta, const Vec3& m) {
   return {-s * m[0] + c * m[2], 0, -c * m[0] - s * m[2]};
 }
 
-// Accumulates weighted least-squares terms with a Cauchy loss, so that one moved chair or one
+// The robust weight of an object's (or a point's) squared normalised residual u2: one that sits
+// on the wrong face of its object, or is not the same object at all, is a gross error, not a
+// wide one, so its weight falls to nothing rather than to a share (Geman-McClure with scale 3).
+double objectWeight(double u2) {
+  const double f = 1.0 + u2 / 9.0;
+  return 1.0 / (f * f);
+}
+
+// The robust weight of a plane's (or a heading's) squared normalised residual: Cauchy, so that
+// one misplaced wall costs little once it disagrees with the rest.
+double planeWeight(double u2) { return 1.0 / (1.0 + u2 / 4.0); }
+
+// Accumulates weighted least-squares terms with robust losses, so that one moved chair or one
 // misplaced wall costs little once it disagrees with the rest.
 struct Normal {
   Mat4x4 h = Mat4x4::Zero();
   Vec4 g = Vec4::Zero();
   // One residual r with Jacobian j, noise sigma.
   void add(double r, const Vec4& j, double sigma) {
-    const double u = r / sigma;
-    const double w = 1.0 / (1.0 + u * u / 4.0);
+    const double w = planeWeight(r * r / (sigma * sigma));
     h += w * j * j.transpose() / (sigma * sigma);
     g += w * j * r / (sigma * sigma);
   }
-  // A 3-vector residual t + R m - s sharing one robust weight.
-  void addPoint(const Pose4& pose, const Vec3& m, const Vec3& s, double sigma) {
+  // A 3-vector residual t + R m - s: the horizontal part with one robust weight and noise
+  // sigma, the height with its own.
+  void addPoint(const Pose4& pose, const Vec3& m, const Vec3& s, double sigma, double heightSigma) {
     const Vec3 p = pose.apply(m);
     const Vec3 r{p[0] - s[0], p[1] - s[1], p[2] - s[2]};
-    const double u2 = dot(r, r) / (sigma * sigma);
-    const double w = 1.0 / (1.0 + u2 / 4.0);
+    const double w = objectWeight((r[0] * r[0] + r[2] * r[2]) / (sigma * sigma));
     const Vec3 dt = turnDerivative(pose.theta, m);
-    for (int k = 0; k < 3; ++k) {
+    for (int k : {0, 2}) {
       Vec4 j = Vec4::Zero();
       j[k] = 1;
       j[3] = dt[static_cast<size_t>(k)];
       h += w * j * j.transpose() / (sigma * sigma);
       g += w * j * r[static_cast<size_t>(k)] / (sigma * sigma);
     }
+    const double wy = objectWeight(r[1] * r[1] / (heightSigma * heightSigma));
+    const Vec4 jy(0, 1, 0, 0);
+    h += wy * jy * jy.transpose() / (heightSigma * heightSigma);
+    g += wy * jy * r[1] / (heightSigma * heightSigma);
   }
 };
+
+// Turns each wall onto the nearest axis of the walls' common right-angled frame, when they have
+// one; the frame's heading (modulo a quarter turn) and the number of walls.
+std::optional<double> straighten(std::vector<PlaneObservation>& planes, double maxSpread,
+                                 int* walls) {
+  *walls = 0;
+  for (const PlaneObservation& p : planes) *walls += p.vertical;
+  const std::optional<double> frame = manhattanHeading(planes, maxSpread);
+  if (!frame) return std::nullopt;
+  const double quarter = std::numbers::pi / 2;
+  for (PlaneObservation& p : planes) {
+    if (!p.vertical) continue;
+    const double h = *frame + quarter * std::round(wrapAngle(heading(p.normal) - *frame) / quarter);
+    p.normal = {std::sin(h), 0, std::cos(h)};
+  }
+  return frame;
+}
 
 struct Pairs {
   std::vector<std::pair<int, int>> objects;  // (map, session)
@@ -78,14 +110,13 @@ class Problem {
     const size_t step = std::max<size_t>(1, n / 1500);
     for (size_t i = 0; i < n; i += step) sessionPoints_.push_back(session.points[i]);
     // In a rectangular room every wall of each session, paired or not, tells the heading modulo
-    // a quarter turn; their means are steadier than any one wall.
+    // a quarter turn; their mean is steadier than any one wall, and each wall turned onto it
+    // keeps only the mean's error.
     const double spread = 3 * std::numbers::pi / 180;
-    mapFrame_ = manhattanHeading(map.planes, spread);
-    sessionFrame_ = manhattanHeading(session.planes, spread);
-    int nm = 0, ns = 0;
-    for (const PlaneObservation& p : map.planes) nm += p.vertical;
-    for (const PlaneObservation& p : session.planes) ns += p.vertical;
-    if (nm > 0 && ns > 0) frameSigma_ = o.wallHeadingSigma * std::sqrt(1.0 / nm + 1.0 / ns);
+    mapPlanes_ = map.planes;
+    sessionPlanes_ = session.planes;
+    mapFrame_ = straighten(mapPlanes_, spread, &mapWalls_);
+    sessionFrame_ = straighten(sessionPlanes_, spread, &sessionWalls_);
   }
 
   size_t sessionPointCount() const { return sessionPoints_.size(); }
@@ -123,10 +154,10 @@ class Problem {
     // Walls: each session wall with the map wall the pose lays closest onto it; horizontal planes
     // by height.
     const double minCos = std::cos(o_.wallAngleGate);
-    for (const PlaneObservation& s : session_.planes) {
+    for (const PlaneObservation& s : sessionPlanes_) {
       const PlaneObservation* best = nullptr;
       double bestOffset = s.vertical ? wallGate : o_.floorGate;
-      for (const PlaneObservation& m : map_.planes) {
+      for (const PlaneObservation& m : mapPlanes_) {
         if (m.vertical != s.vertical) continue;
         const Vec3 moved = pose.apply(m.origin);
         double offset;
@@ -141,7 +172,7 @@ class Problem {
       }
       if (!best && s.vertical) {
         // A map wall facing the same way but well away from this one: the rooms differ.
-        for (const PlaneObservation& m : map_.planes) {
+        for (const PlaneObservation& m : mapPlanes_) {
           if (!m.vertical || dot(Pose4{0, 0, 0, pose.theta}.apply(m.normal), s.normal) < minCos) {
             continue;
           }
@@ -171,27 +202,75 @@ class Problem {
     return out;
   }
 
+  // The turn between the two rooms' right-angled frames (modulo a quarter turn), when both have
+  // one.
+  std::optional<double> quarterTurn() const {
+    if (!mapFrame_ || !sessionFrame_) return std::nullopt;
+    return *sessionFrame_ - *mapFrame_;
+  }
+  // False when both rooms have right-angled walls that the pose does not turn onto each other:
+  // whichever walls each session saw, they must face the same ways.
+  bool wallsAlign(const Pose4& pose) const {
+    const std::optional<double> turn = quarterTurn();
+    if (!turn) return true;
+    const double quarter = std::numbers::pi / 2;
+    const double d = wrapAngle(pose.theta - *turn);
+    return std::fabs(d - quarter * std::round(d / quarter)) <= o_.wallAngleGate;
+  }
+  // Noise of quarterTurn(): each frame is the mean of its session's walls.
+  double frameSigma() const {
+    return o_.planeHeadingSigma * std::sqrt(1.0 / mapWalls_ + 1.0 / sessionWalls_);
+  }
+
+  // How far apart the pair's two walls lie halfway between their anchors, along their mean
+  // normal: there the offsets of both count alike and their turns least. Its Jacobian and noise.
+  double wallResidual(const Pose4& pose, const PlaneObservation& m, const PlaneObservation& s,
+                      Vec4* j, double* sigma) const {
+    const Vec3 moved = pose.apply(m.origin);
+    const Vec3 mn = Pose4{0, 0, 0, pose.theta}.apply(m.normal);
+    const Vec3 nn{(mn[0] + s.normal[0]) / 2, 0, (mn[2] + s.normal[2]) / 2};
+    const Vec3 gap{moved[0] - s.origin[0], 0, moved[2] - s.origin[2]};
+    const double r = dot(nn, gap);
+    const Vec3 dMoved = turnDerivative(pose.theta, m.origin);
+    const Vec3 dNormal = turnDerivative(pose.theta, m.normal);
+    *j = Vec4(nn[0], 0, nn[2], dot(nn, dMoved) + 0.5 * dot(dNormal, gap));
+    // Along the walls, the anchors lie this far apart.
+    const double along2 = std::max(0.0, dot(gap, gap) - r * r / std::max(dot(nn, nn), 1e-9));
+    const double turnVariance = quarterTurn() ? frameSigma() * frameSigma()
+                                              : 2 * o_.planeHeadingSigma * o_.planeHeadingSigma;
+    *sigma = std::sqrt(2 * o_.planeOffsetSigma * o_.planeOffsetSigma + along2 / 4 * turnVariance);
+    return r;
+  }
+
   // One Gauss-Newton step over the pairs; the normal matrix is left in *info.
   Pose4 step(const Pose4& pose, const Pose4& rough, const Pairs& pairs, Mat4x4* info) const {
     Normal n;
     for (auto [i, j] : pairs.objects) {
       n.addPoint(pose, map_.landmarks[static_cast<size_t>(i)].position,
-                 session_.landmarks[static_cast<size_t>(j)].position, o_.objectSigma);
+                 session_.landmarks[static_cast<size_t>(j)].position, o_.objectSigma,
+                 o_.objectHeightSigma);
     }
     for (auto [m, s] : pairs.walls) {
-      const Vec3 moved = pose.apply(m->origin);
-      const Vec3& nn = s->normal;
-      const double r =
-          dot({moved[0] - s->origin[0], moved[1] - s->origin[1], moved[2] - s->origin[2]}, nn);
-      const Vec3 dt = turnDerivative(pose.theta, m->origin);
-      n.add(r, Vec4(nn[0], nn[1], nn[2], dot(nn, dt)), o_.wallSigma);
-      const double turn = heading(s->normal) - heading(m->normal);
-      n.add(wrapAngle(pose.theta - turn), Vec4(0, 0, 0, 1), o_.wallHeadingSigma);
+      Vec4 j;
+      double sigma;
+      const double r = wallResidual(pose, *m, *s, &j, &sigma);
+      n.add(r, j, sigma);
+      if (!quarterTurn()) {
+        const double turn = heading(s->normal) - heading(m->normal);
+        n.add(wrapAngle(pose.theta - turn), Vec4(0, 0, 0, 1),
+              std::sqrt(2.0) * o_.planeHeadingSigma);
+      }
+    }
+    if (const std::optional<double> turn = quarterTurn(); turn && !pairs.walls.empty()) {
+      const double quarter = std::numbers::pi / 2;
+      const double d = wrapAngle(pose.theta - *turn);
+      n.add(d - quarter * std::round(d / quarter), Vec4(0, 0, 0, 1), frameSigma());
     }
     for (auto [m, s] : pairs.floors) {
-      n.add(pose.ty + m->origin[1] - s->origin[1], Vec4(0, 1, 0, 0), o_.floorSigma);
+      n.add(pose.ty + m->origin[1] - s->origin[1], Vec4(0, 1, 0, 0),
+            std::sqrt(2.0) * o_.planeOffsetSigma);
     }
-    for (const auto& [m, s] : pairs.points) n.addPoint(pose, m, s, o_.pointSigma);
+    for (const auto& [m, s] : pairs.points) n.addPoint(pose, m, s, o_.pointSigma, o_.pointSigma);
     // A weak pull towards the hypothesis keeps directions no evidence fixes where they were.
     const double prior = 1.0;
     n.add(pose.tx - rough.tx, Vec4(1, 0, 0, 0), prior);
@@ -211,8 +290,9 @@ class Problem {
   const SceneEvidence& session_;
   const JointRefinerOptions& o_;
   std::vector<Vec3> sessionPoints_;
+  std::vector<PlaneObservation> mapPlanes_, sessionPlanes_;  // walls straightened when square
   std::optional<double> mapFrame_, sessionFrame_;
-  double frameSigma_ = 1;
+  int mapWalls_ = 0, sessionWalls_ = 0;
 };
 
 bool hasTwoWallDirections(const std::vector<const PlaneObservation*>& walls) {
@@ -263,23 +343,31 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   out.bothWays = hasTwoWallDirections(sessionWalls);
 
   // Predicted error: the spread the evidence leaves, as the inverse of the normal matrix says,
-  // for an asset leverArm from the origin; disagreeing evidence widens it.
-  double rss = 0;
-  int terms = 0;
+  // for an asset leverArm from the origin; evidence that disagrees more than its noise widens it.
+  // Each residual counts as much as the robust loss lets it, and the four the fit itself took up
+  // are not counted as agreement: little evidence cannot claim a fine result.
+  double weighted = 0, freedom = 0;
+  auto count = [&](double u2, double w, double dof) {
+    weighted += w * u2;
+    freedom += w * dof;
+  };
   for (auto [i, j] : pairs.objects) {
-    rss += dist2(pose.apply(map.landmarks[static_cast<size_t>(i)].position),
-                 session.landmarks[static_cast<size_t>(j)].position) /
-           (3 * o.objectSigma * o.objectSigma);
-    ++terms;
+    const Vec3 p = pose.apply(map.landmarks[static_cast<size_t>(i)].position);
+    const Vec3& q = session.landmarks[static_cast<size_t>(j)].position;
+    const double u2 = ((p[0] - q[0]) * (p[0] - q[0]) + (p[2] - q[2]) * (p[2] - q[2])) /
+                      (o.objectSigma * o.objectSigma);
+    const double v2 = (p[1] - q[1]) * (p[1] - q[1]) / (o.objectHeightSigma * o.objectHeightSigma);
+    count(u2, objectWeight(u2), 2);
+    count(v2, objectWeight(v2), 1);
   }
   for (auto [m, s] : pairs.walls) {
-    const Vec3 moved = pose.apply(m->origin);
-    const double r =
-        dot({moved[0] - s->origin[0], moved[1] - s->origin[1], moved[2] - s->origin[2]}, s->normal);
-    rss += r * r / (o.wallSigma * o.wallSigma);
-    ++terms;
+    Vec4 j;
+    double sigma;
+    const double r = problem.wallResidual(pose, *m, *s, &j, &sigma);
+    const double u2 = r * r / (sigma * sigma);
+    count(u2, planeWeight(u2), 1);
   }
-  const double spread = terms > 0 ? std::max(1.0, std::sqrt(rss / terms)) : 1.0;
+  const double spread = std::max(1.0, std::sqrt(weighted / std::max(1.0, freedom - 4)));
   const Mat4x4 cov = info.ldlt().solve(Mat4x4::Identity());
   const double var = cov(0, 0) + cov(1, 1) + cov(2, 2) + o.leverArm * o.leverArm * cov(3, 3);
   out.predictedError = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
@@ -294,7 +382,7 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
     out.why = "refinement left the hypothesis";
   } else if (out.predictedError > o.maxPredictedError) {
     out.why = "the evidence leaves too large an error";
-  } else if (2 * out.wallsDisagreeing > out.walls) {
+  } else if (2 * out.wallsDisagreeing > out.walls || !problem.wallsAlign(pose)) {
     out.why = "walls disagree";
   } else if (out.objects < (wallsAgree ? o.minObjectsWithWalls : o.minObjects)) {
     out.why = "too few objects agree";

@@ -22,14 +22,18 @@ struct SceneEvidence {
 };
 
 struct JointRefinerOptions {
-  // Per-kind noise, metres (radians for wall headings): weights of the least squares and the
-  // scale of the predicted error.
-  // A detected wall keeps its own error for its lifetime (about half a degree, a centimetre), so
-  // a pair of them is off by the errors of both: walls must not outweigh many objects.
+  // Per-kind noise, metres (radians for headings): weights of the least squares and the scale of
+  // the predicted error.
+  // Objects: a landmark is where the hit tests of its detections landed, the faces the camera
+  // saw, so two sessions that saw an object from different sides place it a few centimetres apart.
+  // Heights differ less: most objects show the same top to every camera.
   double objectSigma = 0.03;
-  double wallSigma = 0.015;
-  double wallHeadingSigma = 0.015;
-  double floorSigma = 0.01;
+  double objectHeightSigma = 0.01;
+  // A detected plane keeps one error for its lifetime, per session: an offset along its normal
+  // and, for a wall, a turn about the point it is anchored at (where it was first seen). Far from
+  // that point the turn dominates, so a pair of walls is compared halfway between its anchors.
+  double planeOffsetSigma = 0.01;
+  double planeHeadingSigma = 0.0087;  // half a degree
   double pointSigma = 0.02;
   // Association gates, widest (first rounds) to narrowest (last rounds).
   double objectGateWide = 0.6, objectGate = 0.25;

@@ -306,6 +306,52 @@ TEST(JointRefiner, OneBadConstraintCannotPullTheResult) {
   }
 }
 
+// Planes keep the errors a platform gives them (an offset, and for a wall a turn about the point
+// where it was first seen, metres from where the other session anchored it); objects are a few
+// centimetres off. The walls still settle the heading and the horizontal translation, all of a
+// rectangular room's walls the heading together, and neither is pulled off by the far ends of
+// turned walls.
+TEST(JointRefiner, PlanesWithTheErrorsPlatformsGiveThem) {
+  struct Case {
+    const char* name;
+    double slide;         // metres each anchor lies from the other session's
+    double headingSigma;  // radians
+    double objectNoise;
+    double bound;  // metres: RMS error of an asset two metres out over the trials
+  };
+  const Case cases[] = {{"anchors together", 0, 0.5 * kDeg, 0.03, 0.015},
+                        {"anchors 3 m apart", 3, 0.5 * kDeg, 0.03, 0.016},
+                        {"anchors 4 m apart, walls turned by a degree", 4, 1 * kDeg, 0.03, 0.02},
+                        {"anchors 3 m apart, noisy objects", 3, 0.5 * kDeg, 0.05, 0.022}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    constexpr int kTrials = 24;
+    double squares = 0;
+    for (uint64_t trial = 0; trial < kTrials; ++trial) {
+      SyntheticRoom room = testing::makeSyntheticRoom(90 + trial, 10);
+      room.evidence.points.clear();
+      SceneEvidence map = room.evidence;
+      map.planes =
+          testing::withPlaneErrors(map.planes, c.slide / 2, 0.01, c.headingSigma, 200 + trial);
+      SceneEvidence session = testing::carried(room.evidence, kTruth, c.objectNoise, 300 + trial);
+      session.planes = testing::withPlaneErrors(
+          testing::carried({{}, room.evidence.planes, {}}, kTruth, 0, 0).planes, c.slide / 2, 0.01,
+          c.headingSigma, 400 + trial);
+      const Pose4 rough{kTruth.tx + 0.05, kTruth.ty - 0.03, kTruth.tz + 0.04,
+                        kTruth.theta - 2 * kDeg};
+      // Objects here are off alike in every direction.
+      JointRefinerOptions options;
+      options.objectHeightSigma = c.objectNoise;
+      const JointResult r = JointRefiner(options).refine(rough, map, PointGrid(), session);
+      ASSERT_TRUE(r.verified) << r.why;
+      squares += std::pow(translationError(r.transform, kTruth), 2) +
+                 std::pow(2 * wrapAngle(r.transform.theta - kTruth.theta), 2);
+    }
+    const double rms = std::sqrt(squares / kTrials);
+    EXPECT_LT(rms, c.bound);
+  }
+}
+
 // What a wrong place gives cannot verify: a row of identical chairs lined up with another room's
 // row (or slid along its own by a chair), walls that lie elsewhere, evidence too loose to be fine.
 TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
@@ -329,6 +375,7 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     double noise = 0.004;
     int keep = 0;               // above 0: the session saw only that many objects and no planes
     const char* why = nullptr;  // none: verified
+    double turnedWalls = 0;     // radians every session wall is turned by
   };
   const Case cases[] = {
       {"the right room"},
@@ -339,6 +386,8 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
        "too few kinds of object agree"},
       {"half the walls elsewhere", false, false, 0, 2, 0.004, 0, "walls disagree"},
       {"four loose objects", false, false, 0, 0, 0.06, 4, "the evidence leaves too large an error"},
+      // No wall pairs up, so none contradicts one: the rooms' walls must still face the same ways.
+      {"walls facing other ways", false, false, 0, 0, 0.004, 0, "walls disagree", 15 * kDeg},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -360,6 +409,9 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
       PlaneObservation& wall = session.planes[static_cast<size_t>(k)];
       ASSERT_TRUE(wall.vertical);
       for (size_t a = 0; a < 3; ++a) wall.origin[a] -= 0.6 * wall.normal[a];
+    }
+    for (PlaneObservation& p : session.planes) {
+      if (p.vertical) p.normal = Pose4{0, 0, 0, c.turnedWalls}.apply(p.normal);
     }
     // The hypothesis (slid along the row in the map's frame), a little off as proposals are.
     Pose4 rough = kTruth;

@@ -160,6 +160,27 @@ SceneEvidence carried(const SceneEvidence& scene, const Pose4& pose, double nois
   return out;
 }
 
+std::vector<PlaneObservation> withPlaneErrors(std::vector<PlaneObservation> planes, double slide,
+                                              double offsetSigma, double headingSigma,
+                                              uint64_t seed) {
+  std::mt19937_64 rng(seed);
+  std::normal_distribution<double> n(0, 1);
+  for (PlaneObservation& p : planes) {
+    const double along = (rng() % 2 ? slide : -slide);
+    const double offset = offsetSigma * n(rng);
+    if (p.vertical) {
+      // Along the wall (horizontally), then off it; the normal turned about the anchor.
+      p.origin[0] += along * p.normal[2] + offset * p.normal[0];
+      p.origin[2] += -along * p.normal[0] + offset * p.normal[2];
+      p.normal = Pose4{0, 0, 0, headingSigma * n(rng)}.apply(p.normal);
+    } else {
+      p.origin[0] += along;
+      p.origin[1] += offset;
+    }
+  }
+  return planes;
+}
+
 void writeScene(RecordStore& store, const std::string& sessionId, const SceneRecords& scene,
                 int64_t* lastRecordId) {
   int64_t ownRecordId = 0;

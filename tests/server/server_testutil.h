@@ -45,6 +45,13 @@ std::vector<Vec3> roomPoints(double width, double depth, const std::vector<Landm
 // N(0, noise).
 SceneEvidence carried(const SceneEvidence& scene, const Pose4& pose, double noise, uint64_t seed);
 
+// Planes as a platform estimates them: each anchored where it was first seen (slid along itself
+// by +-slide metres), off along its normal by N(0, offsetSigma) and, for a wall, turned about that
+// anchor by N(0, headingSigma) radians: errors a plane keeps for its lifetime.
+std::vector<PlaneObservation> withPlaneErrors(std::vector<PlaneObservation> planes, double slide,
+                                              double offsetSigma, double headingSigma,
+                                              uint64_t seed);
+
 // A session as the kit records it: objects (three sightings each), image features with the
 // camera path, planes and (when given) feature points, under sessionId, record ids from 1 (with
 // lastRecordId: from *lastRecordId + 1, and *lastRecordId left at the last one written, so that a
