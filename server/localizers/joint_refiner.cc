@@ -215,6 +215,105 @@ class Problem {
   double frameSigma_ = 1;
 };
 
+// One residual's squared size in its own sigmas and how many numbers it holds.
+struct Residual {
+  double u2;
+  int components;
+};
+
+// How many times wider than its sigma one kind of evidence is: a robust (Cauchy-weighted) mean
+// square of its residuals, shrunk towards `prior` with the weight of priorComponents numbers, and
+// never below 1. fitted: the share of the numbers the fit itself absorbed.
+double noiseScale(const std::vector<Residual>& residuals, double prior, double priorComponents,
+                  double fitted) {
+  double s2 = prior * prior;
+  for (int iteration = 0; iteration < 4; ++iteration) {
+    double sum = priorComponents * prior * prior, count = priorComponents;
+    for (const Residual& r : residuals) {
+      const double w = 1.0 / (1.0 + r.u2 / (4 * s2));
+      sum += w * r.u2;
+      count += w * r.components * (1 - fitted);
+    }
+    s2 = std::max(1.0, sum / std::max(count, 1e-9));
+  }
+  return std::sqrt(s2);
+}
+
+struct PredictedError {
+  double metres = 1;
+  double objectScale = 1;
+};
+
+PredictedError predictError(const Pose4& pose, const SceneEvidence& map,
+                            const SceneEvidence& session, const Pairs& pairs,
+                            const JointRefinerOptions& o) {
+  std::vector<Residual> objects, planes, points;
+  Vec3 centre{0, 0, 0};
+  for (auto [i, j] : pairs.objects) {
+    const Vec3& m = map.landmarks[static_cast<size_t>(i)].position;
+    objects.push_back({dist2(pose.apply(m), session.landmarks[static_cast<size_t>(j)].position) /
+                           (o.objectSigma * o.objectSigma),
+                       3});
+    for (size_t k = 0; k < 3; ++k) centre[k] += m[k] / static_cast<double>(pairs.objects.size());
+  }
+  for (auto [m, s] : pairs.walls) {
+    const Vec3 moved = pose.apply(m->origin);
+    const double r =
+        dot({moved[0] - s->origin[0], moved[1] - s->origin[1], moved[2] - s->origin[2]}, s->normal);
+    const double turn = wrapAngle(pose.theta - (heading(s->normal) - heading(m->normal)));
+    planes.push_back({r * r / (o.wallSigma * o.wallSigma) +
+                          turn * turn / (o.wallHeadingSigma * o.wallHeadingSigma),
+                      2});
+  }
+  for (auto [m, s] : pairs.floors) {
+    const double r = pose.ty + m->origin[1] - s->origin[1];
+    planes.push_back({r * r / (o.floorSigma * o.floorSigma), 1});
+  }
+  for (const auto& [m, s] : pairs.points) {
+    points.push_back({dist2(pose.apply(m), s) / (o.pointSigma * o.pointSigma), 3});
+  }
+  const double numbers = 3.0 * static_cast<double>(objects.size() + points.size()) +
+                         2.0 * static_cast<double>(pairs.walls.size()) +
+                         static_cast<double>(pairs.floors.size());
+  const double fitted = numbers > 0 ? std::min(0.5, 4.0 / numbers) : 0;
+  PredictedError out;
+  out.objectScale = noiseScale(objects, o.objectNoisePrior, o.objectNoisePriorWeight, fitted);
+  const double planeScale = noiseScale(planes, 1.0, o.planeNoisePriorWeight, fitted);
+  const double pointScale = noiseScale(points, 1.0, o.pointNoisePriorWeight, fitted);
+
+  // The normal matrix again, each kind at its own width.
+  Normal n;
+  for (auto [i, j] : pairs.objects) {
+    n.addPoint(pose, map.landmarks[static_cast<size_t>(i)].position,
+               session.landmarks[static_cast<size_t>(j)].position, o.objectSigma * out.objectScale);
+  }
+  for (auto [m, s] : pairs.walls) {
+    const Vec3 moved = pose.apply(m->origin);
+    const Vec3& nn = s->normal;
+    const double r =
+        dot({moved[0] - s->origin[0], moved[1] - s->origin[1], moved[2] - s->origin[2]}, nn);
+    const Vec3 dt = turnDerivative(pose.theta, m->origin);
+    n.add(r, Vec4(nn[0], nn[1], nn[2], dot(nn, dt)), o.wallSigma * planeScale);
+    const double turn = heading(s->normal) - heading(m->normal);
+    n.add(wrapAngle(pose.theta - turn), Vec4(0, 0, 0, 1), o.wallHeadingSigma * planeScale);
+  }
+  for (auto [m, s] : pairs.floors) {
+    n.add(pose.ty + m->origin[1] - s->origin[1], Vec4(0, 1, 0, 0), o.floorSigma * planeScale);
+  }
+  for (const auto& [m, s] : pairs.points) n.addPoint(pose, m, s, o.pointSigma * pointScale);
+  // The weak pull towards the hypothesis, as in the steps: directions nothing fixes stay loose.
+  for (int k = 0; k < 4; ++k) n.add(0, Vec4::Unit(k), 1.0);
+  const Mat4x4 cov = n.h.ldlt().solve(Mat4x4::Identity());
+  // At the middle of the objects (the map's origin when none): a point there moves by
+  // dt + dtheta * d(R c)/d(theta); an asset leverArm away adds the turn's share.
+  const Vec3 dc = turnDerivative(pose.theta, centre);
+  const Vec4 j[3] = {Vec4(1, 0, 0, dc[0]), Vec4(0, 1, 0, dc[1]), Vec4(0, 0, 1, dc[2])};
+  double var = o.leverArm * o.leverArm * cov(3, 3);
+  for (const Vec4& row : j) var += row.dot(cov * row);
+  out.metres = std::isfinite(var) && var >= 0 ? std::sqrt(var) : 1.0;
+  return out;
+}
+
 bool hasTwoWallDirections(const std::vector<const PlaneObservation*>& walls) {
   for (const PlaneObservation* a : walls) {
     for (const PlaneObservation* b : walls) {
@@ -262,8 +361,12 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   for (auto [m, s] : pairs.walls) sessionWalls.push_back(s);
   out.bothWays = hasTwoWallDirections(sessionWalls);
 
-  // Predicted error: the spread the evidence leaves, as the inverse of the normal matrix says,
-  // for an asset leverArm from the origin; disagreeing evidence widens it.
+  // Predicted error, the larger of two readings. One: the spread the evidence leaves, as the
+  // inverse of the robust normal matrix says, widened by disagreeing evidence; evidence that only
+  // roughly lines up (another room) leaves a large one. Two: each kind's noise as its own
+  // residuals show it, held by a prior while they are few, since three objects that fit each other
+  // say little about how far off objects are; it keeps a first answer from sparse evidence from
+  // looking finer than a later one from more.
   double rss = 0;
   int terms = 0;
   for (auto [i, j] : pairs.objects) {
@@ -282,7 +385,10 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   const double spread = terms > 0 ? std::max(1.0, std::sqrt(rss / terms)) : 1.0;
   const Mat4x4 cov = info.ldlt().solve(Mat4x4::Identity());
   const double var = cov(0, 0) + cov(1, 1) + cov(2, 2) + o.leverArm * o.leverArm * cov(3, 3);
-  out.predictedError = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
+  const double consistency = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
+  const PredictedError predicted = predictError(pose, map, session, pairs, o);
+  out.spread = predicted.objectScale;
+  out.predictedError = std::max(consistency, predicted.metres);
   out.matchValue = std::exp(-out.predictedError / o.matchScale);
 
   // Verification.

@@ -61,6 +61,13 @@ struct JointRefinerOptions {
   // The typical distance of an asset from the session's origin, for the heading's share of the
   // predicted error.
   double leverArm = 2.0;
+  // How much wider than their sigmas residuals are believed to be before they show it (objects
+  // seen from elsewhere are off by more than their jitter), and how many numbers' worth that
+  // belief weighs: three objects barely move it, twenty settle it.
+  double objectNoisePrior = 1.5;
+  double objectNoisePriorWeight = 9;
+  double planeNoisePriorWeight = 4;
+  double pointNoisePriorWeight = 30;
   // Match value = exp(-predicted error / matchScale).
   double matchScale = 0.1;
 };
@@ -76,6 +83,7 @@ struct JointResult {
   int points = 0, pointsNear = 0;  // agreeing points, and points that land near the map's
   bool bothWays = false;           // walls of two directions take part
   double predictedError = 1;       // metres, for an asset leverArm from the origin
+  double spread = 1;               // how much wider the objects' residuals are than objectSigma
   double matchValue = 0;
   std::string why;  // when not verified
 };

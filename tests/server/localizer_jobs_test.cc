@@ -4,10 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <map>
 #include <numbers>
 #include <thread>
+#include <utility>
 
 #include "server/localizers/joint_refiner.h"
 #include "server/localizers/map_index_cache.h"
@@ -271,6 +274,57 @@ TEST(JointRefiner, MatchValuePredictsTheError) {
                                      2 * wrapAngle(r.transform.theta - kTruth.theta));
     EXPECT_LT(actual, 3 * r.predictedError + 0.002);
     EXPECT_GT(4 * actual + 0.01, r.predictedError);
+  }
+}
+
+// A few objects that happen to fit each other well say little about how far off objects are.
+// At equal noise, three objects never predict a smaller error than two dozen; three that are off
+// together (seen from elsewhere) along the one wall, fitting each other exactly, still predict an
+// error of the size of the real one.
+TEST(JointRefiner, FewObjectsDoNotLookFinerThanMany) {
+  struct Case {
+    const char* name;
+    int objects;
+    double noise, sharedShift;
+  };
+  const Case cases[] = {{"3, 1 cm", 3, 0.01, 0},
+                        {"24, 1 cm", 24, 0.01, 0},
+                        {"3, 4 cm", 3, 0.04, 0},
+                        {"24, 4 cm", 24, 0.04, 0},
+                        {"3 off together", 3, 0.002, 0.06}};
+  std::map<double, std::vector<double>> predictedByNoise;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    // One wall and the floor, seen well; objects off by noise.
+    SyntheticRoom room = testing::makeSyntheticRoom(71, c.objects);
+    room.evidence.points.clear();
+    bool wall = false;
+    std::erase_if(room.evidence.planes, [&](const PlaneObservation& p) {
+      return p.vertical && std::exchange(wall, true);
+    });
+    SceneEvidence session = testing::carried(room.evidence, kTruth, 0.003, 72);
+    session.landmarks = testing::seenFrom(room.evidence.landmarks, kTruth, c.noise, 73);
+    // Along the wall (the direction nothing else fixes), in the session's frame.
+    const PlaneObservation& w = *std::find_if(session.planes.begin(), session.planes.end(),
+                                              [](const PlaneObservation& p) { return p.vertical; });
+    for (Landmark& l : session.landmarks) {
+      l.position[0] += c.sharedShift * w.normal[2];
+      l.position[2] -= c.sharedShift * w.normal[0];
+    }
+    const Pose4 rough{kTruth.tx - 0.1, kTruth.ty, kTruth.tz + 0.1, kTruth.theta + 2 * kDeg};
+    const JointResult r = JointRefiner().refine(rough, room.evidence, PointGrid(), session);
+    predictedByNoise[c.noise].push_back(r.predictedError);
+    const double actual = std::hypot(translationError(r.transform, kTruth),
+                                     2 * wrapAngle(r.transform.theta - kTruth.theta));
+    EXPECT_LT(actual, 3 * r.predictedError + 0.002);
+    EXPECT_GT(r.predictedError, (c.sharedShift > 0 ? 0.5 : 0.25) * actual - 0.0025);
+    // The objects' own reading of their noise: wider than the model only when they are.
+    EXPECT_LT(r.spread, c.noise > 0.03 ? 3.0 : 1.6);
+  }
+  for (const auto& [noise, predicted] : predictedByNoise) {
+    if (predicted.size() == 2) {
+      EXPECT_GT(predicted.front(), predicted.back()) << noise;
+    }
   }
 }
 
