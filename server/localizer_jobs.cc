@@ -98,7 +98,9 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
       if (r.found) proposals.push_back(r.transform);
     }
     out.summary = std::to_string(mapScene.landmarks.size()) + " map landmarks, " +
-                  std::to_string(session.evidence.landmarks.size()) + " session landmarks";
+                  std::to_string(session.evidence.landmarks.size()) + " session landmarks, " +
+                  std::to_string(out.report.hypotheses) + " hypotheses, " +
+                  std::to_string(proposals.size()) + " found";
   }
   if (options.refineWithPlanes) {
     const PlaneRefiner planes(options.planes);

@@ -37,7 +37,7 @@ struct SuLocalizerOptions {
   // Seeded mode: candidate pairs must lie this close under the seed transform.
   double seedRadius = 1.0;
   // Work bounds for large scenes; beyond them hypotheses are sampled with the seed below.
-  int maxHypotheses = 2000;
+  int maxHypotheses = 20000;
   int64_t maxMapPairs = 50000;
   uint64_t randomSeed = 0x5eed;
   // estimateSeveral: hypotheses count as one when they turn by less than this (radians) and move
