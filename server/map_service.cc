@@ -313,6 +313,7 @@ bool MapService::queue(const std::string& localizer, const std::string& mapUuid,
   follower_.asked(sessionUuid, mapUuid, localizer, SessionFollower::Clock::now());
   return jobs_.trigger(sessionUuid + "/" + localizer, [this, localizer, mapUuid, sessionUuid] {
     JobOutcome out = runLocalizer(store_, localizer, mapUuid, sessionUuid, options_.localizers);
+    if (out.wrote) follower_.answered(sessionUuid);
     if (!options_.log) return;
     if (out.warning) options_.log(kWarningPrefix + *out.warning);
     std::string line = localizer + " for session " + sessionUuid + ": " + out.summary;

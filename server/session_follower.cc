@@ -32,6 +32,11 @@ void SessionFollower::asked(const std::string& session, const std::string& mapUu
   it->second.last = now;  // the kit's request runs them now
 }
 
+void SessionFollower::answered(const std::string& session) {
+  std::lock_guard lock(mu_);
+  sessions_.erase(session);
+}
+
 std::optional<SessionFollower::Rerun> SessionFollower::recordsArrived(const std::string& session,
                                                                       Clock::time_point now) {
   std::lock_guard lock(mu_);

@@ -1,7 +1,8 @@
 // Remembers which localizers the kit asked for on which localization session, so that records
-// arriving for it later run them again: the kit asks only on its scan events, which may come
-// seconds apart while the session's frames keep arriving. Per server process (replicas each
-// follow the sessions whose records reach them). Owned by MapService; thread-safe.
+// arriving for it later run them again until a first result is written: the kit asks only on its
+// scan events, which may come seconds apart while the session's frames keep arriving. Per server
+// process (replicas each follow the sessions whose records reach them). Owned by MapService;
+// thread-safe.
 #pragma once
 
 #include <chrono>
@@ -36,6 +37,8 @@ class SessionFollower {
     std::string mapUuid;
     std::vector<std::string> localizers;
   };
+  // A result was written for session: from here on the kit's own requests suffice.
+  void answered(const std::string& session);
   // Records arrived for session: the localizers to run again now, if any.
   std::optional<Rerun> recordsArrived(const std::string& session, Clock::time_point now);
 

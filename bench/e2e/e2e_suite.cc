@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -68,6 +69,20 @@ std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int paralle
         }
         for (const AssetOutcome& a : r.assets) {
           *log << "asset: " << a.expected.x << ' ' << a.expected.y << ' ' << a.expected.z << '\n';
+        }
+        // How far the map's own tracking had drifted at its end where the assets are: the
+        // assets go in at their drift-free places, the map's objects where tracking had them.
+        const auto& mapTruth = r.scenario.mapping->truth;
+        if (mapTruth && !mapTruth->trackedFromRoom.empty()) {
+          const sim::YawTransform& end = mapTruth->trackedFromRoom.back();
+          double cm = 0;
+          for (const AssetOutcome& a : r.assets) {
+            cm = std::max(
+                cm, (end.apply(a.room) - mapTruth->sessionFromRoom.apply(a.room)).norm() * 100);
+          }
+          *log << "map drift at its end: " << cm << " cm, "
+               << std::remainder(end.theta - mapTruth->sessionFromRoom.theta, 2 * M_PI) * 180 / M_PI
+               << " deg\n";
         }
       }
       const ScenarioReport& r = results[i].report;

@@ -395,7 +395,10 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   const double shift = std::hypot(pose.tx - rough.tx, pose.ty - rough.ty, pose.tz - rough.tz);
   const bool pointsBothSides = mapPoints.size() > 0 && problem.sessionPointCount() > 0;
   // Walls of two directions and a floor, none disagreeing: the room's shape agrees.
-  const bool wallsAgree = out.bothWays && out.horizontal > 0 && out.wallsDisagreeing == 0;
+  int mapWalls = 0;
+  for (const PlaneObservation& p : map.planes) mapWalls += p.vertical;
+  const bool wallsAgree = out.bothWays && out.horizontal > 0 && out.wallsDisagreeing == 0 &&
+                          mapWalls <= o.wallsOfOneRoom;
   if (shift > o.maxShift || std::fabs(wrapAngle(pose.theta - rough.theta)) > o.maxTurn) {
     out.why = "refinement left the hypothesis";
   } else if (out.predictedError > o.maxPredictedError) {

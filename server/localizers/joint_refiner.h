@@ -48,8 +48,11 @@ struct JointRefinerOptions {
   // line up in another room leave a large one, and a result this loose is no fine result (the
   // kit takes scene-understanding answers from match value 0.55 on: about 6 cm).
   double maxPredictedError = 0.055;
-  // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees.
+  // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees,
+  // in a map of at most wallsOfOneRoom walls: in a map of several rooms the walls of a room of the
+  // same size agree with the session's as well as its own.
   int minObjectsWithWalls = 2;
+  int wallsOfOneRoom = 8;
   // Agreeing objects must be of this many labels (one fewer with such walls): a row of identical
   // chairs fits any room that has such a row, and slid along it by a chair, its own.
   int minLabels = 3;

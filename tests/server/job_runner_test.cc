@@ -111,7 +111,8 @@ TEST(JobRunner, StopFinishesRunningJobsAndDropsQueuedOnes) {
 }
 
 // Records run the localizers the kit asked for again: not before the interval since the last
-// run, not after the window since the first request, never for a session nobody asked about.
+// run, not after the window since the first request or a written result, never for a session
+// nobody asked about.
 TEST(SessionFollower, RerunsWhatWasAskedWithinItsWindow) {
   using namespace std::chrono_literals;
   using Clock = SessionFollower::Clock;
@@ -146,6 +147,10 @@ TEST(SessionFollower, RerunsWhatWasAskedWithinItsWindow) {
     EXPECT_EQ(rerun->mapUuid, "m");
     EXPECT_EQ(rerun->localizers, (std::vector<std::string>{"full_image_matcher", "su_localizer"}));
   }
+  // Once answered, records run nothing more.
+  f.asked("t", "m", "su_localizer", t0 + 11s);
+  f.answered("t");
+  EXPECT_FALSE(f.recordsArrived("t", t0 + 13s));
   // Bounded: a third session pushes out the oldest.
   f.asked("a", "m", "su_localizer", t0 + 20s);
   f.asked("b", "m", "su_localizer", t0 + 21s);

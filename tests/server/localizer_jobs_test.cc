@@ -383,6 +383,8 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     double noise = 0.004;
     int keep = 0;               // above 0: the session saw only that many objects and no planes
     const char* why = nullptr;  // none: verified
+    bool rowAndOne = false;     // the session saw the row and one other object, and the walls
+    int otherRooms = 0;         // the map also holds that many rooms of the same size
   };
   const Case cases[] = {
       {"the right room"},
@@ -393,10 +395,28 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
        "too few kinds of object agree"},
       {"half the walls elsewhere", false, false, 0, 2, 0.004, 0, "walls disagree"},
       {"four loose objects", false, false, 0, 0, 0.06, 4, "the evidence leaves too large an error"},
+      {"the row and one more, walls agree", false, false, 0, 0, 0.004, 0, nullptr, true},
+      {"the row and one more in a map of three rooms", false, false, 0, 0, 0.004, 0,
+       "too few kinds of object agree", true, 2},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    SceneEvidence mapOf = map;
+    for (int k = 1; k <= c.otherRooms; ++k) {
+      for (const PlaneObservation& p : map.planes) {
+        if (!p.vertical) continue;
+        PlaneObservation other = p;
+        other.origin[0] += 10.0 * k;
+        mapOf.planes.push_back(other);
+      }
+    }
     SceneEvidence seen = map;
+    if (c.rowAndOne) {
+      seen.landmarks =
+          withRow({*std::find_if(map.landmarks.begin(), map.landmarks.end(),
+                                 [](const Landmark& l) { return l.label != "chair"; })},
+                  5);
+    }
     if (c.otherObjects) {
       seen.landmarks = withRow(testing::makeSyntheticRoom(82, 12).evidence.landmarks, 5);
     }
@@ -421,7 +441,7 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     rough.tx += slide[0] + 0.04;
     rough.tz += slide[2] - 0.03;
     rough.theta += 1 * kDeg;
-    const JointResult r = JointRefiner().refine(rough, map, PointGrid(), session);
+    const JointResult r = JointRefiner().refine(rough, mapOf, PointGrid(), session);
     if (!c.why) {
       EXPECT_TRUE(r.verified) << r.why;
       EXPECT_LT(translationError(r.transform, kTruth), 0.02);
