@@ -91,10 +91,16 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
                   std::to_string(session.frames.size()) + " session frames, " +
                   std::to_string(groups.size()) + " view group(s)";
   } else {
-    out.report = su.estimate(mapScene.landmarks, session.evidence.landmarks, seed);
-    if (out.report.found) proposals.push_back(out.report.transform);
+    const std::vector<LocalizerReport> found = su.estimateSeveral(
+        mapScene.landmarks, session.evidence.landmarks, seed, options.objectProposals);
+    if (!found.empty()) out.report = found.front();
+    for (const LocalizerReport& r : found) {
+      if (r.found) proposals.push_back(r.transform);
+    }
     out.summary = std::to_string(mapScene.landmarks.size()) + " map landmarks, " +
-                  std::to_string(session.evidence.landmarks.size()) + " session landmarks";
+                  std::to_string(session.evidence.landmarks.size()) + " session landmarks, " +
+                  std::to_string(out.report.hypotheses) + " hypotheses, " +
+                  std::to_string(proposals.size()) + " found";
   }
   if (options.refineWithPlanes) {
     const PlaneRefiner planes(options.planes);
@@ -127,10 +133,12 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
   const JointResult& c = *out.checked;
   std::snprintf(line, sizeof line,
                 "; checked %zu proposal(s): %d object(s) of %d near (%d label(s)), %d wall(s) (%d "
-                "disagreeing), %d horizontal, %d point(s) of %d near, predicted error %.3f m",
+                "disagreeing), %d horizontal, %d point(s) of %d near, predicted error %.3f m "
+                "(spread %.2f)",
                 proposals.size(), c.objects, c.objectsNear, c.labels, c.walls, c.wallsDisagreeing,
-                c.horizontal, c.points, c.pointsNear, c.predictedError);
+                c.horizontal, c.points, c.pointsNear, c.predictedError, c.spread);
   out.summary += line;
+  out.summary += ", transform " + c.transform.toText();
   if (!c.verified) {
     out.summary += "; not verified: " + c.why;
     return out;

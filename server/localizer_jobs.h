@@ -36,6 +36,8 @@ struct LocalizerOptions {
   JointRefinerOptions joint;
   // Image-matcher groups tried, best first.
   int imageProposals = 3;
+  // Object hypotheses tried, best first.
+  int objectProposals = 3;
   // Maps' indexes kept between runs; none: each run reads and indexes the map anew.
   std::shared_ptr<MapIndexCache> cache;
   // Localization sessions' records and matches kept between runs; none: each run reads the

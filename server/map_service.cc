@@ -44,6 +44,7 @@ MapService::MapService(RecordStore& store, JobRunner& jobs, MapServiceOptions op
     : store_(store),
       jobs_(jobs),
       options_(std::move(options)),
+      follower_(options_.follow),
       quotas_(options_.quotas, options_.clock) {
   for (const std::string& digest : options_.allowedDeveloperKeys) {
     allowedAccounts_.insert(accountHash(digest));
@@ -323,8 +324,10 @@ Answer MapService::getBestTransform(const Caller& caller, const Request& request
 
 bool MapService::queue(const std::string& localizer, const std::string& mapUuid,
                        const std::string& sessionUuid) {
+  follower_.asked(sessionUuid, mapUuid, localizer, SessionFollower::Clock::now());
   return jobs_.trigger(sessionUuid + "/" + localizer, [this, localizer, mapUuid, sessionUuid] {
     JobOutcome out = runLocalizer(store_, localizer, mapUuid, sessionUuid, options_.localizers);
+    if (out.wrote) follower_.answered(sessionUuid);
     if (!options_.log) return;
     if (out.warning) options_.log(kWarningPrefix + *out.warning);
     std::string line = localizer + " for session " + sessionUuid + ": " + out.summary;
@@ -429,6 +432,13 @@ Answer MapService::writeRecords(const Caller& caller, const Request& request) {
     }
   }
   if (auto e = store_.records().writeBatch(batch.items)) return storeFailure(*e);
+  // What the kit's scan events would not ask for yet: the new frames may already settle it.
+  for (const std::string& session : checked) {
+    auto rerun = follower_.recordsArrived(session, SessionFollower::Clock::now());
+    if (!rerun) continue;
+    for (const std::string& localizer : rerun->localizers)
+      queue(localizer, rerun->mapUuid, session);
+  }
   std::map<std::string, size_t> counts;  // tables in name order, whatever the body's order
   for (const TableItem& t : batch.items) ++counts[t.table];
   Json stored = Json::object();

@@ -19,6 +19,7 @@
 #include "server/localizer_jobs.h"
 #include "server/map_store.h"
 #include "server/request.h"
+#include "server/session_follower.h"
 
 namespace omra::server {
 
@@ -34,6 +35,8 @@ struct MapServiceOptions {
   LocalizerOptions localizers;
   // Receives one line per finished localizer job. Called on job threads; must be thread-safe.
   std::function<void(std::string_view)> log;
+  // Records arriving for a session the kit asked about run its localizers again.
+  SessionFollowerOptions follow;
   // The quotas' clock; tests set it.
   std::function<AccountQuotas::Clock::time_point()> clock = AccountQuotas::Clock::now;
 };
@@ -83,6 +86,7 @@ class MapService {
   MapStore store_;
   JobRunner& jobs_;
   MapServiceOptions options_;
+  SessionFollower follower_;
   std::set<std::string> allowedAccounts_;  // hashes of the allowed digests
   AccountQuotas quotas_;
 

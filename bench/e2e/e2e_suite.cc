@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -40,13 +43,63 @@ std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int paralle
   auto worker = [&] {
     for (size_t i = next++; i < scenes.size(); i = next++) {
       results[i].group = scenes[i].group;
-      results[i].report = tools::runScenario(scenes[i].options);
+      tools::ScenarioRunOptions options = scenes[i].options;
+      // OMRA_E2E_LOG=DIR keeps each scene's kit and server lines in DIR/SEED.log.
+      std::shared_ptr<std::ofstream> log;
+      std::shared_ptr<std::mutex> logMutex = std::make_shared<std::mutex>();
+      if (const char* dir = std::getenv("OMRA_E2E_LOG")) {
+        log = std::make_shared<std::ofstream>(std::string(dir) + "/" +
+                                              std::to_string(options.scenario.seed) + ".log");
+        auto write = [log, logMutex](const char* who) {
+          return [log, logMutex, who](std::string_view line) {
+            std::lock_guard lock(*logMutex);
+            *log << who << line << '\n';
+          };
+        };
+        options.kitLog = write("kit: ");
+        options.serverLog = write("server: ");
+      }
+      results[i].report = tools::runScenario(options);
+      if (log) {
+        // The truth and the assets, so that each logged transform can be judged afterwards.
+        const ScenarioReport& r = results[i].report;
+        std::lock_guard lock(*logMutex);
+        if (!r.scenario.wrongRoom) {
+          *log << "truth: " << r.scenario.localizationFromMapping().toText() << '\n';
+        }
+        for (const AssetOutcome& a : r.assets) {
+          *log << "asset: " << a.expected.x << ' ' << a.expected.y << ' ' << a.expected.z << '\n';
+        }
+        // How far the map's own tracking had drifted at its end where the assets are: the
+        // assets go in at their drift-free places, the map's objects where tracking had them.
+        const auto& mapTruth = r.scenario.mapping->truth;
+        if (mapTruth && !mapTruth->trackedFromRoom.empty()) {
+          const sim::YawTransform& end = mapTruth->trackedFromRoom.back();
+          double cm = 0;
+          for (const AssetOutcome& a : r.assets) {
+            cm = std::max(
+                cm, (end.apply(a.room) - mapTruth->sessionFromRoom.apply(a.room)).norm() * 100);
+          }
+          *log << "map drift at its end: " << cm << " cm, "
+               << std::remainder(end.theta - mapTruth->sessionFromRoom.theta, 2 * M_PI) * 180 / M_PI
+               << " deg\n";
+        }
+      }
       const ScenarioReport& r = results[i].report;
       std::lock_guard lock(printMutex);
-      std::fprintf(stderr, "scene %llu (%s): %s%s (%.1f s)\n",
+      std::string first;
+      if (!r.arrivals.empty()) {
+        const tools::ArrivalOutcome& a = r.arrivals.front();
+        char text[160];
+        std::snprintf(text, sizeof text, "; first at %.1f s from %s, %.1f cm%s; %zu arrival(s)",
+                      a.scanSeconds, a.localizer.c_str(), a.maxErrorCm,
+                      a.complete ? "" : " (incomplete)", r.arrivals.size());
+        first = text;
+      }
+      std::fprintf(stderr, "scene %llu (%s): %s%s (%.1f s)%s\n",
                    static_cast<unsigned long long>(scenes[i].options.scenario.seed),
                    scenes[i].group.c_str(), r.success ? "ok" : "FAILED: ", r.failure.c_str(),
-                   r.wallSeconds);
+                   r.wallSeconds, first.c_str());
     }
   };
   std::vector<std::thread> threads;

@@ -295,6 +295,106 @@ class Problem {
   int mapWalls_ = 0, sessionWalls_ = 0;
 };
 
+// One residual's squared size in its own sigmas and how many numbers it holds.
+struct Residual {
+  double u2;
+  int components;
+};
+
+// How many times wider than its sigma one kind of evidence is: a robust (Cauchy-weighted) mean
+// square of its residuals, shrunk towards `prior` with the weight of priorComponents numbers, and
+// never below 1. fitted: the share of the numbers the fit itself absorbed.
+double noiseScale(const std::vector<Residual>& residuals, double prior, double priorComponents,
+                  double fitted) {
+  double s2 = prior * prior;
+  for (int iteration = 0; iteration < 4; ++iteration) {
+    double sum = priorComponents * prior * prior, count = priorComponents;
+    for (const Residual& r : residuals) {
+      const double w = 1.0 / (1.0 + r.u2 / (4 * s2));
+      sum += w * r.u2;
+      count += w * r.components * (1 - fitted);
+    }
+    s2 = std::max(1.0, sum / std::max(count, 1e-9));
+  }
+  return std::sqrt(s2);
+}
+
+struct PredictedError {
+  double metres = 1;
+  double objectScale = 1;
+};
+
+PredictedError predictError(const Problem& problem, const Pose4& pose, const SceneEvidence& map,
+                            const SceneEvidence& session, const Pairs& pairs,
+                            const JointRefinerOptions& o) {
+  const double floorSigma = std::sqrt(2.0) * o.planeOffsetSigma;
+  const double wallTurnSigma = std::sqrt(2.0) * o.planeHeadingSigma;
+  std::vector<Residual> objects, planes, points;
+  Vec3 centre{0, 0, 0};
+  for (auto [i, j] : pairs.objects) {
+    const Vec3& m = map.landmarks[static_cast<size_t>(i)].position;
+    objects.push_back({dist2(pose.apply(m), session.landmarks[static_cast<size_t>(j)].position) /
+                           (o.objectSigma * o.objectSigma),
+                       3});
+    for (size_t k = 0; k < 3; ++k) centre[k] += m[k] / static_cast<double>(pairs.objects.size());
+  }
+  for (auto [m, s] : pairs.walls) {
+    Vec4 j;
+    double sigma;
+    const double r = problem.wallResidual(pose, *m, *s, &j, &sigma);
+    const double turn = wrapAngle(pose.theta - (heading(s->normal) - heading(m->normal)));
+    planes.push_back({r * r / (sigma * sigma) + turn * turn / (wallTurnSigma * wallTurnSigma), 2});
+  }
+  for (auto [m, s] : pairs.floors) {
+    const double r = pose.ty + m->origin[1] - s->origin[1];
+    planes.push_back({r * r / (floorSigma * floorSigma), 1});
+  }
+  for (const auto& [m, s] : pairs.points) {
+    points.push_back({dist2(pose.apply(m), s) / (o.pointSigma * o.pointSigma), 3});
+  }
+  const double numbers = 3.0 * static_cast<double>(objects.size() + points.size()) +
+                         2.0 * static_cast<double>(pairs.walls.size()) +
+                         static_cast<double>(pairs.floors.size());
+  const double fitted = numbers > 0 ? std::min(0.5, 4.0 / numbers) : 0;
+  PredictedError out;
+  out.objectScale = noiseScale(objects, o.objectNoisePrior, o.objectNoisePriorWeight, fitted);
+  const double planeScale = noiseScale(planes, 1.0, o.planeNoisePriorWeight, fitted);
+  const double pointScale = noiseScale(points, 1.0, o.pointNoisePriorWeight, fitted);
+
+  // The normal matrix again, each kind at its own width.
+  Normal n;
+  for (auto [i, j] : pairs.objects) {
+    n.addPoint(pose, map.landmarks[static_cast<size_t>(i)].position,
+               session.landmarks[static_cast<size_t>(j)].position, o.objectSigma * out.objectScale,
+               o.objectHeightSigma * out.objectScale);
+  }
+  for (auto [m, s] : pairs.walls) {
+    Vec4 j;
+    double sigma;
+    const double r = problem.wallResidual(pose, *m, *s, &j, &sigma);
+    n.add(r, j, sigma * planeScale);
+    const double turn = heading(s->normal) - heading(m->normal);
+    n.add(wrapAngle(pose.theta - turn), Vec4(0, 0, 0, 1), wallTurnSigma * planeScale);
+  }
+  for (auto [m, s] : pairs.floors) {
+    n.add(pose.ty + m->origin[1] - s->origin[1], Vec4(0, 1, 0, 0), floorSigma * planeScale);
+  }
+  for (const auto& [m, s] : pairs.points) {
+    n.addPoint(pose, m, s, o.pointSigma * pointScale, o.pointSigma * pointScale);
+  }
+  // The weak pull towards the hypothesis, as in the steps: directions nothing fixes stay loose.
+  for (int k = 0; k < 4; ++k) n.add(0, Vec4::Unit(k), 1.0);
+  const Mat4x4 cov = n.h.ldlt().solve(Mat4x4::Identity());
+  // At the middle of the objects (the map's origin when none): a point there moves by
+  // dt + dtheta * d(R c)/d(theta); an asset leverArm away adds the turn's share.
+  const Vec3 dc = turnDerivative(pose.theta, centre);
+  const Vec4 j[3] = {Vec4(1, 0, 0, dc[0]), Vec4(0, 1, 0, dc[1]), Vec4(0, 0, 1, dc[2])};
+  double var = o.leverArm * o.leverArm * cov(3, 3);
+  for (const Vec4& row : j) var += row.dot(cov * row);
+  out.metres = std::isfinite(var) && var >= 0 ? std::sqrt(var) : 1.0;
+  return out;
+}
+
 bool hasTwoWallDirections(const std::vector<const PlaneObservation*>& walls) {
   for (const PlaneObservation* a : walls) {
     for (const PlaneObservation* b : walls) {
@@ -342,10 +442,12 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   for (auto [m, s] : pairs.walls) sessionWalls.push_back(s);
   out.bothWays = hasTwoWallDirections(sessionWalls);
 
-  // Predicted error: the spread the evidence leaves, as the inverse of the normal matrix says,
-  // for an asset leverArm from the origin; evidence that disagrees more than its noise widens it.
-  // Each residual counts as much as the robust loss lets it, and the four the fit itself took up
-  // are not counted as agreement: little evidence cannot claim a fine result.
+  // Predicted error, the larger of two readings. One: the spread the evidence leaves, as the
+  // inverse of the normal matrix says, for an asset leverArm from the origin, widened by evidence
+  // that disagrees more than its noise; each residual counts as much as the robust loss lets it,
+  // and the four the fit took up are not counted as agreement. Two: each kind's noise as its own
+  // residuals show it, held by a prior while they are few, so that three objects that happen to
+  // fit each other do not look finer than twenty.
   double weighted = 0, freedom = 0;
   auto count = [&](double u2, double w, double dof) {
     weighted += w * u2;
@@ -370,14 +472,20 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   const double spread = std::max(1.0, std::sqrt(weighted / std::max(1.0, freedom - 4)));
   const Mat4x4 cov = info.ldlt().solve(Mat4x4::Identity());
   const double var = cov(0, 0) + cov(1, 1) + cov(2, 2) + o.leverArm * o.leverArm * cov(3, 3);
-  out.predictedError = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
+  const double consistency = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
+  const PredictedError predicted = predictError(problem, pose, map, session, pairs, o);
+  out.spread = predicted.objectScale;
+  out.predictedError = std::max(consistency, predicted.metres);
   out.matchValue = std::exp(-out.predictedError / o.matchScale);
 
   // Verification.
   const double shift = std::hypot(pose.tx - rough.tx, pose.ty - rough.ty, pose.tz - rough.tz);
   const bool pointsBothSides = mapPoints.size() > 0 && problem.sessionPointCount() > 0;
   // Walls of two directions and a floor, none disagreeing: the room's shape agrees.
-  const bool wallsAgree = out.bothWays && out.horizontal > 0 && out.wallsDisagreeing == 0;
+  int mapWalls = 0;
+  for (const PlaneObservation& p : map.planes) mapWalls += p.vertical;
+  const bool wallsAgree = out.bothWays && out.horizontal > 0 && out.wallsDisagreeing == 0 &&
+                          mapWalls <= o.wallsOfOneRoom;
   if (shift > o.maxShift || std::fabs(wrapAngle(pose.theta - rough.theta)) > o.maxTurn) {
     out.why = "refinement left the hypothesis";
   } else if (out.predictedError > o.maxPredictedError) {

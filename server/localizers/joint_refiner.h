@@ -52,8 +52,11 @@ struct JointRefinerOptions {
   // line up in another room leave a large one, and a result this loose is no fine result (the
   // kit takes scene-understanding answers from match value 0.55 on: about 6 cm).
   double maxPredictedError = 0.055;
-  // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees.
+  // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees,
+  // in a map of at most wallsOfOneRoom walls: in a map of several rooms the walls of a room of the
+  // same size agree with the session's as well as its own.
   int minObjectsWithWalls = 2;
+  int wallsOfOneRoom = 8;
   // Agreeing objects must be of this many labels (one fewer with such walls): a row of identical
   // chairs fits any room that has such a row, and slid along it by a chair, its own.
   int minLabels = 3;
@@ -65,6 +68,13 @@ struct JointRefinerOptions {
   // The typical distance of an asset from the session's origin, for the heading's share of the
   // predicted error.
   double leverArm = 2.0;
+  // How much wider than their sigmas residuals are believed to be before they show it (objects
+  // seen from elsewhere are off by more than their jitter), and how many numbers' worth that
+  // belief weighs: three objects barely move it, twenty settle it.
+  double objectNoisePrior = 1.5;
+  double objectNoisePriorWeight = 9;
+  double planeNoisePriorWeight = 4;
+  double pointNoisePriorWeight = 30;
   // Match value = exp(-predicted error / matchScale).
   double matchScale = 0.1;
 };
@@ -80,6 +90,7 @@ struct JointResult {
   int points = 0, pointsNear = 0;  // agreeing points, and points that land near the map's
   bool bothWays = false;           // walls of two directions take part
   double predictedError = 1;       // metres, for an asset leverArm from the origin
+  double spread = 1;               // how much wider the objects' residuals are than objectSigma
   double matchValue = 0;
   std::string why;  // when not verified
 };

@@ -184,11 +184,11 @@ std::vector<Landmark> buildLandmarks(const std::vector<ObjectObservation>& obser
   return out;
 }
 
-LocalizerReport SuLocalizer::estimate(const std::vector<Landmark>& map,
-                                      const std::vector<Landmark>& session,
-                                      const std::optional<Pose4>& seed) const {
-  LocalizerReport report;
-  if (map.size() < 2 || session.size() < 2) return report;
+std::vector<LocalizerReport> SuLocalizer::estimateSeveral(const std::vector<Landmark>& map,
+                                                          const std::vector<Landmark>& session,
+                                                          const std::optional<Pose4>& seed,
+                                                          int count) const {
+  if (map.size() < 2 || session.size() < 2) return {};
   const SuLocalizerOptions& o = options_;
   Problem problem(map, session, o);
   const int nm = static_cast<int>(map.size()), ns = static_cast<int>(session.size());
@@ -270,38 +270,73 @@ LocalizerReport SuLocalizer::estimate(const std::vector<Landmark>& map,
       if (i1 != i2) visitMapPair(std::min(i1, i2), std::max(i1, i2));
     }
   }
-  if (reservoir.empty()) return report;
+  if (reservoir.empty()) return {};
 
-  Score best;
-  Pose4 bestPose;
+  // The best few hypotheses that put the landmarks in different places: among hundreds of
+  // landmarks of a few labels the most inliers may be a coincidence, and verification decides.
+  struct Ranked {
+    Score score;
+    Pose4 pose;
+  };
+  std::vector<Ranked> top;
+  const size_t keep = static_cast<size_t>(std::max(count, 1));
+  auto alike = [&](const Pose4& a, const Pose4& b, const Score& s) {
+    if (std::fabs(wrapAngle(a.theta - b.theta)) > o.distinctTurn) return false;
+    for (auto [i, j] : s.pairs) {
+      if (distance(a.apply(problem.m(i)), b.apply(problem.m(i))) > o.distinctShift) return false;
+    }
+    return true;
+  };
+  int hypotheses = 0;
   const int perfect = std::min(nm, ns);
   for (const Hypothesis& h : reservoir) {
     const Pose4 pose = problem.fromHypothesis(h);
-    Score s = problem.score(pose, best.inliers);
-    ++report.hypotheses;
+    const int mustReach = top.size() == keep ? top.back().score.inliers : 0;
+    Score s = problem.score(pose, mustReach);
+    ++hypotheses;
     if (s.inliers < 0) continue;
-    if (s.betterThan(best) || report.hypotheses == 1) {
-      best = std::move(s);
-      bestPose = pose;
-      if (best.inliers == perfect) break;  // nothing can have more; refinement follows
+    if (top.size() == keep && !s.betterThan(top.back().score)) continue;
+    auto same = std::find_if(top.begin(), top.end(),
+                             [&](const Ranked& r) { return alike(r.pose, pose, r.score); });
+    if (same != top.end()) {
+      if (!s.betterThan(same->score)) continue;
+      top.erase(same);
     }
+    auto at = std::find_if(top.begin(), top.end(),
+                           [&](const Ranked& r) { return s.betterThan(r.score); });
+    top.insert(at, Ranked{std::move(s), pose});
+    if (top.size() > keep) top.pop_back();
+    if (keep == 1 && top.front().score.inliers == perfect) break;  // nothing can have more
   }
-  // Refine over the inliers until the set stops growing (a few rounds at most).
-  for (int round = 0; round < 3 && best.inliers >= 2; ++round) {
-    const Pose4 refined = problem.refine(best.pairs);
-    Score s = problem.score(refined);
-    if (s.inliers < best.inliers) break;
-    const bool grew = s.inliers > best.inliers;
-    best = std::move(s);
-    bestPose = refined;
-    if (!grew) break;
+  std::vector<LocalizerReport> out;
+  for (Ranked& r : top) {
+    // Refine over the inliers until the set stops growing (a few rounds at most).
+    for (int round = 0; round < 3 && r.score.inliers >= 2; ++round) {
+      const Pose4 refined = problem.refine(r.score.pairs);
+      Score s = problem.score(refined);
+      if (s.inliers < r.score.inliers) break;
+      const bool grew = s.inliers > r.score.inliers;
+      r.score = std::move(s);
+      r.pose = refined;
+      if (!grew) break;
+    }
+    LocalizerReport report;
+    report.hypotheses = hypotheses;
+    report.transform = r.pose;
+    report.inliers = r.score.inliers;
+    report.residual = r.score.inliers ? std::sqrt(r.score.sumSquared / r.score.inliers) : 0;
+    report.matchValue = static_cast<double>(r.score.inliers) / perfect;
+    report.found = r.score.inliers >= (seed ? o.minInliersSeeded : o.minInliers);
+    out.push_back(report);
   }
-  report.transform = bestPose;
-  report.inliers = best.inliers;
-  report.residual = best.inliers ? std::sqrt(best.sumSquared / best.inliers) : 0;
-  report.matchValue = static_cast<double>(best.inliers) / std::min(nm, ns);
-  report.found = best.inliers >= (seed ? o.minInliersSeeded : o.minInliers);
-  return report;
+  return out;
+}
+
+LocalizerReport SuLocalizer::estimate(const std::vector<Landmark>& map,
+                                      const std::vector<Landmark>& session,
+                                      const std::optional<Pose4>& seed) const {
+  std::vector<LocalizerReport> best = estimateSeveral(map, session, seed, 1);
+  return best.empty() ? LocalizerReport{} : best.front();
 }
 
 }  // namespace omra::server

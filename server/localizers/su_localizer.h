@@ -37,9 +37,12 @@ struct SuLocalizerOptions {
   // Seeded mode: candidate pairs must lie this close under the seed transform.
   double seedRadius = 1.0;
   // Work bounds for large scenes; beyond them hypotheses are sampled with the seed below.
-  int maxHypotheses = 2000;
+  int maxHypotheses = 20000;
   int64_t maxMapPairs = 50000;
   uint64_t randomSeed = 0x5eed;
+  // estimateSeveral: hypotheses count as one when they turn by less than this (radians) and move
+  // none of their inliers by more than this (metres).
+  double distinctTurn = 0.17, distinctShift = 0.5;
 };
 
 struct LocalizerReport {
@@ -58,6 +61,11 @@ class SuLocalizer {
   // Unseeded when seed is absent. Deterministic for equal inputs and options.
   LocalizerReport estimate(const std::vector<Landmark>& map, const std::vector<Landmark>& session,
                            const std::optional<Pose4>& seed = std::nullopt) const;
+  // Up to count of the best hypotheses that place the landmarks differently, best first, each
+  // refined; empty when there was none. The first is estimate()'s answer.
+  std::vector<LocalizerReport> estimateSeveral(const std::vector<Landmark>& map,
+                                               const std::vector<Landmark>& session,
+                                               const std::optional<Pose4>& seed, int count) const;
 
  private:
   SuLocalizerOptions options_;

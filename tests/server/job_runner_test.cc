@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "server/session_follower.h"
 
 namespace omra::server {
 namespace {
@@ -105,6 +108,60 @@ TEST(JobRunner, StopFinishesRunningJobsAndDropsQueuedOnes) {
   EXPECT_EQ(runner.stats().dropped, 2u);
   EXPECT_FALSE(runner.trigger("c", [] {}));
   runner.stop();  // idempotent
+}
+
+// Records run the localizers the kit asked for again: not before the interval since the last
+// run, not after the window since the first request or a written result, never for a session
+// nobody asked about.
+TEST(SessionFollower, RerunsWhatWasAskedWithinItsWindow) {
+  using namespace std::chrono_literals;
+  using Clock = SessionFollower::Clock;
+  const Clock::time_point t0{};
+  SessionFollower f({.followSeconds = 10, .intervalSeconds = 1, .maxSessions = 2});
+  f.asked("s", "m", "full_image_matcher", t0);
+  f.asked("s", "m", "su_localizer", t0 + 200ms);
+  f.asked("s", "other map", "su_localizer_seeded", t0 + 300ms);  // not this session's map
+  struct Step {
+    const char* name;
+    const char* session;
+    Clock::duration at;
+    int localizers;  // -1: nothing to run
+  };
+  const Step steps[] = {
+      {"unknown session", "x", 5s, -1},
+      {"within the interval of the kit's own request", "s", 900ms, -1},
+      {"after it", "s", 1300ms, 2},
+      {"within the interval of that run", "s", 2s, -1},
+      {"the next interval", "s", 2400ms, 2},
+      {"past the window", "s", 10100ms, -1},
+      {"forgotten after the window", "s", 10500ms, -1},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.name);
+    auto rerun = f.recordsArrived(step.session, t0 + step.at);
+    if (step.localizers < 0) {
+      EXPECT_FALSE(rerun);
+      continue;
+    }
+    ASSERT_TRUE(rerun);
+    EXPECT_EQ(rerun->mapUuid, "m");
+    EXPECT_EQ(rerun->localizers, (std::vector<std::string>{"full_image_matcher", "su_localizer"}));
+  }
+  // Once answered, records run nothing more.
+  f.asked("t", "m", "su_localizer", t0 + 11s);
+  f.answered("t");
+  EXPECT_FALSE(f.recordsArrived("t", t0 + 13s));
+  // Bounded: a third session pushes out the oldest.
+  f.asked("a", "m", "su_localizer", t0 + 20s);
+  f.asked("b", "m", "su_localizer", t0 + 21s);
+  f.asked("c", "m", "su_localizer", t0 + 22s);
+  EXPECT_FALSE(f.recordsArrived("a", t0 + 25s));
+  EXPECT_TRUE(f.recordsArrived("b", t0 + 25s));
+  EXPECT_TRUE(f.recordsArrived("c", t0 + 25s));
+  // Off.
+  SessionFollower off({.followSeconds = 0});
+  off.asked("s", "m", "su_localizer", t0);
+  EXPECT_FALSE(off.recordsArrived("s", t0 + 2s));
 }
 
 }  // namespace

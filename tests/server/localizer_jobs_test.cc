@@ -4,10 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <map>
 #include <numbers>
 #include <thread>
+#include <utility>
 
 #include "server/localizers/joint_refiner.h"
 #include "server/localizers/map_index_cache.h"
@@ -274,6 +277,57 @@ TEST(JointRefiner, MatchValuePredictsTheError) {
   }
 }
 
+// A few objects that happen to fit each other well say little about how far off objects are.
+// At equal noise, three objects never predict a smaller error than two dozen; three that are off
+// together (seen from elsewhere) along the one wall, fitting each other exactly, still predict an
+// error of the size of the real one.
+TEST(JointRefiner, FewObjectsDoNotLookFinerThanMany) {
+  struct Case {
+    const char* name;
+    int objects;
+    double noise, sharedShift;
+  };
+  const Case cases[] = {{"3, 1 cm", 3, 0.01, 0},
+                        {"24, 1 cm", 24, 0.01, 0},
+                        {"3, 4 cm", 3, 0.04, 0},
+                        {"24, 4 cm", 24, 0.04, 0},
+                        {"3 off together", 3, 0.002, 0.06}};
+  std::map<double, std::vector<double>> predictedByNoise;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    // One wall and the floor, seen well; objects off by noise.
+    SyntheticRoom room = testing::makeSyntheticRoom(71, c.objects);
+    room.evidence.points.clear();
+    bool wall = false;
+    std::erase_if(room.evidence.planes, [&](const PlaneObservation& p) {
+      return p.vertical && std::exchange(wall, true);
+    });
+    SceneEvidence session = testing::carried(room.evidence, kTruth, 0.003, 72);
+    session.landmarks = testing::seenFrom(room.evidence.landmarks, kTruth, c.noise, 73);
+    // Along the wall (the direction nothing else fixes), in the session's frame.
+    const PlaneObservation& w = *std::find_if(session.planes.begin(), session.planes.end(),
+                                              [](const PlaneObservation& p) { return p.vertical; });
+    for (Landmark& l : session.landmarks) {
+      l.position[0] += c.sharedShift * w.normal[2];
+      l.position[2] -= c.sharedShift * w.normal[0];
+    }
+    const Pose4 rough{kTruth.tx - 0.1, kTruth.ty, kTruth.tz + 0.1, kTruth.theta + 2 * kDeg};
+    const JointResult r = JointRefiner().refine(rough, room.evidence, PointGrid(), session);
+    predictedByNoise[c.noise].push_back(r.predictedError);
+    const double actual = std::hypot(translationError(r.transform, kTruth),
+                                     2 * wrapAngle(r.transform.theta - kTruth.theta));
+    EXPECT_LT(actual, 3 * r.predictedError + 0.002);
+    EXPECT_GT(r.predictedError, (c.sharedShift > 0 ? 0.5 : 0.25) * actual - 0.0025);
+    // The objects' own reading of their noise: wider than the model only when they are.
+    EXPECT_LT(r.spread, c.noise > 0.03 ? 3.0 : 1.6);
+  }
+  for (const auto& [noise, predicted] : predictedByNoise) {
+    if (predicted.size() == 2) {
+      EXPECT_GT(predicted.front(), predicted.back()) << noise;
+    }
+  }
+}
+
 // One moved chair, one misplaced wall or a wrong floor height cannot pull the answer.
 TEST(JointRefiner, OneBadConstraintCannotPullTheResult) {
   struct Case {
@@ -375,6 +429,8 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     double noise = 0.004;
     int keep = 0;               // above 0: the session saw only that many objects and no planes
     const char* why = nullptr;  // none: verified
+    bool rowAndOne = false;     // the session saw the row and one other object, and the walls
+    int otherRooms = 0;         // the map also holds that many rooms of the same size
     double turnedWalls = 0;     // radians every session wall is turned by
   };
   const Case cases[] = {
@@ -387,11 +443,30 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
       {"half the walls elsewhere", false, false, 0, 2, 0.004, 0, "walls disagree"},
       {"four loose objects", false, false, 0, 0, 0.06, 4, "the evidence leaves too large an error"},
       // No wall pairs up, so none contradicts one: the rooms' walls must still face the same ways.
-      {"walls facing other ways", false, false, 0, 0, 0.004, 0, "walls disagree", 15 * kDeg},
+      {"walls facing other ways", false, false, 0, 0, 0.004, 0, "walls disagree", false, 0,
+       15 * kDeg},
+      {"the row and one more, walls agree", false, false, 0, 0, 0.004, 0, nullptr, true},
+      {"the row and one more in a map of three rooms", false, false, 0, 0, 0.004, 0,
+       "too few kinds of object agree", true, 2},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    SceneEvidence mapOf = map;
+    for (int k = 1; k <= c.otherRooms; ++k) {
+      for (const PlaneObservation& p : map.planes) {
+        if (!p.vertical) continue;
+        PlaneObservation other = p;
+        other.origin[0] += 10.0 * k;
+        mapOf.planes.push_back(other);
+      }
+    }
     SceneEvidence seen = map;
+    if (c.rowAndOne) {
+      seen.landmarks =
+          withRow({*std::find_if(map.landmarks.begin(), map.landmarks.end(),
+                                 [](const Landmark& l) { return l.label != "chair"; })},
+                  5);
+    }
     if (c.otherObjects) {
       seen.landmarks = withRow(testing::makeSyntheticRoom(82, 12).evidence.landmarks, 5);
     }
@@ -419,7 +494,7 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     rough.tx += slide[0] + 0.04;
     rough.tz += slide[2] - 0.03;
     rough.theta += 1 * kDeg;
-    const JointResult r = JointRefiner().refine(rough, map, PointGrid(), session);
+    const JointResult r = JointRefiner().refine(rough, mapOf, PointGrid(), session);
     if (!c.why) {
       EXPECT_TRUE(r.verified) << r.why;
       EXPECT_LT(translationError(r.transform, kTruth), 0.02);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
@@ -171,6 +172,64 @@ TEST(SuLocalizer, SampledRunsAreDeterministicPerSeed) {
   for (const LocalizerReport& r : {a, SuLocalizer(o).estimate(map, session)}) {
     ASSERT_TRUE(r.found);
     expectPoseNear(r.transform, truth, 0.04, 1.5 * kDeg);
+  }
+}
+
+// Among several rooms of alike furniture the most inliers may sit in the wrong one: the runner-up
+// hypotheses, each placing the landmarks elsewhere, keep the right answer within reach.
+TEST(SuLocalizer, SeveralHypothesesKeepTheRunnersUp) {
+  const Pose4 truth{0.8, 0, -0.4, 0.9};
+  const auto room = makeRoom(8, 12, 41);
+  struct Case {
+    const char* name;
+    bool decoy;          // the map also holds a copy of the room 10 m away...
+    bool decoyHasExtra;  // ... which also has the object the session saw beyond the room
+    bool truthFirst;
+  };
+  const Case cases[] = {{"one room", false, false, true},
+                        {"two alike rooms", true, false, true},
+                        {"the other room fits one object more", true, true, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<Landmark> map = room;
+    const Landmark extra{100, "plant", {2.5, 0.5, 2.5}};
+    if (c.decoy) {
+      for (Landmark l : room) {
+        l.objectId += 50;
+        l.position[0] += 10;
+        map.push_back(l);
+      }
+      if (c.decoyHasExtra) map.push_back({150, "plant", {12.5, 0.5, 2.5}});
+    }
+    std::vector<Landmark> seen = room;
+    seen.push_back(extra);
+    const auto session = seenFrom(seen, truth, 0.005, 42);
+    const SuLocalizer su;
+    const auto several = su.estimateSeveral(map, session, std::nullopt, 3);
+    ASSERT_FALSE(several.empty());
+    EXPECT_LE(several.size(), 3u);
+    // The first is estimate()'s answer; the rest rank below it.
+    EXPECT_EQ(several.front().transform.toText(), su.estimate(map, session).transform.toText());
+    for (size_t k = 1; k < several.size(); ++k) {
+      EXPECT_LE(several[k].inliers, several[k - 1].inliers);
+      // Each places the room's landmarks elsewhere than every better one.
+      for (size_t b = 0; b < k; ++b) {
+        double apart =
+            std::fabs(wrapAngle(several[k].transform.theta - several[b].transform.theta));
+        for (const Landmark& l : room) {
+          apart = std::max(apart, distance(several[k].transform.apply(l.position),
+                                           several[b].transform.apply(l.position)));
+        }
+        EXPECT_GT(apart, 0.17);
+      }
+    }
+    auto isTruth = [&](const LocalizerReport& r) {
+      return r.found &&
+             distance(r.transform.apply(room[0].position), truth.apply(room[0].position)) < 0.02 &&
+             std::fabs(wrapAngle(r.transform.theta - truth.theta)) < 0.5 * kDeg;
+    };
+    EXPECT_EQ(isTruth(several.front()), c.truthFirst);
+    EXPECT_TRUE(std::any_of(several.begin(), several.end(), isTruth));
   }
 }
 

@@ -1,0 +1,55 @@
+#include "server/session_follower.h"
+
+#include <algorithm>
+
+namespace omra::server {
+namespace {
+
+SessionFollower::Clock::duration seconds(double s) {
+  return std::chrono::duration_cast<SessionFollower::Clock::duration>(
+      std::chrono::duration<double>(s));
+}
+
+}  // namespace
+
+void SessionFollower::asked(const std::string& session, const std::string& mapUuid,
+                            const std::string& localizer, Clock::time_point now) {
+  if (options_.followSeconds <= 0) return;
+  std::lock_guard lock(mu_);
+  auto it = sessions_.find(session);
+  if (it == sessions_.end()) {
+    if (sessions_.size() >= options_.maxSessions) {
+      auto oldest = std::min_element(sessions_.begin(), sessions_.end(), [](auto& a, auto& b) {
+        return a.second.first < b.second.first;
+      });
+      sessions_.erase(oldest);
+    }
+    it = sessions_.emplace(session, Followed{mapUuid, {}, now, now}).first;
+  }
+  // A session belongs to one map; a request naming another one is the kit's to answer for.
+  if (it->second.mapUuid != mapUuid) return;
+  it->second.localizers.insert(localizer);
+  it->second.last = now;  // the kit's request runs them now
+}
+
+void SessionFollower::answered(const std::string& session) {
+  std::lock_guard lock(mu_);
+  sessions_.erase(session);
+}
+
+std::optional<SessionFollower::Rerun> SessionFollower::recordsArrived(const std::string& session,
+                                                                      Clock::time_point now) {
+  std::lock_guard lock(mu_);
+  auto it = sessions_.find(session);
+  if (it == sessions_.end()) return std::nullopt;
+  Followed& f = it->second;
+  if (now - f.first > seconds(options_.followSeconds)) {
+    sessions_.erase(it);
+    return std::nullopt;
+  }
+  if (now - f.last < seconds(options_.intervalSeconds)) return std::nullopt;
+  f.last = now;
+  return Rerun{f.mapUuid, {f.localizers.begin(), f.localizers.end()}};
+}
+
+}  // namespace omra::server
