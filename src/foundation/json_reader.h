@@ -43,4 +43,8 @@ std::string toValidUtf8(std::string_view text);
 // the bad bytes instead of throwing. For logs and for values that were validated already.
 std::string dumpJson(const nlohmann::ordered_json& value);
 
+// Appends text as a JSON string, as nlohmann's dump writes it (UTF-8 kept, control bytes
+// escaped); false, with nothing appended, when the text is not UTF-8.
+bool appendJsonText(std::string& out, std::string_view text);
+
 }  // namespace omra

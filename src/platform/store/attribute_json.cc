@@ -10,51 +10,6 @@ void setError(std::string* error, std::string message) {
   if (error != nullptr) *error = std::move(message);
 }
 
-// A JSON string as nlohmann's dump writes it (UTF-8 kept, control bytes escaped); false when the
-// text is not UTF-8.
-bool appendString(std::string& out, std::string_view text) {
-  if (!isValidUtf8(text)) return false;
-  static constexpr char kHex[] = "0123456789abcdef";
-  out += '"';
-  size_t plain = 0;  // start of the run not yet copied
-  for (size_t i = 0; i < text.size(); ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    if (c >= 0x20 && c != '"' && c != '\\') continue;
-    out.append(text.data() + plain, i - plain);
-    plain = i + 1;
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        out += "\\u00";
-        out += kHex[c >> 4];
-        out += kHex[c & 0xf];
-    }
-  }
-  out.append(text.data() + plain, text.size() - plain);
-  out += '"';
-  return true;
-}
-
 }  // namespace
 
 Json attributeToJson(const AttributeValue& value) {
@@ -91,20 +46,20 @@ std::optional<std::string> itemToJsonText(const Item& item) {
   out += '{';
   for (const auto& [name, value] : item) {
     if (out.size() > 1) out += ',';
-    if (!appendString(out, name)) return std::nullopt;
+    if (!appendJsonText(out, name)) return std::nullopt;
     bool ok = true;
     switch (value.type) {
       case AttributeValue::Type::kString:
         out += ":{\"S\":";
-        ok = appendString(out, value.text);
+        ok = appendJsonText(out, value.text);
         break;
       case AttributeValue::Type::kNumber:
         out += ":{\"N\":";
-        ok = appendString(out, value.text);
+        ok = appendJsonText(out, value.text);
         break;
       case AttributeValue::Type::kBytes:
         out += ":{\"B\":";
-        ok = appendString(out, base64Encode(value.text));
+        ok = appendJsonText(out, base64Encode(value.text));
         break;
       case AttributeValue::Type::kStringMap: {
         out += ":{\"M\":{";
@@ -112,9 +67,9 @@ std::optional<std::string> itemToJsonText(const Item& item) {
         for (const auto& [k, v] : value.map) {
           if (!first) out += ',';
           first = false;
-          ok = ok && appendString(out, k);
+          ok = ok && appendJsonText(out, k);
           out += ":{\"S\":";
-          ok = ok && appendString(out, v);
+          ok = ok && appendJsonText(out, v);
           out += '}';
         }
         out += '}';
