@@ -191,8 +191,8 @@ TEST(RecordIngestFaults, KitKilledMidSessionLeavesAnOutboxTheNextOpenDrains) {
 // ceiling allows, every record stored exactly once.
 TEST(RecordIngestFaults, RefusalsAreRetriedWithinBoundsAndLoseNothing) {
   server::QuotaOptions tight;
-  tight.requestsPerSecond = 2;
-  tight.requestBurst = 2;
+  tight.requestsPerSecond = 1;
+  tight.requestBurst = 1;
   tight.bytesPerSecond = 0;
   struct Case {
     const char* name;
@@ -274,7 +274,8 @@ TEST(RecordIngestFaults, RefusalsAreRetriedWithinBoundsAndLoseNothing) {
                 std::max<std::chrono::milliseconds>(asked, kitBackoff.ceiling(failures)) + kSlack)
           << "retry " << failures << " waited longer than the backoff allows";
     }
-    EXPECT_GE(refusals, 2);
+    // A slow machine batches more per request, so fewer requests meet the quota.
+    EXPECT_GE(refusals, 1);
   }
 }
 
