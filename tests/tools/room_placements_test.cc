@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <unordered_map>
 
@@ -119,6 +120,12 @@ TEST(RoomPlacements, DriftingMapsPlaceOnTheMapsOwnGeometry) {
       const MapAsset placed = hostPlacement(mapping, spot);
       EXPECT_LT((positionOf(placed) - mapsOwn).norm(), 0.2);
       EXPECT_NEAR(placed.orientation, spot.yaw + at.theta, 1e-5);
+      // Drawn where the tracking had the spot at that frame.
+      const std::vector<MapAsset> drawn = placementsAt(mapping, *frame);
+      const auto same = std::find_if(drawn.begin(), drawn.end(),
+                                     [&](const MapAsset& a) { return a.assetID == spot.id; });
+      ASSERT_NE(same, drawn.end());
+      EXPECT_EQ(*same, placed);
       driftFreeWorst =
           std::max(driftFreeWorst, (truth.sessionFromRoom.apply(spot.position) - mapsOwn).norm());
     }

@@ -136,6 +136,15 @@ MapAsset hostPlacement(const sim::Recording& recording, const AssetSpot& spot) {
   return assetAt(spot, truth.sessionFromRoomAt(frame));
 }
 
+std::vector<MapAsset> placementsAt(const sim::Recording& recording, int64_t frame) {
+  std::vector<MapAsset> out;
+  if (!recording.truth) return out;
+  for (const AssetSpot& spot : assetSpots(recording.truth->room)) {
+    out.push_back(assetAt(spot, recording.truth->sessionFromRoomAt(frame)));
+  }
+  return out;
+}
+
 std::vector<MapAsset> placementsOnRoomObjects(const sim::Recording& recording) {
   std::vector<MapAsset> out;
   if (!recording.truth) return out;

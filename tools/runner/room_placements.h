@@ -40,6 +40,10 @@ std::optional<int64_t> placementFrame(const sim::Recording& recording, const Ass
 // camera's nearest pass inside the room (else the last frame).
 MapAsset hostPlacement(const sim::Recording& recording, const AssetSpot& spot);
 
+// The spots of the recording's room where its tracking had them at `frame`: where a host draws
+// assets handed over then. Empty without truth.
+std::vector<MapAsset> placementsAt(const sim::Recording& recording, int64_t frame);
+
 // The spots of the recording's room placed by hostPlacement; empty when the recording has no
 // truth (a real device's recording).
 std::vector<MapAsset> placementsOnRoomObjects(const sim::Recording& recording);
