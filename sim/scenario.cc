@@ -227,6 +227,10 @@ Scenario makeScenario(const ScenarioOptions& options) {
     YawTransform spaceFromCell;
     spaceFromCell.tx = space->cellCenterX[cell];
     mapping.truth->sessionFromRoom = mapping.truth->sessionFromRoom.compose(spaceFromCell);
+    // The tracking's per-frame view too, or it would still take space coordinates.
+    for (YawTransform& tracked : mapping.truth->trackedFromRoom) {
+      tracked = tracked.compose(spaceFromCell);
+    }
     mapping.truth->room = *room;
     mapping.truth->room.surfaces.clear();
     mapping.truth->room.points.clear();

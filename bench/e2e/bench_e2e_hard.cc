@@ -4,6 +4,11 @@
 // under changed light: each on its own and all together. Then localizations in rooms the map
 // does not hold, where any assets handed over are a false relocalization.
 //
+// With drift the host places each asset as it would on a phone: while the mapping camera stands in
+// the asset's room with the spot in view (the nearest such frame), in that frame's tracked
+// coordinates, so the asset sits on the map's own, drifted picture of its object. An asset comes
+// back right when it lands where the localization session's tracking had the spot on arrival.
+//
 // bench_e2e_hard [scenes per condition (5)] [wrong-room scenes (50)] [parallel (6)]
 // OMRA_E2E_ONLY="50040,70017" runs only the scenes of those seeds (the figures then cover them).
 #include <cstdio>

@@ -70,19 +70,24 @@ std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int paralle
         for (const AssetOutcome& a : r.assets) {
           *log << "asset: " << a.expected.x << ' ' << a.expected.y << ' ' << a.expected.z << '\n';
         }
-        // How far the map's own tracking had drifted at its end where the assets are: the
-        // assets go in at their drift-free places, the map's objects where tracking had them.
-        const auto& mapTruth = r.scenario.mapping->truth;
-        if (mapTruth && !mapTruth->trackedFromRoom.empty()) {
-          const sim::YawTransform& end = mapTruth->trackedFromRoom.back();
-          double cm = 0;
-          for (const AssetOutcome& a : r.assets) {
-            cm = std::max(
-                cm, (end.apply(a.room) - mapTruth->sessionFromRoom.apply(a.room)).norm() * 100);
+        // Where the host placed each asset in the map (see room_placements.h): the mapping frame
+        // it was placed from and how far the tracking had drifted there, against the map's end.
+        const sim::Recording& mapping = *r.scenario.mapping;
+        const sim::RecordingTruth& mapTruth = *mapping.truth;
+        if (!mapTruth.trackedFromRoom.empty()) {
+          for (const tools::AssetSpot& spot : tools::assetSpots(*r.scenario.room)) {
+            const std::optional<int64_t> frame = tools::placementFrame(mapping, spot);
+            const sim::Vec3 free = mapTruth.sessionFromRoom.apply(spot.position);
+            const MapAsset placed = tools::hostPlacement(mapping, spot);
+            const double atPlacement =
+                (sim::Vec3{placed.position.x, placed.position.y, placed.position.z} - free).norm();
+            const double atEnd =
+                (mapTruth.trackedFromRoom.back().apply(spot.position) - free).norm();
+            *log << "placed " << spot.id << " from mapping frame "
+                 << (frame ? std::to_string(*frame) : std::string("(none in view)"))
+                 << ", drift there " << atPlacement * 100 << " cm, at the map's end " << atEnd * 100
+                 << " cm\n";
           }
-          *log << "map drift at its end: " << cm << " cm, "
-               << std::remainder(end.theta - mapTruth->sessionFromRoom.theta, 2 * M_PI) * 180 / M_PI
-               << " deg\n";
         }
       }
       const ScenarioReport& r = results[i].report;

@@ -103,7 +103,7 @@ struct Pairs {
 class Problem {
  public:
   Problem(const SceneEvidence& map, const PointGrid& grid, const SceneEvidence& session,
-          const JointRefinerOptions& o)
+          const Pose4& rough, const JointRefinerOptions& o)
       : map_(map), grid_(grid), session_(session), o_(o) {
     // A bounded, evenly spread share of the session's points keeps a run's cost flat.
     const size_t n = session.points.size();
@@ -116,10 +116,41 @@ class Problem {
     mapPlanes_ = map.planes;
     sessionPlanes_ = session.planes;
     mapFrame_ = straighten(mapPlanes_, spread, &mapWalls_);
+    if (!mapFrame_) straightenNearSession(rough, spread);
     sessionFrame_ = straighten(sessionPlanes_, spread, &sessionWalls_);
   }
 
   size_t sessionPointCount() const { return sessionPoints_.size(); }
+
+  // A long map whose tracking turned from room to room has no one right-angled frame, but the
+  // room the hypothesis lays the session in may: its walls are those near the session's objects
+  // and walls.
+  void straightenNearSession(const Pose4& rough, double spread) {
+    double lo[2] = {1e300, 1e300}, hi[2] = {-1e300, -1e300};
+    auto include = [&](const Vec3& p) {
+      lo[0] = std::min(lo[0], p[0]), hi[0] = std::max(hi[0], p[0]);
+      lo[1] = std::min(lo[1], p[2]), hi[1] = std::max(hi[1], p[2]);
+    };
+    for (const Landmark& l : session_.landmarks) include(l.position);
+    for (const PlaneObservation& p : session_.planes) include(p.origin);
+    const double margin = 1.0;
+    std::vector<PlaneObservation> near;
+    std::vector<size_t> at;
+    for (size_t k = 0; k < mapPlanes_.size(); ++k) {
+      const Vec3 p = rough.apply(mapPlanes_[k].origin);
+      if (!mapPlanes_[k].vertical || p[0] < lo[0] - margin || p[0] > hi[0] + margin ||
+          p[2] < lo[1] - margin || p[2] > hi[1] + margin) {
+        continue;
+      }
+      near.push_back(mapPlanes_[k]);
+      at.push_back(k);
+    }
+    int walls = 0;
+    mapFrame_ = straighten(near, spread, &walls);
+    if (!mapFrame_) return;
+    mapWalls_ = walls;
+    for (size_t k = 0; k < at.size(); ++k) mapPlanes_[at[k]] = near[k];
+  }
 
   Pairs associate(const Pose4& pose, double objectGate, double wallGate, double pointGate) const {
     Pairs out;
@@ -409,7 +440,7 @@ bool hasTwoWallDirections(const std::vector<const PlaneObservation*>& walls) {
 JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
                                  const PointGrid& mapPoints, const SceneEvidence& session) const {
   const JointRefinerOptions& o = options_;
-  Problem problem(map, mapPoints, session, o);
+  Problem problem(map, mapPoints, session, rough, o);
   JointResult out;
   Pose4 pose = rough;
   // Gates shrink over the first half of the rounds, then stay narrow while the pose settles.
@@ -471,7 +502,20 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   }
   const double spread = std::max(1.0, std::sqrt(weighted / std::max(1.0, freedom - 4)));
   const Mat4x4 cov = info.ldlt().solve(Mat4x4::Identity());
-  const double var = cov(0, 0) + cov(1, 1) + cov(2, 2) + o.leverArm * o.leverArm * cov(3, 3);
+  // Read at the middle of the agreeing objects, as predictError does: in a long map the room sits
+  // far from the map's origin, where the turn's uncertainty alone would move a point by metres.
+  Vec3 centre{0, 0, 0};
+  for (auto [i, j] : pairs.objects) {
+    for (size_t k = 0; k < 3; ++k) {
+      centre[k] += map.landmarks[static_cast<size_t>(i)].position[k] /
+                   static_cast<double>(pairs.objects.size());
+    }
+  }
+  const Vec3 dc = turnDerivative(pose.theta, centre);
+  double var = o.leverArm * o.leverArm * cov(3, 3);
+  for (const Vec4& row : {Vec4(1, 0, 0, dc[0]), Vec4(0, 1, 0, dc[1]), Vec4(0, 0, 1, dc[2])}) {
+    var += row.dot(cov * row);
+  }
   const double consistency = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
   const PredictedError predicted = predictError(problem, pose, map, session, pairs, o);
   out.spread = predicted.objectScale;
@@ -479,7 +523,10 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   out.matchValue = std::exp(-out.predictedError / o.matchScale);
 
   // Verification.
-  const double shift = std::hypot(pose.tx - rough.tx, pose.ty - rough.ty, pose.tz - rough.tz);
+  // Also at the objects: far from the map's origin a turn alone moves the origin by metres.
+  const Vec3 settled = pose.apply(centre), proposed = rough.apply(centre);
+  const double shift =
+      std::hypot(settled[0] - proposed[0], settled[1] - proposed[1], settled[2] - proposed[2]);
   const bool pointsBothSides = mapPoints.size() > 0 && problem.sessionPointCount() > 0;
   // Walls of two directions and a floor, none disagreeing: the room's shape agrees.
   int mapWalls = 0;
@@ -490,7 +537,10 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
     out.why = "refinement left the hypothesis";
   } else if (out.predictedError > o.maxPredictedError) {
     out.why = "the evidence leaves too large an error";
-  } else if (2 * out.wallsDisagreeing > out.walls || !problem.wallsAlign(pose)) {
+  } else if ((out.wallsDisagreeing > 0 && 2 * out.wallsDisagreeing >= out.walls) ||
+             !problem.wallsAlign(pose)) {
+    // A session wall where the map has none weighs as much as two that agree: in a map of many
+    // rooms, two walls of some room of about that size agree with any session's by chance.
     out.why = "walls disagree";
   } else if (out.objects < (wallsAgree ? o.minObjectsWithWalls : o.minObjects)) {
     out.why = "too few objects agree";

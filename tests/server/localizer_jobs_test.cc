@@ -277,6 +277,46 @@ TEST(JointRefiner, MatchValuePredictsTheError) {
   }
 }
 
+// In a long map the session's room lies metres from the map's origin: that changes neither the
+// answer nor how fine it is said to be.
+TEST(JointRefiner, WhereTheRoomLiesInTheMapChangesNothing) {
+  SyntheticRoom room = testing::makeSyntheticRoom(55, 12);
+  room.evidence.points.clear();
+  const SceneEvidence session = testing::carried(room.evidence, kTruth, 0.02, 56);
+  std::optional<double> nearError;
+  for (const double far : {0.0, 25.0}) {
+    SCOPED_TRACE(far);
+    // The map's frame shifted by (far, 0, -far): the truth takes the shift back first.
+    const Vec3 d{far, 0, -far};
+    SceneEvidence map = room.evidence;
+    for (Landmark& l : map.landmarks)
+      l.position = {l.position[0] + d[0], l.position[1], l.position[2] + d[2]};
+    for (PlaneObservation& p : map.planes)
+      p.origin = {p.origin[0] + d[0], p.origin[1], p.origin[2] + d[2]};
+    const Vec3 turned = Pose4{0, 0, 0, kTruth.theta}.apply(d);
+    const Pose4 truth{kTruth.tx - turned[0], kTruth.ty, kTruth.tz - turned[2], kTruth.theta};
+    // A proposal a little off where the room is, as the room's own evidence gives them.
+    Vec3 centre{0, 0, 0};
+    for (const Landmark& l : map.landmarks) {
+      for (size_t k = 0; k < 3; ++k) centre[k] += l.position[k] / map.landmarks.size();
+    }
+    const Vec3 at = truth.apply(centre);
+    const Vec3 turnedCentre = Pose4{0, 0, 0, truth.theta + 2 * kDeg}.apply(centre);
+    const Pose4 rough{at[0] - turnedCentre[0] + 0.1, truth.ty, at[2] - turnedCentre[2] - 0.1,
+                      truth.theta + 2 * kDeg};
+    const JointResult r = JointRefiner().refine(rough, map, PointGrid(), session);
+    ASSERT_TRUE(r.verified) << r.why;
+    // An asset in the room: where the two frames carry one of the map's objects.
+    const Vec3 object = map.landmarks.front().position;
+    const Vec3 a = r.transform.apply(object), b = truth.apply(object);
+    EXPECT_LT(std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]), 0.03);
+    if (nearError) {
+      EXPECT_NEAR(r.predictedError, *nearError, 0.1 * *nearError);
+    }
+    nearError = r.predictedError;
+  }
+}
+
 // A few objects that happen to fit each other well say little about how far off objects are.
 // At equal noise, three objects never predict a smaller error than two dozen; three that are off
 // together (seen from elsewhere) along the one wall, fitting each other exactly, still predict an
@@ -432,6 +472,10 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     bool rowAndOne = false;     // the session saw the row and one other object, and the walls
     int otherRooms = 0;         // the map also holds that many rooms of the same size
     double turnedWalls = 0;     // radians every session wall is turned by
+    // Radians each further room's walls are turned by against the one before (tracking that
+    // turned while a long map was walked).
+    double otherRoomsTurn = 0;
+    bool threeWalls = false;  // the session saw three of the walls
   };
   const Case cases[] = {
       {"the right room"},
@@ -448,6 +492,14 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
       {"the row and one more, walls agree", false, false, 0, 0, 0.004, 0, nullptr, true},
       {"the row and one more in a map of three rooms", false, false, 0, 0, 0.004, 0,
        "too few kinds of object agree", true, 2},
+      {"three walls, one elsewhere", false, false, 0, 1, 0.004, 0, "walls disagree", false, 0, 0, 0,
+       true},
+      {"three walls, none elsewhere", false, false, 0, 0, 0.004, 0, nullptr, false, 0, 0, 0, true},
+      // The map's rooms share no one right-angled frame; the room the session is laid in has one.
+      {"walls facing other ways in a long turned map", false, false, 0, 0, 0.004, 0,
+       "walls disagree", false, 2, 15 * kDeg, -4 * kDeg},
+      {"the right room of a long turned map", false, false, 0, 0, 0.004, 0, nullptr, false, 2, 0,
+       -4 * kDeg},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -457,6 +509,7 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
         if (!p.vertical) continue;
         PlaneObservation other = p;
         other.origin[0] += 10.0 * k;
+        other.normal = Pose4{0, 0, 0, c.otherRoomsTurn * k}.apply(p.normal);
         mapOf.planes.push_back(other);
       }
     }
@@ -478,6 +531,13 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     if (c.keep > 0) {
       seen.landmarks.resize(static_cast<size_t>(c.keep));
       seen.planes.clear();
+    }
+    if (c.threeWalls) {
+      bool dropped = false;
+      std::erase_if(seen.planes, [&](const PlaneObservation& p) {
+        return p.vertical && !std::exchange(dropped, true);
+      });
+      ASSERT_TRUE(dropped);
     }
     SceneEvidence session = testing::carried(seen, kTruth, c.noise, 83);
     for (int k = 0; k < c.movedWalls; ++k) {

@@ -180,10 +180,11 @@ int runReplay(const ReplayOptions& options) {
                                         : "NOT stored (the back end refused them)");
     for (const MapAsset& m : drive.placements) std::printf("  %s\n", assetText(m).c_str());
   }
-  // With the truth, each asset that comes back is compared with where it belongs.
-  const std::vector<MapAsset> expected =
-      recording->truth ? placementsOnRoomObjects(*recording) : std::vector<MapAsset>{};
+  // With the truth, each asset that comes back is compared with where it belongs: where the
+  // session's tracking had its spot when it arrived.
   for (const AssetsArrival& a : result.arrivals) {
+    const std::vector<MapAsset> expected =
+        placementsAt(*recording, std::llround(a.scanSeconds * recording->header.fps));
     std::printf("assets after %.1f s of scanning (%s):\n", a.scanSeconds,
                 a.localizer.empty() ? "unknown localizer" : a.localizer.c_str());
     for (const MapAsset& m : a.assets) {

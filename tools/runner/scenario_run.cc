@@ -16,46 +16,6 @@
 #include "tools/runner/server_log_tap.h"
 
 namespace omra::tools {
-namespace {
-
-sim::Vec3 topOf(const sim::SimObject& o) { return o.center + sim::Vec3{0, o.size.y / 2, 0}; }
-
-double horizontalDistance(const sim::Vec3& a, const sim::Vec3& b) {
-  return std::hypot(a.x - b.x, a.z - b.z);
-}
-
-}  // namespace
-
-std::vector<AssetSpot> assetSpots(const sim::Room& room) {
-  std::vector<const sim::SimObject*> chosen;
-  // The table first (a natural place for content), then objects spread as far apart as possible.
-  for (const sim::SimObject& o : room.objects) {
-    if (o.slabOnly) {
-      chosen.push_back(&o);
-      break;
-    }
-  }
-  if (chosen.empty() && !room.objects.empty()) chosen.push_back(&room.objects.front());
-  while (chosen.size() < 3 && chosen.size() < room.objects.size()) {
-    const sim::SimObject* best = nullptr;
-    double bestDistance = -1;
-    for (const sim::SimObject& o : room.objects) {
-      double nearest = 1e9;
-      for (const sim::SimObject* c : chosen) {
-        nearest = std::min(nearest, horizontalDistance(topOf(o), topOf(*c)));
-      }
-      if (nearest > bestDistance) bestDistance = nearest, best = &o;
-    }
-    chosen.push_back(best);
-  }
-  std::vector<AssetSpot> spots;
-  const char* names[] = {"demo-cube", "demo-lamp", "demo-sign"};
-  for (size_t i = 0; i < chosen.size(); ++i) {
-    spots.push_back({names[i], topOf(*chosen[i]), chosen[i]->yaw});
-  }
-  return spots;
-}
-
 double headingErrorDegrees(double a, double b) {
   double d = std::remainder(a - b, 2 * std::numbers::pi);
   if (d <= -std::numbers::pi) d += 2 * std::numbers::pi;
@@ -132,7 +92,6 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
       makeDeviceKitServices(server.baseUrl(), outbox, /*httpIdleSeconds=*/10, &error);
   if (!device) return finish("cannot open the kit's record outbox: " + error);
   KitServices& services = *device;
-  const sim::YawTransform mapFromRoom = scenario.mapping->truth->sessionFromRoom;
   const sim::YawTransform locFromRoom = scenario.localization->truth->sessionFromRoom;
   const std::vector<AssetSpot> spots = assetSpots(*scenario.room);
 
@@ -141,11 +100,9 @@ ScenarioReport runScenario(const ScenarioRunOptions& options) {
   mapping.mapID = "omra-demo-map-" + std::to_string(scenario.seed);
   mapping.speed = options.mappingSpeed;
   mapping.kitLog = options.kitLog;
+  // As a host places them: in the mapping tracking's frame of the moment each spot was in view.
   for (const AssetSpot& spot : spots) {
-    sim::Vec3 p = mapFromRoom.apply(spot.position);
-    mapping.placements.emplace_back(
-        spot.id, Vector3(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z)),
-        static_cast<float>(spot.yaw + mapFromRoom.theta));
+    mapping.placements.push_back(hostPlacement(*scenario.mapping, spot));
   }
   if (options.progress) {
     mapping.progress = [&](size_t fed, size_t total, int64_t progress) {

@@ -1,8 +1,8 @@
 // One end-to-end run over a simulated scene: omra-server in process over the given store (the kit
-// reaches it over HTTP only), a mapping
-// session that places three assets on room objects, a localization session from the other origin,
-// and the relocalized assets compared with the truth. Blocks the calling thread; nothing is shared
-// between runs except the store given.
+// reaches it over HTTP only), a mapping session that places three assets on room objects as a host
+// does (see room_placements.h), a localization session from the other origin, and the relocalized
+// assets compared with where that session's tracking had the room when they arrived. Blocks the
+// calling thread; nothing is shared between runs except the store given.
 #pragma once
 
 #include <functional>
@@ -14,6 +14,7 @@
 
 #include "omrakit/platform/record_store.h"
 #include "sim/scenario.h"
+#include "tools/runner/room_placements.h"
 #include "tools/runner/session_driver.h"
 
 namespace omra::tools {
@@ -81,14 +82,6 @@ struct ScenarioReport {
   double wallSeconds = 0;
   std::vector<std::string> serverWarnings;  // the server's warning lines, in order
 };
-
-// Three spots on room objects (their top faces' centres, headings along the objects), room frame.
-struct AssetSpot {
-  std::string id;
-  sim::Vec3 position;
-  double yaw = 0;
-};
-std::vector<AssetSpot> assetSpots(const sim::Room& room);
 
 // Heading difference a - b wrapped to (-180, 180] degrees.
 double headingErrorDegrees(double a, double b);
