@@ -122,7 +122,7 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
                                              : r.predictedError < out.checked->predictedError);
     if (better) out.checked = std::move(r);
   }
-  char line[256];
+  char line[320];
   std::snprintf(line, sizeof line, "; proposal inliers %d, match value %.3f", out.report.inliers,
                 out.report.matchValue);
   out.summary += line;
@@ -133,10 +133,11 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
   const JointResult& c = *out.checked;
   std::snprintf(line, sizeof line,
                 "; checked %zu proposal(s): %d object(s) of %d near (%d label(s)), %d wall(s) (%d "
-                "disagreeing), %d horizontal, %d point(s) of %d near, predicted error %.3f m "
-                "(spread %.2f)",
+                "disagreeing), %d horizontal (%d by edges), %d outline(s), %d point(s) of %d near, "
+                "predicted error %.3f m (spread %.2f)",
                 proposals.size(), c.objects, c.objectsNear, c.labels, c.walls, c.wallsDisagreeing,
-                c.horizontal, c.points, c.pointsNear, c.predictedError, c.spread);
+                c.horizontal, c.edges, c.outlines, c.points, c.pointsNear, c.predictedError,
+                c.spread);
   out.summary += line;
   out.summary += ", transform " + c.transform.toText();
   if (!c.verified) {

@@ -24,8 +24,14 @@ std::optional<DetectedPlaneModel> planeEventOf(const Item& item);
 std::vector<PlaneObservation> foldPlaneEvents(std::vector<DetectedPlaneModel> events,
                                               size_t* skipped = nullptr);
 
-// A plane anchor's transform text (sixteen numbers, column by column) as origin and unit normal
-// (the anchor's y axis); none when it does not parse.
+// A plane anchor's transform text (sixteen numbers, column by column) as origin, unit normal
+// (the anchor's y axis) and unit x axis; none when it does not parse.
 std::optional<PlaneObservation> parsePlaneTransform(const std::string& text);
+
+// The outline of a plane from its boundary vertices ("x,y,z|x,y,z|...", in the anchor's own
+// frame) and the anchor's transform text; none when either does not parse or the vertices span
+// no area.
+std::optional<PlaneOutline> parsePlaneOutline(const std::string& vertices,
+                                              const std::string& transform);
 
 }  // namespace omra::server

@@ -13,7 +13,6 @@
 // OMRA_E2E_ONLY="50040,70017" runs only the scenes of those seeds (the figures then cover them).
 #include <cstdio>
 #include <cstdlib>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -49,16 +48,7 @@ int main(int argc, char** argv) {
     o.scenario.rooms = i % 5 == 1 ? 4 : 1;
     scenes.push_back({"wrong_room", o});
   }
-  if (const char* only = std::getenv("OMRA_E2E_ONLY")) {
-    std::set<uint64_t> keep;
-    for (const char* p = only; *p;) {
-      char* end = nullptr;
-      keep.insert(std::strtoull(p, &end, 10));
-      if (end == p) break;
-      p = *end ? end + 1 : end;
-    }
-    std::erase_if(scenes, [&](const Scene& s) { return !keep.count(s.options.scenario.seed); });
-  }
+  omra::bench::keepRequestedSeeds(scenes);
   const std::vector<SceneResult> results = omra::bench::runScenes(scenes, parallel);
 
   std::vector<const SceneResult*> hard, wrong;

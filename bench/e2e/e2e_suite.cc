@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
+#include <set>
 #include <thread>
 
 namespace omra::bench {
@@ -34,6 +35,19 @@ tools::ScenarioRunOptions baseSceneOptions(uint64_t seed) {
   o.settleScanSeconds = 5;
   o.waitAfterFeedSeconds = 5;
   return o;
+}
+
+void keepRequestedSeeds(std::vector<Scene>& scenes) {
+  const char* only = std::getenv("OMRA_E2E_ONLY");
+  if (!only) return;
+  std::set<uint64_t> keep;
+  for (const char* p = only; *p;) {
+    char* end = nullptr;
+    keep.insert(std::strtoull(p, &end, 10));
+    if (end == p) break;
+    p = *end ? end + 1 : end;
+  }
+  std::erase_if(scenes, [&](const Scene& s) { return !keep.count(s.options.scenario.seed); });
 }
 
 std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int parallel) {

@@ -23,6 +23,9 @@ struct SceneResult {
 // The scene options both suites start from (scene lengths and pacing).
 tools::ScenarioRunOptions baseSceneOptions(uint64_t seed);
 
+// OMRA_E2E_ONLY="seed,seed" keeps only the scenes of those seeds (the figures then cover them).
+void keepRequestedSeeds(std::vector<Scene>& scenes);
+
 std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int parallel);
 
 // Share (percent) of the scenes whose final assets all came back within both limits.

@@ -95,6 +95,10 @@ std::optional<double> straighten(std::vector<PlaneObservation>& planes, double m
 struct Pairs {
   std::vector<std::pair<int, int>> objects;  // (map, session)
   std::vector<std::pair<const PlaneObservation*, const PlaneObservation*>> walls, floors;
+  // Horizontal pairs whose edges run alike under the pose (a subset of floors).
+  std::vector<std::pair<const PlaneObservation*, const PlaneObservation*>> edges;
+  // Pairs of either kind whose outlines are of one size: both sessions saw the same extent.
+  std::vector<std::pair<const PlaneObservation*, const PlaneObservation*>> outlines;
   std::vector<std::pair<Vec3, Vec3>> points;  // (map, session)
   int objectsNear = 0, pointsNear = 0;
   int wallsDisagreeing = 0;
@@ -152,7 +156,8 @@ class Problem {
     for (size_t k = 0; k < at.size(); ++k) mapPlanes_[at[k]] = near[k];
   }
 
-  Pairs associate(const Pose4& pose, double objectGate, double wallGate, double pointGate) const {
+  Pairs associate(const Pose4& pose, double objectGate, double wallGate, double pointGate,
+                  double edgeGate) const {
     Pairs out;
     // Objects: one-to-one pairs of equal label, nearest first.
     struct Near {
@@ -218,6 +223,15 @@ class Problem {
       }
       if (!best) continue;
       (s.vertical ? out.walls : out.floors).emplace_back(best, &s);
+      if (!s.vertical) {
+        const std::optional<double> r = edgeResidual(pose, *best, s);
+        if (r && std::fabs(*r) <= edgeGate) out.edges.emplace_back(best, &s);
+      }
+      if (best->outline && s.outline &&
+          std::fabs(best->outline->longSide - s.outline->longSide) <= o_.outlineAgreement &&
+          std::fabs(best->outline->shortSide - s.outline->shortSide) <= o_.outlineAgreement) {
+        out.outlines.emplace_back(best, &s);
+      }
     }
     // Points: each session point with the nearest map point.
     if (grid_.size() > 0) {
@@ -231,6 +245,63 @@ class Problem {
       }
     }
     return out;
+  }
+
+  // How far the pose turns a horizontal pair's edges past each other, modulo a quarter turn
+  // (which edge an anchor squares to is the platform's choice); none when either anchor does not
+  // tell its edges. Each anchor keeps a heading error of its own, as a wall does.
+  static std::optional<double> edgeResidual(const Pose4& pose, const PlaneObservation& m,
+                                            const PlaneObservation& s) {
+    if (std::hypot(m.axis[0], m.axis[2]) < 0.5 || std::hypot(s.axis[0], s.axis[2]) < 0.5) {
+      return std::nullopt;
+    }
+    const double quarter = std::numbers::pi / 2;
+    const double d = wrapAngle(pose.theta - (heading(s.axis) - heading(m.axis)));
+    return d - quarter * std::round(d / quarter);
+  }
+
+  // Adds how far apart the pose lays a pair's outline middles, within the plane (across it the
+  // offset already counts): along a wall and up it, or both ways across a floor.
+  void addOutline(Normal& n, const Pose4& pose, const PlaneObservation& m,
+                  const PlaneObservation& s, double sigma) const {
+    const Vec3 moved = pose.apply(m.outline->centre);
+    const Vec3 d{moved[0] - s.outline->centre[0], moved[1] - s.outline->centre[1],
+                 moved[2] - s.outline->centre[2]};
+    const Vec3 dTurn = turnDerivative(pose.theta, m.outline->centre);
+    auto add = [&](const Vec3& dir) {
+      n.add(dot(d, dir), Vec4(dir[0], dir[1], dir[2], dot(dTurn, dir)), sigma);
+    };
+    if (s.vertical) {
+      const double h = std::hypot(s.normal[0], s.normal[2]);
+      add({s.normal[2] / h, 0, -s.normal[0] / h});
+      add({0, 1, 0});
+    } else {
+      add({1, 0, 0});
+      add({0, 0, 1});
+    }
+  }
+  // How far a pair's outline middles may lie apart: the extents' own wander, and on a horizontal
+  // plane each anchor's turn about its origin, which carries the middle sideways (on a wall it
+  // carries it across the wall, where it does not count).
+  double outlineSigma(const PlaneObservation& m, const PlaneObservation& s) const {
+    double turned = 0;
+    if (!s.vertical) {
+      for (const PlaneObservation* p : {&m, &s}) {
+        turned += std::pow(p->outline->centre[0] - p->origin[0], 2) +
+                  std::pow(p->outline->centre[2] - p->origin[2], 2);
+      }
+    }
+    return std::sqrt(o_.outlineSigma * o_.outlineSigma +
+                     turned * o_.planeHeadingSigma * o_.planeHeadingSigma);
+  }
+  // The pair's outline gap within the plane, squared.
+  static double outlineGap2(const Pose4& pose, const PlaneObservation& m,
+                            const PlaneObservation& s) {
+    const Vec3 moved = pose.apply(m.outline->centre);
+    Vec3 d{moved[0] - s.outline->centre[0], moved[1] - s.outline->centre[1],
+           moved[2] - s.outline->centre[2]};
+    const double across = dot(d, s.normal);
+    return std::max(0.0, dot(d, d) - across * across);
   }
 
   // The turn between the two rooms' right-angled frames (modulo a quarter turn), when both have
@@ -301,6 +372,12 @@ class Problem {
       n.add(pose.ty + m->origin[1] - s->origin[1], Vec4(0, 1, 0, 0),
             std::sqrt(2.0) * o_.planeOffsetSigma);
     }
+    // Table tops and floors whose edges agree tell the heading as a wall pair does, each anchor
+    // with an error of its own: evidence apart from the walls' common frame.
+    for (auto [m, s] : pairs.edges) {
+      n.add(*edgeResidual(pose, *m, *s), Vec4(0, 0, 0, 1), std::sqrt(2.0) * o_.planeHeadingSigma);
+    }
+    for (auto [m, s] : pairs.outlines) addOutline(n, pose, *m, *s, outlineSigma(*m, *s));
     for (const auto& [m, s] : pairs.points) n.addPoint(pose, m, s, o_.pointSigma, o_.pointSigma);
     // A weak pull towards the hypothesis keeps directions no evidence fixes where they were.
     const double prior = 1.0;
@@ -380,12 +457,21 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
     const double r = pose.ty + m->origin[1] - s->origin[1];
     planes.push_back({r * r / (floorSigma * floorSigma), 1});
   }
+  for (auto [m, s] : pairs.edges) {
+    const double r = *Problem::edgeResidual(pose, *m, *s);
+    planes.push_back({r * r / (wallTurnSigma * wallTurnSigma), 1});
+  }
+  for (auto [m, s] : pairs.outlines) {
+    planes.push_back(
+        {Problem::outlineGap2(pose, *m, *s) / std::pow(problem.outlineSigma(*m, *s), 2), 2});
+  }
   for (const auto& [m, s] : pairs.points) {
     points.push_back({dist2(pose.apply(m), s) / (o.pointSigma * o.pointSigma), 3});
   }
   const double numbers = 3.0 * static_cast<double>(objects.size() + points.size()) +
                          2.0 * static_cast<double>(pairs.walls.size()) +
-                         static_cast<double>(pairs.floors.size());
+                         2.0 * static_cast<double>(pairs.outlines.size()) +
+                         static_cast<double>(pairs.floors.size() + pairs.edges.size());
   const double fitted = numbers > 0 ? std::min(0.5, 4.0 / numbers) : 0;
   PredictedError out;
   out.objectScale = noiseScale(objects, o.objectNoisePrior, o.objectNoisePriorWeight, fitted);
@@ -409,6 +495,12 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
   }
   for (auto [m, s] : pairs.floors) {
     n.add(pose.ty + m->origin[1] - s->origin[1], Vec4(0, 1, 0, 0), floorSigma * planeScale);
+  }
+  for (auto [m, s] : pairs.edges) {
+    n.add(*Problem::edgeResidual(pose, *m, *s), Vec4(0, 0, 0, 1), wallTurnSigma * planeScale);
+  }
+  for (auto [m, s] : pairs.outlines) {
+    problem.addOutline(n, pose, *m, *s, problem.outlineSigma(*m, *s) * planeScale);
   }
   for (const auto& [m, s] : pairs.points) {
     n.addPoint(pose, m, s, o.pointSigma * pointScale, o.pointSigma * pointScale);
@@ -450,12 +542,12 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
     return wide + (narrow - wide) * f;
   };
   for (int round = 0; round < o.rounds; ++round) {
-    const Pairs pairs = problem.associate(pose, gate(round, o.objectGateWide, o.objectGate),
-                                          gate(round, o.wallGateWide, o.wallGate),
-                                          gate(round, o.pointGateWide, o.pointGate));
+    const Pairs pairs = problem.associate(
+        pose, gate(round, o.objectGateWide, o.objectGate), gate(round, o.wallGateWide, o.wallGate),
+        gate(round, o.pointGateWide, o.pointGate), gate(round, o.wallAngleGate, o.edgeGate));
     for (int inner = 0; inner < 2; ++inner) pose = problem.step(pose, rough, pairs, nullptr);
   }
-  const Pairs pairs = problem.associate(pose, o.objectGate, o.wallGate, o.pointGate);
+  const Pairs pairs = problem.associate(pose, o.objectGate, o.wallGate, o.pointGate, o.edgeGate);
   Mat4x4 info;
   pose = problem.step(pose, rough, pairs, &info);
   out.transform = pose;
@@ -467,6 +559,8 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   out.walls = static_cast<int>(pairs.walls.size());
   out.wallsDisagreeing = pairs.wallsDisagreeing;
   out.horizontal = static_cast<int>(pairs.floors.size());
+  out.edges = static_cast<int>(pairs.edges.size());
+  out.outlines = static_cast<int>(pairs.outlines.size());
   out.points = static_cast<int>(pairs.points.size());
   out.pointsNear = pairs.pointsNear;
   std::vector<const PlaneObservation*> sessionWalls;
@@ -499,6 +593,16 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
     const double r = problem.wallResidual(pose, *m, *s, &j, &sigma);
     const double u2 = r * r / (sigma * sigma);
     count(u2, planeWeight(u2), 1);
+  }
+  for (auto [m, s] : pairs.edges) {
+    const double r = *Problem::edgeResidual(pose, *m, *s);
+    const double u2 = r * r / (2 * o.planeHeadingSigma * o.planeHeadingSigma);
+    count(u2, planeWeight(u2), 1);
+  }
+  for (auto [m, s] : pairs.outlines) {
+    const double u2 =
+        Problem::outlineGap2(pose, *m, *s) / std::pow(problem.outlineSigma(*m, *s), 2);
+    count(u2, planeWeight(u2), 2);
   }
   const double spread = std::max(1.0, std::sqrt(weighted / std::max(1.0, freedom - 4)));
   const Mat4x4 cov = info.ldlt().solve(Mat4x4::Identity());

@@ -40,6 +40,16 @@ struct JointRefinerOptions {
   double wallGateWide = 0.5, wallGate = 0.12;
   double wallAngleGate = 0.17;  // radians (10 degrees)
   double floorGate = 0.2;
+  // A horizontal pair's edges must run alike within this (radians, narrowest rounds) to tell the
+  // heading: about four times a pair's heading noise, and an anchor squared to nothing in
+  // particular seldom falls that close.
+  double edgeGate = 0.05;
+  // Outlines of one size within outlineAgreement (metres, each side) are taken for the same
+  // extent: their middles then agree within outlineSigma along the plane (a pair's, apart from
+  // the anchors' turns). A platform's extent edges wander by a few centimetres as it fits them;
+  // sides that agree this well mostly wander alike.
+  double outlineAgreement = 0.03;
+  double outlineSigma = 0.02;
   double pointGateWide = 0.3, pointGate = 0.05;
   int rounds = 8;
   // How far refinement may move the hypothesis before it counts as another answer.
@@ -86,6 +96,7 @@ struct JointResult {
   int objectsNear = 0;  // session objects that land near a map object of any label
   int labels = 0;       // distinct labels among the agreeing objects
   int walls = 0, horizontal = 0;
+  int edges = 0, outlines = 0;  // horizontal pairs whose edges agree; pairs whose outlines do
   int wallsDisagreeing = 0;
   int points = 0, pointsNear = 0;  // agreeing points, and points that land near the map's
   bool bothWays = false;           // walls of two directions take part

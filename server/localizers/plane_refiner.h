@@ -13,12 +13,23 @@
 
 namespace omra::server {
 
+// The outline a platform gave a plane: the middle of its extent (session frame) and the extent's
+// sides, the longer first. Once a surface has been seen whole, two sessions give it the same one.
+struct PlaneOutline {
+  Vec3 centre{};
+  double longSide = 0, shortSide = 0;
+};
+
 // The newest state of one detected plane, in its session's frame.
 struct PlaneObservation {
   std::string planeId;
   bool vertical = false;
   Vec3 origin{};  // a point on the plane
   Vec3 normal{};  // unit
+  // The anchor's first in-plane axis: the platform squares a plane's anchor to the extent it
+  // found, so on a horizontal plane it tells which way the surface's edges run (zero: unknown).
+  Vec3 axis{};
+  std::optional<PlaneOutline> outline{};
 };
 
 struct PlaneRefinerOptions {

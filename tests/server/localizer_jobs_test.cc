@@ -446,6 +446,115 @@ TEST(JointRefiner, PlanesWithTheErrorsPlatformsGiveThem) {
   }
 }
 
+// A floor's and a table top's anchors, squared to their edges, each tell the heading with an error
+// of their own, apart from the walls' common frame: with them the heading is finer. Anchors
+// squared to nothing in particular, or that do not tell their edges, change nothing.
+TEST(JointRefiner, EdgesOfHorizontalPlanesTellTheHeading) {
+  enum class Edges { kNone, kSquared, kArbitrary };
+  constexpr int kTrials = 60;
+  auto run = [](Edges edges, uint64_t trial) {
+    SyntheticRoom room = testing::makeSyntheticRoom(500 + trial, 10);
+    room.evidence.points.clear();
+    room.evidence.planes.push_back({"table", false, {0.8, 0.75, -0.5}, {0, 1, 0}});
+    for (PlaneObservation& p : room.evidence.planes) {
+      if (!p.vertical) p.axis = Pose4{0, 0, 0, p.planeId == "table" ? 0.4 : 0}.apply({1, 0, 0});
+    }
+    SceneEvidence map = room.evidence;
+    map.planes = testing::withPlaneErrors(map.planes, 1, 0.01, 0.5 * kDeg, 600 + trial);
+    SceneEvidence session = testing::carried(room.evidence, kTruth, 0.04, 700 + trial);
+    // The session saw two of the walls.
+    std::erase_if(session.planes, [](const PlaneObservation& p) {
+      return p.planeId == "wall-east" || p.planeId == "wall-north";
+    });
+    session.planes = testing::withPlaneErrors(session.planes, 1, 0.01, 0.5 * kDeg, 800 + trial);
+    // The same errors in every case; then the edges as the case has them.
+    for (PlaneObservation& p : session.planes) {
+      if (edges == Edges::kArbitrary) p.axis = Pose4{0, 0, 0, 0.5}.apply(p.axis);
+      if (edges == Edges::kNone) p.axis = {0, 0, 0};
+    }
+    const Pose4 rough{kTruth.tx + 0.05, kTruth.ty - 0.03, kTruth.tz + 0.04,
+                      kTruth.theta + 2 * kDeg};
+    return JointRefiner().refine(rough, map, PointGrid(), session);
+  };
+  double squares[3] = {0, 0, 0};
+  for (uint64_t trial = 0; trial < kTrials; ++trial) {
+    const JointResult none = run(Edges::kNone, trial);
+    const JointResult squared = run(Edges::kSquared, trial);
+    const JointResult arbitrary = run(Edges::kArbitrary, trial);
+    ASSERT_TRUE(none.verified && squared.verified && arbitrary.verified)
+        << trial << ": " << none.why << squared.why << arbitrary.why << " " << none.predictedError
+        << " " << squared.predictedError;
+    EXPECT_EQ(arbitrary.transform.toText(), none.transform.toText()) << trial;
+    EXPECT_EQ(arbitrary.matchValue, none.matchValue) << trial;
+    squares[0] += std::pow(wrapAngle(none.transform.theta - kTruth.theta), 2);
+    squares[1] += std::pow(wrapAngle(squared.transform.theta - kTruth.theta), 2);
+  }
+  const double rmsNone = std::sqrt(squares[0] / kTrials);
+  const double rmsSquared = std::sqrt(squares[1] / kTrials);
+  EXPECT_LT(rmsSquared, 0.9 * rmsNone) << rmsNone / kDeg << " deg without the edges";
+}
+
+// A table top whose outline both sessions gave alike fixes the translation along it, which walls
+// of one direction cannot: with it the objects' scatter matters less. An outline of another size
+// (a part of the top seen) is no evidence and changes nothing.
+TEST(JointRefiner, OutlinesOfOneSizeFixTheTranslationAlongThePlane) {
+  enum class Outline { kNone, kSame, kOtherSize };
+  constexpr int kTrials = 40;
+  auto run = [](Outline outline, uint64_t trial) {
+    SyntheticRoom room = testing::makeSyntheticRoom(700 + trial, 8);
+    room.evidence.points.clear();
+    PlaneObservation table{"table", false, {0.8, 0.75, -0.5}, {0, 1, 0}, {1, 0, 0}};
+    table.outline = PlaneOutline{{0.9, 0.75, -0.45}, 1.6, 0.8};
+    room.evidence.planes.push_back(table);
+    SceneEvidence map = room.evidence;
+    map.planes = testing::withPlaneErrors(map.planes, 1, 0.01, 0.5 * kDeg, 750 + trial);
+    SceneEvidence session = testing::carried(room.evidence, kTruth, 0.05, 800 + trial);
+    // The session saw the walls that face along x only: along z the walls fix nothing.
+    session.planes = testing::carried({{}, room.evidence.planes, {}}, kTruth, 0, 0).planes;
+    std::erase_if(session.planes, [](const PlaneObservation& p) {
+      return p.planeId == "wall-north" || p.planeId == "wall-south";
+    });
+    session.planes = testing::withPlaneErrors(session.planes, 1, 0.01, 0.5 * kDeg, 850 + trial);
+    for (PlaneObservation& p : session.planes) {
+      if (!p.outline) continue;
+      if (outline == Outline::kNone) p.outline.reset();
+      if (outline == Outline::kOtherSize) {
+        p.outline->shortSide -= 0.2;
+        p.outline->centre[2] += 0.1;
+      }
+    }
+    for (PlaneObservation& p : map.planes) {
+      if (outline == Outline::kNone) p.outline.reset();
+    }
+    const Pose4 rough{kTruth.tx + 0.05, kTruth.ty - 0.03, kTruth.tz + 0.04,
+                      kTruth.theta - 2 * kDeg};
+    return JointRefiner().refine(rough, map, PointGrid(), session);
+  };
+  double squares[2] = {0, 0};
+  for (uint64_t trial = 0; trial < kTrials; ++trial) {
+    const JointResult none = run(Outline::kNone, trial);
+    const JointResult same = run(Outline::kSame, trial);
+    const JointResult other = run(Outline::kOtherSize, trial);
+    ASSERT_TRUE(none.verified && same.verified && other.verified)
+        << trial << ": " << none.why << same.why << other.why;
+    EXPECT_EQ(none.outlines, 0);
+    EXPECT_EQ(same.outlines, 1);
+    EXPECT_EQ(other.transform.toText(), none.transform.toText()) << trial;
+    // Where the table is, along the walls the session saw.
+    auto alongZ = [](const Pose4& p) {
+      const Vec3 table{0.9, 0.75, -0.45};
+      const Vec3 got = p.apply(table), want = kTruth.apply(table);
+      const Vec3 along = Pose4{0, 0, 0, kTruth.theta}.apply({0, 0, 1});
+      return (got[0] - want[0]) * along[0] + (got[2] - want[2]) * along[2];
+    };
+    squares[0] += std::pow(alongZ(none.transform), 2);
+    squares[1] += std::pow(alongZ(same.transform), 2);
+  }
+  const double rmsNone = std::sqrt(squares[0] / kTrials);
+  const double rmsSame = std::sqrt(squares[1] / kTrials);
+  EXPECT_LT(rmsSame, 0.75 * rmsNone) << rmsNone << " m without the outline";
+}
+
 // What a wrong place gives cannot verify: a row of identical chairs lined up with another room's
 // row (or slid along its own by a chair), walls that lie elsewhere, evidence too loose to be fine.
 TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {

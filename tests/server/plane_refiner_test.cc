@@ -153,12 +153,13 @@ TEST(PlaneRefiner, LeavesTransformsItCannotPairAlone) {
   EXPECT_FALSE(PlaneRefiner().refine(truth, {}, all).has_value());
 }
 
-TEST(PlaneRecords, TransformTextGivesOriginAndNormal) {
+TEST(PlaneRecords, TransformTextGivesOriginNormalAndAxis) {
   // Column by column: x axis, y axis (the normal), z axis, position.
   std::optional<PlaneObservation> p = parsePlaneTransform("0,0,-1,0,0,2,0,0,1,0,0,0,1.5,-0.25,3,1");
   ASSERT_TRUE(p.has_value());
   EXPECT_EQ(p->origin, (Vec3{1.5, -0.25, 3}));
   EXPECT_EQ(p->normal, (Vec3{0, 1, 0}));  // normalised
+  EXPECT_EQ(p->axis, (Vec3{0, 0, -1}));
   for (const char* bad :
        {"", "1,2,3", "0,0,-1,0,0,1,0,0,1,0,0,0,1.5,-0.25,3",
         "0,0,-1,0,0,1,0,0,1,0,0,0,1.5,-0.25,3,1,7", "0,0,-1,0,0,x,0,0,1,0,0,0,1.5,-0.25,3,1",
@@ -169,6 +170,30 @@ TEST(PlaneRecords, TransformTextGivesOriginAndNormal) {
 
 // What the kit wrote over a session: a plane's newest state counts, removed planes and other
 // sessions' planes do not, unreadable transforms are skipped.
+// The outline's middle in the session frame and its sides, from vertices in the anchor's frame;
+// nothing from text that is not a list of vertices spanning an area.
+TEST(PlaneRecords, OutlineFromBoundaryVertices) {
+  // x axis -z, normal +x, z axis +y: a wall at x = 2 whose extent runs along z and up.
+  const std::string wall = "0,0,-1,0,1,0,0,0,0,1,0,0,2,1,0,1";
+  std::optional<PlaneOutline> o = parsePlaneOutline("-1,0,-0.5|3,0,-0.5|3,0,1.5|-1,0,1.5", wall);
+  ASSERT_TRUE(o.has_value());
+  EXPECT_NEAR(o->centre[0], 2, 1e-12);
+  EXPECT_NEAR(o->centre[1], 1.5, 1e-12);
+  EXPECT_NEAR(o->centre[2], -1, 1e-12);
+  EXPECT_DOUBLE_EQ(o->longSide, 4);
+  EXPECT_DOUBLE_EQ(o->shortSide, 2);
+  // Many vertices of a rounder outline: the extent's box counts.
+  o = parsePlaneOutline("0,0,1|1,0,0|0,0,-1|-1,0,0|0.7,0,0.7", wall);
+  ASSERT_TRUE(o.has_value());
+  EXPECT_NEAR(o->centre[1], 1, 1e-12);
+  EXPECT_DOUBLE_EQ(o->longSide, 2);
+  for (const char* bad : {"", "-", "v", "1,0,1", "0,0,0|1,0,0", "1,0,1|", "1,0,1|2,0", "|1,0,1",
+                          "1,0,1||2,0,2", "1,0,1|2,0,nan", "1,0,1;2,0,2", "1,0,1|2,0,2,3"}) {
+    EXPECT_FALSE(parsePlaneOutline(bad, wall).has_value()) << bad;
+  }
+  EXPECT_FALSE(parsePlaneOutline("-1,0,-0.5|3,0,1.5", "0,0,-1,0,1").has_value());
+}
+
 TEST(PlaneRecords, NewestStateOfEachPlaneThatIsStillThere) {
   std::shared_ptr<RecordStore> store = makeRecordStore("memory", {}, nullptr);
   ASSERT_FALSE(ensureRecordTables(*store).has_value());
@@ -201,6 +226,15 @@ TEST(PlaneRecords, NewestStateOfEachPlaneThatIsStillThere) {
   EXPECT_TRUE(planes[1].vertical);
   EXPECT_EQ(planes[1].origin, (Vec3{2.5, 1, 0}));
   EXPECT_EQ(planes[1].normal, (Vec3{1, 0, 0}));
+  // Vertices that do not parse leave the plane without an outline, not without the plane.
+  EXPECT_FALSE(planes[1].outline.has_value());
+  save(DetectedPlaneModel("S", 7, "WALL", "vertical", "0,0,0|1,0,1", false, moved, false));
+  planes = readPlanes(*store, "S", &error);
+  ASSERT_EQ(planes.size(), 2u);
+  const auto wallPlane =
+      std::find_if(planes.begin(), planes.end(), [](const auto& p) { return p.planeId == "WALL"; });
+  ASSERT_TRUE(wallPlane->outline.has_value());
+  EXPECT_NEAR(wallPlane->outline->centre[1], 1.5, 1e-12);
 }
 
 }  // namespace

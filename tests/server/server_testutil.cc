@@ -100,6 +100,7 @@ std::vector<PlaneObservation> roomShell(double width, double depth, const Pose4&
   for (PlaneObservation& p : out) {
     p.origin = pose.apply(p.origin);
     p.normal = Pose4{0, 0, 0, pose.theta}.apply(p.normal);
+    p.axis = Pose4{0, 0, 0, pose.theta}.apply(p.axis);
   }
   return out;
 }
@@ -154,6 +155,8 @@ SceneEvidence carried(const SceneEvidence& scene, const Pose4& pose, double nois
   for (PlaneObservation p : scene.planes) {
     p.origin = jitter(pose.apply(p.origin));
     p.normal = Pose4{0, 0, 0, pose.theta}.apply(p.normal);
+    p.axis = Pose4{0, 0, 0, pose.theta}.apply(p.axis);
+    if (p.outline) p.outline->centre = pose.apply(p.outline->centre);
     out.planes.push_back(p);
   }
   for (const Vec3& p : scene.points) out.points.push_back(jitter(pose.apply(p)));
@@ -172,10 +175,14 @@ std::vector<PlaneObservation> withPlaneErrors(std::vector<PlaneObservation> plan
       // Along the wall (horizontally), then off it; the normal turned about the anchor.
       p.origin[0] += along * p.normal[2] + offset * p.normal[0];
       p.origin[2] += -along * p.normal[0] + offset * p.normal[2];
-      p.normal = Pose4{0, 0, 0, headingSigma * n(rng)}.apply(p.normal);
+      const Pose4 turn{0, 0, 0, headingSigma * n(rng)};
+      p.normal = turn.apply(p.normal);
+      p.axis = turn.apply(p.axis);
     } else {
       p.origin[0] += along;
       p.origin[1] += offset;
+      // A horizontal anchor that tells its edges turns them by an error of its own.
+      if (p.axis != Vec3{0, 0, 0}) p.axis = Pose4{0, 0, 0, headingSigma * n(rng)}.apply(p.axis);
     }
   }
   return planes;

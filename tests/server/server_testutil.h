@@ -42,12 +42,13 @@ std::vector<Vec3> roomPoints(double width, double depth, const std::vector<Landm
                              const Pose4& pose, uint64_t seed);
 
 // Evidence as SceneEvidence carried by pose (landmarks, planes and points), positions moved by
-// N(0, noise).
+// N(0, noise) (planes' outlines carried as they are).
 SceneEvidence carried(const SceneEvidence& scene, const Pose4& pose, double noise, uint64_t seed);
 
 // Planes as a platform estimates them: each anchored where it was first seen (slid along itself
-// by +-slide metres), off along its normal by N(0, offsetSigma) and, for a wall, turned about that
-// anchor by N(0, headingSigma) radians: errors a plane keeps for its lifetime.
+// by +-slide metres), off along its normal by N(0, offsetSigma) and, for a wall or an anchor that
+// tells its edges, turned about that anchor by N(0, headingSigma) radians: errors a plane keeps
+// for its lifetime.
 std::vector<PlaneObservation> withPlaneErrors(std::vector<PlaneObservation> planes, double slide,
                                               double offsetSigma, double headingSigma,
                                               uint64_t seed);
