@@ -427,6 +427,27 @@ double noiseScale(const std::vector<Residual>& residuals, double prior, double p
   return std::sqrt(s2);
 }
 
+// The middle of the map's objects among the pairs; the map's origin when there are none.
+Vec3 objectCentre(const SceneEvidence& map, const std::vector<std::pair<int, int>>& objects) {
+  Vec3 centre{0, 0, 0};
+  for (auto [i, j] : objects) {
+    const Vec3& m = map.landmarks[static_cast<size_t>(i)].position;
+    for (size_t k = 0; k < 3; ++k) centre[k] += m[k] / static_cast<double>(objects.size());
+  }
+  return centre;
+}
+
+// How far a pose of covariance cov may put a point at centre (squared): the point moves by
+// dt + dtheta * d(R c)/d(theta); an asset leverArm away adds the turn's share.
+double varianceAt(const Mat4x4& cov, double theta, const Vec3& centre, double leverArm) {
+  const Vec3 dc = turnDerivative(theta, centre);
+  double var = leverArm * leverArm * cov(3, 3);
+  for (const Vec4& row : {Vec4(1, 0, 0, dc[0]), Vec4(0, 1, 0, dc[1]), Vec4(0, 0, 1, dc[2])}) {
+    var += row.dot(cov * row);
+  }
+  return var;
+}
+
 struct PredictedError {
   double metres = 1;
   double objectScale = 1;
@@ -438,13 +459,11 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
   const double floorSigma = std::sqrt(2.0) * o.planeOffsetSigma;
   const double wallTurnSigma = std::sqrt(2.0) * o.planeHeadingSigma;
   std::vector<Residual> objects, planes, points;
-  Vec3 centre{0, 0, 0};
   for (auto [i, j] : pairs.objects) {
     const Vec3& m = map.landmarks[static_cast<size_t>(i)].position;
     objects.push_back({dist2(pose.apply(m), session.landmarks[static_cast<size_t>(j)].position) /
                            (o.objectSigma * o.objectSigma),
                        3});
-    for (size_t k = 0; k < 3; ++k) centre[k] += m[k] / static_cast<double>(pairs.objects.size());
   }
   for (auto [m, s] : pairs.walls) {
     Vec4 j;
@@ -508,12 +527,7 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
   // The weak pull towards the hypothesis, as in the steps: directions nothing fixes stay loose.
   for (int k = 0; k < 4; ++k) n.add(0, Vec4::Unit(k), 1.0);
   const Mat4x4 cov = n.h.ldlt().solve(Mat4x4::Identity());
-  // At the middle of the objects (the map's origin when none): a point there moves by
-  // dt + dtheta * d(R c)/d(theta); an asset leverArm away adds the turn's share.
-  const Vec3 dc = turnDerivative(pose.theta, centre);
-  const Vec4 j[3] = {Vec4(1, 0, 0, dc[0]), Vec4(0, 1, 0, dc[1]), Vec4(0, 0, 1, dc[2])};
-  double var = o.leverArm * o.leverArm * cov(3, 3);
-  for (const Vec4& row : j) var += row.dot(cov * row);
+  const double var = varianceAt(cov, pose.theta, objectCentre(map, pairs.objects), o.leverArm);
   out.metres = std::isfinite(var) && var >= 0 ? std::sqrt(var) : 1.0;
   return out;
 }
@@ -608,18 +622,8 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   const Mat4x4 cov = info.ldlt().solve(Mat4x4::Identity());
   // Read at the middle of the agreeing objects, as predictError does: in a long map the room sits
   // far from the map's origin, where the turn's uncertainty alone would move a point by metres.
-  Vec3 centre{0, 0, 0};
-  for (auto [i, j] : pairs.objects) {
-    for (size_t k = 0; k < 3; ++k) {
-      centre[k] += map.landmarks[static_cast<size_t>(i)].position[k] /
-                   static_cast<double>(pairs.objects.size());
-    }
-  }
-  const Vec3 dc = turnDerivative(pose.theta, centre);
-  double var = o.leverArm * o.leverArm * cov(3, 3);
-  for (const Vec4& row : {Vec4(1, 0, 0, dc[0]), Vec4(0, 1, 0, dc[1]), Vec4(0, 0, 1, dc[2])}) {
-    var += row.dot(cov * row);
-  }
+  const Vec3 centre = objectCentre(map, pairs.objects);
+  const double var = varianceAt(cov, pose.theta, centre, o.leverArm);
   const double consistency = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
   const PredictedError predicted = predictError(problem, pose, map, session, pairs, o);
   out.spread = predicted.objectScale;
