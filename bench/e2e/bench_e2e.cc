@@ -2,10 +2,14 @@
 // the returned assets, scan time until the first assets, overall and per localizer. The scenes run
 // a few at a time (most of a run is paced waiting), each with its own omra-server and store.
 //
-// bench_e2e [scenes (20), seeds from 1000]; OMRA_E2E_ONLY="1003,1017" runs only those seeds.
+// bench_e2e [SCENES (20) [FIRST_SEED (1000)]]: seeds FIRST_SEED, FIRST_SEED+1, ...; another first
+// seed runs scenes the suite's own figures never saw. OMRA_E2E_ONLY="1003,1017" runs only those
+// seeds.
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -42,10 +46,22 @@ void printErrors(const std::string& prefix, const Errors& e) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int count = argc > 1 ? std::atoi(argv[1]) : 20;
+  const auto number = [&](int at, uint64_t fallback) {
+    if (argc <= at) return fallback;
+    uint64_t value = 0;
+    const char* end = argv[at] + std::strlen(argv[at]);
+    auto [ptr, ec] = std::from_chars(argv[at], end, value);
+    if (ec != std::errc() || ptr != end) {
+      std::fprintf(stderr, "bench_e2e: \"%s\" is not a count or a seed\n", argv[at]);
+      std::exit(2);
+    }
+    return value;
+  };
+  const uint64_t count = number(1, 20);
+  const uint64_t firstSeed = number(2, 1000);
   std::vector<Scene> scenes;
-  for (int i = 0; i < count; ++i) {
-    scenes.push_back({"plain", omra::bench::baseSceneOptions(1000 + static_cast<uint64_t>(i))});
+  for (uint64_t i = 0; i < count; ++i) {
+    scenes.push_back({"plain", omra::bench::baseSceneOptions(firstSeed + i)});
   }
   omra::bench::keepRequestedSeeds(scenes);
   const std::vector<SceneResult> results = omra::bench::runScenes(scenes, 5);
