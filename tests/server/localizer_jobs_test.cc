@@ -9,6 +9,7 @@
 #include <cmath>
 #include <map>
 #include <numbers>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -35,6 +36,34 @@ const Pose4 kTruth{0.9, 0.03, -1.3, 2.2};
 
 double translationError(const Pose4& a, const Pose4& b) {
   return std::hypot(a.tx - b.tx, a.ty - b.ty, a.tz - b.tz);
+}
+
+// Planes as a session of the simulator sees them by default: each anchor slid 1 m, off by 1 cm
+// along its normal and turned by half a degree.
+std::vector<PlaneObservation> withDefaultPlaneErrors(std::vector<PlaneObservation> planes,
+                                                     uint64_t seed) {
+  return testing::withPlaneErrors(std::move(planes), 1, 0.01, 0.5 * kDeg, seed);
+}
+
+// A room of `objects` objects with a table top and no feature points (the floor's edges along
+// floorAxis when given), and the map's picture of it.
+struct TableRoom {
+  SyntheticRoom room;
+  SceneEvidence map;
+};
+TableRoom tableRoom(uint64_t seed, int objects, const PlaneObservation& table,
+                    std::optional<Vec3> floorAxis, uint64_t mapSeed) {
+  TableRoom out{testing::makeSyntheticRoom(seed, objects), {}};
+  out.room.evidence.points.clear();
+  if (floorAxis) {
+    for (PlaneObservation& p : out.room.evidence.planes) {
+      if (!p.vertical) p.axis = *floorAxis;
+    }
+  }
+  out.room.evidence.planes.push_back(table);
+  out.map = out.room.evidence;
+  out.map.planes = withDefaultPlaneErrors(out.map.planes, mapSeed);
+  return out;
 }
 
 // One store with the server's tables, a map written under "map" and sessions under any name.
@@ -453,20 +482,15 @@ TEST(JointRefiner, EdgesOfHorizontalPlanesTellTheHeading) {
   enum class Edges { kNone, kSquared, kArbitrary };
   constexpr int kTrials = 60;
   auto run = [](Edges edges, uint64_t trial) {
-    SyntheticRoom room = testing::makeSyntheticRoom(500 + trial, 10);
-    room.evidence.points.clear();
-    room.evidence.planes.push_back({"table", false, {0.8, 0.75, -0.5}, {0, 1, 0}});
-    for (PlaneObservation& p : room.evidence.planes) {
-      if (!p.vertical) p.axis = Pose4{0, 0, 0, p.planeId == "table" ? 0.4 : 0}.apply({1, 0, 0});
-    }
-    SceneEvidence map = room.evidence;
-    map.planes = testing::withPlaneErrors(map.planes, 1, 0.01, 0.5 * kDeg, 600 + trial);
+    const PlaneObservation table{
+        "table", false, {0.8, 0.75, -0.5}, {0, 1, 0}, Pose4{0, 0, 0, 0.4}.apply({1, 0, 0})};
+    auto [room, map] = tableRoom(500 + trial, 10, table, Vec3{1, 0, 0}, 600 + trial);
     SceneEvidence session = testing::carried(room.evidence, kTruth, 0.04, 700 + trial);
     // The session saw two of the walls.
     std::erase_if(session.planes, [](const PlaneObservation& p) {
       return p.planeId == "wall-east" || p.planeId == "wall-north";
     });
-    session.planes = testing::withPlaneErrors(session.planes, 1, 0.01, 0.5 * kDeg, 800 + trial);
+    session.planes = withDefaultPlaneErrors(session.planes, 800 + trial);
     // The same errors in every case; then the edges as the case has them.
     for (PlaneObservation& p : session.planes) {
       if (edges == Edges::kArbitrary) p.axis = Pose4{0, 0, 0, 0.5}.apply(p.axis);
@@ -501,20 +525,16 @@ TEST(JointRefiner, OutlinesOfOneSizeFixTheTranslationAlongThePlane) {
   enum class Outline { kNone, kSame, kOtherSize };
   constexpr int kTrials = 40;
   auto run = [](Outline outline, uint64_t trial) {
-    SyntheticRoom room = testing::makeSyntheticRoom(700 + trial, 8);
-    room.evidence.points.clear();
     PlaneObservation table{"table", false, {0.8, 0.75, -0.5}, {0, 1, 0}, {1, 0, 0}};
     table.outline = PlaneOutline{{0.9, 0.75, -0.45}, 1.6, 0.8};
-    room.evidence.planes.push_back(table);
-    SceneEvidence map = room.evidence;
-    map.planes = testing::withPlaneErrors(map.planes, 1, 0.01, 0.5 * kDeg, 750 + trial);
+    auto [room, map] = tableRoom(700 + trial, 8, table, std::nullopt, 750 + trial);
     SceneEvidence session = testing::carried(room.evidence, kTruth, 0.05, 800 + trial);
     // The session saw the walls that face along x only: along z the walls fix nothing.
     session.planes = testing::carried({{}, room.evidence.planes, {}}, kTruth, 0, 0).planes;
     std::erase_if(session.planes, [](const PlaneObservation& p) {
       return p.planeId == "wall-north" || p.planeId == "wall-south";
     });
-    session.planes = testing::withPlaneErrors(session.planes, 1, 0.01, 0.5 * kDeg, 850 + trial);
+    session.planes = withDefaultPlaneErrors(session.planes, 850 + trial);
     for (PlaneObservation& p : session.planes) {
       if (!p.outline) continue;
       if (outline == Outline::kNone) p.outline.reset();
