@@ -61,6 +61,14 @@ void addSceneConditionOptions(CLI::App& app, SceneConditions& c) {
                  "How much the light differs in the localization session (0 to 1)")
       ->check(CLI::Range(0.0, 1.0))
       ->group("Harder world");
+  // Either way: the default error is what today's figures were measured with, and a smaller one
+  // shows how much of a result's error the planes carry.
+  app.add_option("--plane-error", c.planeError,
+                 "M DEG: each detected plane's lasting error (std. dev.), metres along its normal "
+                 "and degrees about the vertical (default 0.01 0.5)")
+      ->expected(2)
+      ->check(CLI::Range(0.0, 10.0))
+      ->group("Harder world");
 }
 
 bool applySceneConditions(const SceneConditions& c, sim::ScenarioOptions& o, std::string* error) {
@@ -91,6 +99,10 @@ bool applySceneConditions(const SceneConditions& c, sim::ScenarioOptions& o, std
   if (c.wrongRoom) o.wrongRoom = true;
   if (c.imageDescriptor) o.descriptorFromImage = true;
   if (c.lightingChange > 0) o.lightingChange = c.lightingChange;
+  if (c.planeError.size() == 2) {
+    o.planeNoise.offsetSigma = c.planeError[0];
+    o.planeNoise.headingSigmaDegrees = c.planeError[1];
+  }
   return true;
 }
 

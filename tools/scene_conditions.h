@@ -29,11 +29,12 @@ struct SceneConditions {
   bool wrongRoom = false;
   bool imageDescriptor = false;
   double lightingChange = 0;
+  std::vector<double> planeError;  // metres along the normal, degrees about the vertical
 };
 
 // Registers --hard, --drift, --yaw-drift, --depth-noise, --outliers, --overlap, --moved,
-// --removed, --added, --person, --identical, --rooms, --wrong-room, --image-descriptor and
-// --lighting-change on a subcommand.
+// --removed, --added, --person, --identical, --rooms, --wrong-room, --image-descriptor,
+// --lighting-change and --plane-error on a subcommand.
 void addSceneConditionOptions(CLI::App& app, SceneConditions& conditions);
 
 // Onto the scenario: --hard first, then the single options where given. False (with a message)

@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
     scenes.push_back({"wrong_room", o});
   }
   omra::bench::keepRequestedSeeds(scenes);
+  omra::bench::applyRequestedPlaneError(scenes);
   const std::vector<SceneResult> results = omra::bench::runScenes(scenes, parallel);
 
   std::vector<const SceneResult*> hard, wrong;

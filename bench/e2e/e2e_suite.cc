@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <set>
@@ -48,6 +50,28 @@ void keepRequestedSeeds(std::vector<Scene>& scenes) {
     p = *end ? end + 1 : end;
   }
   std::erase_if(scenes, [&](const Scene& s) { return !keep.count(s.options.scenario.seed); });
+}
+
+void applyRequestedPlaneError(std::vector<Scene>& scenes) {
+  const char* text = std::getenv("OMRA_E2E_PLANE_ERROR");
+  if (!text) return;
+  const char* end = text + std::strlen(text);
+  double offset = 0, heading = 0;
+  auto [comma, ec] = std::from_chars(text, end, offset);
+  bool ok = ec == std::errc() && comma != end && *comma == ',';
+  if (ok) {
+    auto [last, ec2] = std::from_chars(comma + 1, end, heading);
+    ok = ec2 == std::errc() && last == end && offset >= 0 && heading >= 0;
+  }
+  if (!ok) {
+    std::fprintf(
+        stderr, "OMRA_E2E_PLANE_ERROR wants \"M,DEG\" (two numbers, not negative): \"%s\"\n", text);
+    std::exit(2);
+  }
+  for (Scene& s : scenes) {
+    s.options.scenario.planeNoise.offsetSigma = offset;
+    s.options.scenario.planeNoise.headingSigmaDegrees = heading;
+  }
 }
 
 std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int parallel) {

@@ -26,6 +26,11 @@ tools::ScenarioRunOptions baseSceneOptions(uint64_t seed);
 // OMRA_E2E_ONLY="seed,seed" keeps only the scenes of those seeds (the figures then cover them).
 void keepRequestedSeeds(std::vector<Scene>& scenes);
 
+// OMRA_E2E_PLANE_ERROR="M,DEG" gives every scene's detected planes that lasting error (metres along
+// the normal, degrees about the vertical) in place of the default 0.01,0.5: the figures then show
+// how much of the error the planes carry. Exits with a message when the text is not two numbers.
+void applyRequestedPlaneError(std::vector<Scene>& scenes);
+
 std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int parallel);
 
 // Share (percent) of the scenes whose final assets all came back within both limits.
