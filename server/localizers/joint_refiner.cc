@@ -650,11 +650,14 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
     // A session wall where the map has none weighs as much as two that agree: in a map of many
     // rooms, two walls of some room of about that size agree with any session's by chance.
     out.why = "walls disagree";
-  } else if (out.objects < (wallsAgree ? o.minObjectsWithWalls : o.minObjects)) {
+  } else if (out.objects < (wallsAgree       ? o.minObjectsWithWalls
+                            : out.walls == 0 ? o.minObjectsWithoutWalls
+                                             : o.minObjects)) {
     out.why = "too few objects agree";
   } else if (out.labels < (wallsAgree ? o.minLabels - 1 : o.minLabels)) {
     out.why = "too few kinds of object agree";
-  } else if (out.objects < o.minObjectShare * out.objectsNear) {
+  } else if (out.objects <
+             (out.walls == 0 ? o.minObjectShareWithoutWalls : o.minObjectShare) * out.objectsNear) {
     out.why = "most objects disagree";
   } else if (pointsBothSides && out.pointsNear >= o.minPoints &&
              out.points < o.minPointShare * out.pointsNear) {

@@ -58,6 +58,11 @@ struct JointRefinerOptions {
   // that must.
   int minObjects = 3;
   double minObjectShare = 0.5;
+  // Before any wall pairs up (early in a session), nothing but the objects says where the room
+  // is, and nothing can disagree: a few objects of another room that line up by chance, among
+  // more that do not, must not pass. A session in the right room agrees nearly object for object.
+  int minObjectsWithoutWalls = 4;
+  double minObjectShareWithoutWalls = 0.75;
   // Evidence that leaves a larger error than this verifies nothing: a few objects that happen to
   // line up in another room leave a large one, and a result this loose is no fine result (the
   // kit takes scene-understanding answers from match value 0.55 on: about 6 cm).

@@ -605,6 +605,8 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     // turned while a long map was walked).
     double otherRoomsTurn = 0;
     bool threeWalls = false;  // the session saw three of the walls
+    int movedObjects = 0;     // that many of the session's objects 0.4 m from the map's
+    bool keepPlanes = false;  // with keep: the planes stay
   };
   const Case cases[] = {
       {"the right room"},
@@ -629,6 +631,12 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
        "walls disagree", false, 2, 15 * kDeg, -4 * kDeg},
       {"the right room of a long turned map", false, false, 0, 0, 0.004, 0, nullptr, false, 2, 0,
        -4 * kDeg},
+      // Half the objects in place: enough beside walls that agree, not before any wall pairs up.
+      {"half the objects in place, walls agree", false, false, 0, 0, 0.004, 8, nullptr, false, 0, 0,
+       0, false, 4, true},
+      {"half the objects in place, no walls yet", false, false, 0, 0, 0.004, 8,
+       "most objects disagree", false, 0, 0, 0, false, 4},
+      {"three objects and no walls yet", false, false, 0, 0, 0.004, 3, "too few objects agree"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -659,7 +667,10 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     }
     if (c.keep > 0) {
       seen.landmarks.resize(static_cast<size_t>(c.keep));
-      seen.planes.clear();
+      if (!c.keepPlanes) seen.planes.clear();
+    }
+    for (int k = 0; k < c.movedObjects; ++k) {
+      seen.landmarks[seen.landmarks.size() - 1 - static_cast<size_t>(k)].position[0] += 0.4;
     }
     if (c.threeWalls) {
       bool dropped = false;
