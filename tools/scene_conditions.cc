@@ -5,6 +5,18 @@
 #include "sim/scenario.h"
 
 namespace omra::tools {
+namespace {
+
+// An option of two numbers, each within [0, max].
+void addPairOption(CLI::App& app, const std::string& name, std::vector<double>& values,
+                   const std::string& help, double max) {
+  app.add_option(name, values, help)
+      ->expected(2)
+      ->check(CLI::Range(0.0, max))
+      ->group("Harder world");
+}
+
+}  // namespace
 
 void addSceneConditionOptions(CLI::App& app, SceneConditions& c) {
   std::string names;
@@ -26,12 +38,10 @@ void addSceneConditionOptions(CLI::App& app, SceneConditions& c) {
   app.add_option("--outliers", c.outliers, "Share of feature points far off their surface")
       ->check(CLI::Range(0.0, 1.0))
       ->group("Harder world");
-  app.add_option("--overlap", c.overlap,
-                 "MIN MAX: the localization session takes another, partial path and sees this "
-                 "share of the objects the map saw")
-      ->expected(2)
-      ->check(CLI::Range(0.0, 1.0))
-      ->group("Harder world");
+  addPairOption(app, "--overlap", c.overlap,
+                "MIN MAX: the localization session takes another, partial path and sees this "
+                "share of the objects the map saw",
+                1.0);
   app.add_option("--moved", c.moved, "Objects moved between the sessions")
       ->check(CLI::Range(0, 20))
       ->group("Harder world");
@@ -63,12 +73,10 @@ void addSceneConditionOptions(CLI::App& app, SceneConditions& c) {
       ->group("Harder world");
   // Either way: the default error is what today's figures were measured with, and a smaller one
   // shows how much of a result's error the planes carry.
-  app.add_option("--plane-error", c.planeError,
-                 "M DEG: each detected plane's lasting error (std. dev.), metres along its normal "
-                 "and degrees about the vertical (default 0.01 0.5)")
-      ->expected(2)
-      ->check(CLI::Range(0.0, 10.0))
-      ->group("Harder world");
+  addPairOption(app, "--plane-error", c.planeError,
+                "M DEG: each detected plane's lasting error (std. dev.), metres along its normal "
+                "and degrees about the vertical (default 0.01 0.5)",
+                10.0);
 }
 
 bool applySceneConditions(const SceneConditions& c, sim::ScenarioOptions& o, std::string* error) {
