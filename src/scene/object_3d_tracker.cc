@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "src/foundation/math.h"
 #include "src/foundation/orientation.h"
 #include "src/scene/motion_analyzer.h"
 
@@ -85,11 +86,36 @@ HitPoints Object3DTracker::getHitpointsForPrediction(const Prediction& predictio
       const std::vector<HitTestResult> results = frame.hitTest(point, HitTestType::kFeaturePoint);
       if (results.empty()) continue;
       const Vector3 p(results.front().worldTransform.translation());
-      if (p.dist(cameraPosition) < kMinHitDistance) continue;  // too close to be the object
+      // Too close to be the object; also what a broken pose or hit test makes not finite.
+      if (!(p.dist(cameraPosition) >= kMinHitDistance) || !std::isfinite(p.x) ||
+          !std::isfinite(p.y) || !std::isfinite(p.z)) {
+        continue;
+      }
       hits.points.push_back(p);
     }
   }
   return hits;
+}
+
+BoundingBox3D Object3DTracker::centreBehindVisibleSurface(const BoundingBox3D& box,
+                                                          const std::vector<Vector3>& points,
+                                                          const Vector3& camera) {
+  if (points.empty()) return box;
+  const Vector3 median = getMedian(points);
+  const float dx = median.x - camera.x, dz = median.z - camera.z;
+  const float horizontal = std::hypot(dx, dz);
+  if (!(horizontal >= kMinHorizontalView)) return box;  // also a camera that is not finite
+  const float ux = dx / horizontal, uz = dz / horizontal;
+  std::vector<float> depths;
+  depths.reserve(points.size());
+  for (const Vector3& p : points) depths.push_back((p.x - camera.x) * ux + (p.z - camera.z) * uz);
+  const float depth = calculateMedian(depths) + kVisibleSurfaceDepth;
+  const Vector3 centre = box.center();
+  const float shiftX = camera.x + ux * depth - centre.x, shiftZ = camera.z + uz * depth - centre.z;
+  BoundingBox3D moved = box;
+  moved.minX += shiftX, moved.maxX += shiftX;
+  moved.minZ += shiftZ, moved.maxZ += shiftZ;
+  return moved;
 }
 
 TrackedObject* Object3DTracker::findClosestObject(
@@ -127,7 +153,11 @@ std::vector<DetectedObject> Object3DTracker::convert2DBBoxTo3D(
   for (const Prediction& p : predictions) {
     if (p.detectedClass < 0 || static_cast<size_t>(p.detectedClass) >= classNames.size()) continue;
     HitPoints hits = getHitpointsForPrediction(p, frame);
-    const BoundingBox3D box = hits.getBoundingRectangle(p.score);
+    const BoundingBox3D box = centreBehindVisibleSurface(
+        hits.getBoundingRectangle(p.score),
+        hits.USE_FILTERED_POINTS && !hits.filteredPoints.empty() ? hits.filteredPoints
+                                                                 : hits.points,
+        Vector3(frame.camera.transform.translation()));
     priorHittests_.push_back(std::move(hits));
     if (priorHittests_.size() > kHitTestHistoryLimit) priorHittests_.pop_front();
     // No usable hit: the box has no position to track.

@@ -32,6 +32,11 @@ class Object3DTracker {
   static constexpr float kMinHitDistance = 0.3f;  // metres from the camera
   static constexpr float kMaxMatchDistance = 0.4f;
   static constexpr int kGridSteps = 5;
+  // How far an object's centre lies behind the surfaces the camera sees of it: about half the
+  // depth of the things a phone's detector finds (a cup is 10 cm deep, a chair 50 cm).
+  static constexpr float kVisibleSurfaceDepth = 0.10f;
+  // Below this horizontal distance the view is from above: no direction to move the centre in.
+  static constexpr float kMinHorizontalView = 0.05f;
 
   // device supplies the host's supported interface orientations; null: it declares none.
   Object3DTracker(double screenHeight, double screenWidth,
@@ -59,6 +64,14 @@ class Object3DTracker {
 
   // The world points the hit tests inside one prediction's box found.
   HitPoints getHitpointsForPrediction(const Prediction& prediction, const ArFrame& frame);
+  // The box moved so that its horizontal centre sits kVisibleSurfaceDepth behind the median depth
+  // of the points, seen from camera, on the line through their median; height and extents stay.
+  // The hit tests behind a box's edges reach the floor, the table or the wall around the object,
+  // so the middle of the points' extents follows whatever surrounds it; the median stays on the
+  // object. The box unchanged when points is empty or the camera stands above the points.
+  static BoundingBox3D centreBehindVisibleSurface(const BoundingBox3D& box,
+                                                  const std::vector<Vector3>& points,
+                                                  const Vector3& camera);
   // A screen rectangle (from OrientedBoundingBox's conversions) back in normalised captured-image
   // coordinates: undoes the screen offset and scale, then the detector's centre crop.
   static Rect convertViewCoordToNormalizedImage(const Rect& rect, phoneOrientation orientation,

@@ -23,9 +23,10 @@ Prediction predictionOf(int cls, double score) {
 }
 
 // A frame whose hit tests land on the eight corners of a cube (centre, half size), three times
-// each; the last of every 25 queries finds nothing.
-ArFrame cubeFrame(Vector3 centre, float half) {
+// each; the last of every 25 queries finds nothing. The camera stands at camera.
+ArFrame cubeFrame(Vector3 centre, float half, Vector3 camera = {0, 0, 0}) {
   ArFrame f;
+  f.camera.transform.columns[3] = {camera.x, camera.y, camera.z, 1};
   auto n = std::make_shared<int>(0);
   f.hitTest = [n, centre, half](Float2, HitTestType) -> std::vector<HitTestResult> {
     const int i = (*n)++ % 25;
@@ -55,7 +56,9 @@ TEST(Object3DTrackerTest, ConfidenceRampsWithReadsAndGatesReporting) {
   ASSERT_EQ(out.size(), 2u);  // one entry per prediction, same object
   EXPECT_EQ(out[0].id(), out[1].id());
   EXPECT_EQ(out[0].name(), "chair");
-  EXPECT_NEAR(out[0].center().z, -2, 1e-5);
+  // Straight ahead of the camera, behind the points' median depth by the visible-surface depth.
+  EXPECT_NEAR(out[0].center().x, 0, 1e-5);
+  EXPECT_NEAR(out[0].center().z, -2 - Object3DTracker::kVisibleSurfaceDepth, 1e-5);
   EXPECT_NEAR(out[0].width(), 0.2, 1e-5);
 }
 
@@ -66,36 +69,87 @@ TEST(Object3DTrackerTest, AssociationByClassOverlapAndDistance) {
     Vector3 secondCentre;
     size_t objects;
   };
-  // Boxes of 1 m: centres 0.39 or 0.41 m apart still overlap.
+  // Boxes of 1 m: centres 0.39 or 0.41 m apart still overlap. Seen from far away, so that both
+  // boxes move back from their points alike.
+  const Vector3 camera{0, 0, 1000};
   for (const Case& k : std::vector<Case>{{"same place", kChair, {0, 0, -2}, 1},
                                          {"other class", kTv, {0, 0, -2}, 2},
                                          {"0.39 m away", kChair, {0.39f, 0, -2}, 1},
                                          {"0.41 m away", kChair, {0.41f, 0, -2}, 2},
                                          {"no overlap", kChair, {0, 0, -3.2f}, 2}}) {
     Object3DTracker t(800, 600);
-    t.convert2DBBoxTo3D({predictionOf(kChair, 0.9)}, names(), cubeFrame({0, 0, -2}, 0.5f));
+    t.convert2DBBoxTo3D({predictionOf(kChair, 0.9)}, names(), cubeFrame({0, 0, -2}, 0.5f, camera));
     t.convert2DBBoxTo3D({predictionOf(k.secondClass, 0.9)}, names(),
-                        cubeFrame(k.secondCentre, 0.5f));
+                        cubeFrame(k.secondCentre, 0.5f, camera));
     ASSERT_EQ(t.trackedObjects().size(), k.objects) << k.what;
     for (size_t i = 0; i < k.objects; ++i) EXPECT_EQ(t.trackedObjects()[i]->id, int(i)) << k.what;
   }
 }
 
-TEST(Object3DTrackerTest, HitsTooCloseToTheCameraAreIgnored) {
-  for (const auto& [distance, tracked] :
-       std::vector<std::pair<float, bool>>{{0.29f, false}, {0.31f, true}}) {
+TEST(Object3DTrackerTest, HitsTooCloseOrNotFiniteAreIgnored) {
+  const float nan = std::nanf("");
+  struct Case {
+    const char* what;
+    Vector3 camera, hit;
+    bool tracked;
+  };
+  for (const Case& k : std::vector<Case>{{"0.29 m away", {1, 1, 1}, {1, 1, 0.71f}, false},
+                                         {"0.31 m away", {1, 1, 1}, {1, 1, 0.69f}, true},
+                                         {"hit not finite", {1, 1, 1}, {1, nan, -1}, false},
+                                         {"camera not finite", {nan, 1, 1}, {1, 1, -1}, false}}) {
     Object3DTracker t(800, 600);
     ArFrame f;
-    f.camera.transform.columns[3] = {1, 1, 1, 1};
-    f.hitTest = [d = distance](Float2, HitTestType) {
+    f.camera.transform.columns[3] = {k.camera.x, k.camera.y, k.camera.z, 1};
+    f.hitTest = [hit = k.hit](Float2, HitTestType) {
       HitTestResult r;
-      r.worldTransform.columns[3] = {1, 1, 1 - d, 1};
+      r.worldTransform.columns[3] = {hit.x, hit.y, hit.z, 1};
       return std::vector<HitTestResult>{r};
     };
     t.convert2DBBoxTo3D({predictionOf(kChair, 0.9)}, names(), f);
-    ASSERT_EQ(t.priorHittests().size(), 1u);
-    EXPECT_EQ(t.priorHittests().back().points.size(), tracked ? 25u : 0u) << distance;
-    EXPECT_EQ(t.trackedObjects().size(), tracked ? 1u : 0u) << distance;
+    ASSERT_EQ(t.priorHittests().size(), 1u) << k.what;
+    EXPECT_EQ(t.priorHittests().back().points.size(), k.tracked ? 25u : 0u) << k.what;
+    EXPECT_EQ(t.trackedObjects().size(), k.tracked ? 1u : 0u) << k.what;
+  }
+}
+
+TEST(Object3DTrackerTest, CentreSitsBehindTheMedianVisiblePoint) {
+  // A camera at the origin looking down -z at an object whose front face is 2 m away.
+  const Vector3 camera{0, 1.5f, 0};
+  const float d = Object3DTracker::kVisibleSurfaceDepth;
+  const BoundingBox3D box{-0.3f, 0.3f, 0, 0.8f, -2.6f, -1.8f, 0, 0.9};
+  std::vector<Vector3> front;
+  for (float x : {-0.2f, -0.1f, 0.f, 0.1f, 0.2f})
+    for (float y : {0.2f, 0.4f, 0.6f}) front.push_back({x, y, -2});
+  std::vector<Vector3> withSurroundings = front;
+  // The floor in front of the object and the wall behind it, at the edges of the box.
+  for (float x : {-0.3f, 0.3f}) withSurroundings.push_back({x, 0, -1.7f});
+  for (float x : {-0.3f, 0.f, 0.3f}) withSurroundings.push_back({x, 0.8f, -3.5f});
+  std::vector<Vector3> offAxis;  // the front face again, 1 m to the right
+  for (const Vector3& p : front) offAxis.push_back({p.x + 1, p.y, p.z});
+  struct Case {
+    const char* what;
+    std::vector<Vector3> points;
+    Vector3 camera;
+    float x, z;  // the expected horizontal centre
+  };
+  const float diagonal = 1 / std::sqrt(5.f);  // the view towards (1, -2)
+  for (const Case& k : std::vector<Case>{
+           {"front face", front, camera, 0, -2 - d},
+           {"floor and wall around it", withSurroundings, camera, 0, -2 - d},
+           {"seen at an angle", offAxis, camera, 1 + d * diagonal, -2 - 2 * d * diagonal},
+           {"no points", {}, camera, 0, -2.2f},
+           {"camera right above", front, {0, 3, -2.02f}, 0, -2.2f}}) {
+    const BoundingBox3D moved =
+        Object3DTracker::centreBehindVisibleSurface(box, k.points, k.camera);
+    EXPECT_NEAR(moved.center().x, k.x, 1e-4) << k.what;
+    EXPECT_NEAR(moved.center().z, k.z, 1e-4) << k.what;
+    // Height, extents, heading and score are the box's.
+    EXPECT_FLOAT_EQ(moved.minY, box.minY) << k.what;
+    EXPECT_FLOAT_EQ(moved.maxY, box.maxY) << k.what;
+    EXPECT_NEAR(moved.size().x, box.size().x, 1e-5) << k.what;
+    EXPECT_NEAR(moved.size().z, box.size().z, 1e-5) << k.what;
+    EXPECT_EQ(moved.theta, box.theta) << k.what;
+    EXPECT_EQ(moved.confidence, box.confidence) << k.what;
   }
 }
 
