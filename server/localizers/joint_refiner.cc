@@ -643,7 +643,8 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
                           mapWalls <= o.wallsOfOneRoom;
   if (shift > o.maxShift || std::fabs(wrapAngle(pose.theta - rough.theta)) > o.maxTurn) {
     out.why = "refinement left the hypothesis";
-  } else if (out.predictedError > o.maxPredictedError) {
+  } else if (out.predictedError >
+             (out.bothWays ? o.maxPredictedError : o.maxPredictedErrorOneWay)) {
     out.why = "the evidence leaves too large an error";
   } else if ((out.wallsDisagreeing > 0 && 2 * out.wallsDisagreeing >= out.walls) ||
              !problem.wallsAlign(pose)) {
@@ -657,7 +658,7 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   } else if (out.labels < (wallsAgree ? o.minLabels - 1 : o.minLabels)) {
     out.why = "too few kinds of object agree";
   } else if (out.objects <
-             (out.walls == 0 ? o.minObjectShareWithoutWalls : o.minObjectShare) * out.objectsNear) {
+             (out.bothWays ? o.minObjectShare : o.minObjectShareWithoutWalls) * out.objectsNear) {
     out.why = "most objects disagree";
   } else if (pointsBothSides && out.pointsNear >= o.minPoints &&
              out.points < o.minPointShare * out.pointsNear) {

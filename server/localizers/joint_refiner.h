@@ -61,12 +61,17 @@ struct JointRefinerOptions {
   // Before any wall pairs up (early in a session), nothing but the objects says where the room
   // is, and nothing can disagree: a few objects of another room that line up by chance, among
   // more that do not, must not pass. A session in the right room agrees nearly object for object.
+  // The share holds until walls of two directions agree: one wall leaves the room free along it.
   int minObjectsWithoutWalls = 4;
   double minObjectShareWithoutWalls = 0.75;
   // Evidence that leaves a larger error than this verifies nothing: a few objects that happen to
   // line up in another room leave a large one, and a result this loose is no fine result (the
   // kit takes scene-understanding answers from match value 0.55 on: about 6 cm).
   double maxPredictedError = 0.055;
+  // Until walls of two directions agree, the objects alone fix the room along the walls there
+  // are: a few of another room's that line up by chance leave 4-6 cm, and so do the poor first
+  // answers in the right room.
+  double maxPredictedErrorOneWay = 0.04;
   // Fewer objects suffice when walls of two directions and a floor agree and no wall disagrees,
   // in a map of at most wallsOfOneRoom walls: in a map of several rooms the walls of a room of the
   // same size agree with the session's as well as its own.
