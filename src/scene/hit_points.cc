@@ -59,8 +59,7 @@ BoundingBox3D HitPoints::roundCorners(const std::vector<Vector3>& pts, const Vec
 
 BoundingBox3D HitPoints::getBoundingRectangle(double confidence) {
   filter();
-  const std::vector<Vector3>& pts =
-      USE_FILTERED_POINTS && !filteredPoints.empty() ? filteredPoints : points;
+  const std::vector<Vector3>& pts = usedPoints();
   if (pts.empty()) {
     BoundingBox3D empty;
     empty.confidence = confidence;

@@ -29,6 +29,11 @@ class HitPoints {
   // (principal axis in x-z); the extents are measured along it and rounded (roundCorners). An empty
   // set gives the empty box (all zero) with the confidence.
   BoundingBox3D getBoundingRectangle(double confidence);
+  // The points the last box was built from: the filtered ones, unless there are none or filtering
+  // is off.
+  const std::vector<Vector3>& usedPoints() const {
+    return USE_FILTERED_POINTS && !filteredPoints.empty() ? filteredPoints : points;
+  }
 
  private:
   void filter();

@@ -153,11 +153,9 @@ std::vector<DetectedObject> Object3DTracker::convert2DBBoxTo3D(
   for (const Prediction& p : predictions) {
     if (p.detectedClass < 0 || static_cast<size_t>(p.detectedClass) >= classNames.size()) continue;
     HitPoints hits = getHitpointsForPrediction(p, frame);
+    const BoundingBox3D rectangle = hits.getBoundingRectangle(p.score);
     const BoundingBox3D box = centreBehindVisibleSurface(
-        hits.getBoundingRectangle(p.score),
-        hits.USE_FILTERED_POINTS && !hits.filteredPoints.empty() ? hits.filteredPoints
-                                                                 : hits.points,
-        Vector3(frame.camera.transform.translation()));
+        rectangle, hits.usedPoints(), Vector3(frame.camera.transform.translation()));
     priorHittests_.push_back(std::move(hits));
     if (priorHittests_.size() > kHitTestHistoryLimit) priorHittests_.pop_front();
     // No usable hit: the box has no position to track.
