@@ -7,6 +7,8 @@
 #include <optional>
 #include <set>
 
+#include "server/localizers/object_footprint.h"
+
 namespace omra::server {
 namespace {
 
@@ -122,9 +124,17 @@ class Problem {
     mapFrame_ = straighten(mapPlanes_, spread, &mapWalls_);
     if (!mapFrame_) straightenNearSession(rough, spread);
     sessionFrame_ = straighten(sessionPlanes_, spread, &sessionWalls_);
+    pairSigmas_.reserve(map.landmarks.size());
+    for (const Landmark& l : map.landmarks) {
+      const double size = o.objectSizeShare * typicalFootprint(l.label);
+      pairSigmas_.push_back(std::sqrt(o.objectSigma * o.objectSigma + size * size));
+    }
   }
 
   size_t sessionPointCount() const { return sessionPoints_.size(); }
+
+  // The horizontal noise of a pair whose map object is map_.landmarks[i].
+  double pairSigma(int i) const { return pairSigmas_[static_cast<size_t>(i)]; }
 
   // A long map whose tracking turned from room to room has no one right-angled frame, but the
   // room the hypothesis lays the session in may: its walls are those near the session's objects
@@ -349,7 +359,7 @@ class Problem {
     Normal n;
     for (auto [i, j] : pairs.objects) {
       n.addPoint(pose, map_.landmarks[static_cast<size_t>(i)].position,
-                 session_.landmarks[static_cast<size_t>(j)].position, o_.objectSigma,
+                 session_.landmarks[static_cast<size_t>(j)].position, pairSigma(i),
                  o_.objectHeightSigma);
     }
     for (auto [m, s] : pairs.walls) {
@@ -401,6 +411,7 @@ class Problem {
   std::vector<PlaneObservation> mapPlanes_, sessionPlanes_;  // walls straightened when square
   std::optional<double> mapFrame_, sessionFrame_;
   int mapWalls_ = 0, sessionWalls_ = 0;
+  std::vector<double> pairSigmas_;  // per map landmark
 };
 
 // One residual's squared size in its own sigmas and how many numbers it holds.
@@ -462,7 +473,7 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
   for (auto [i, j] : pairs.objects) {
     const Vec3& m = map.landmarks[static_cast<size_t>(i)].position;
     objects.push_back({dist2(pose.apply(m), session.landmarks[static_cast<size_t>(j)].position) /
-                           (o.objectSigma * o.objectSigma),
+                           std::pow(problem.pairSigma(i), 2),
                        3});
   }
   for (auto [m, s] : pairs.walls) {
@@ -501,8 +512,8 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
   Normal n;
   for (auto [i, j] : pairs.objects) {
     n.addPoint(pose, map.landmarks[static_cast<size_t>(i)].position,
-               session.landmarks[static_cast<size_t>(j)].position, o.objectSigma * out.objectScale,
-               o.objectHeightSigma * out.objectScale);
+               session.landmarks[static_cast<size_t>(j)].position,
+               problem.pairSigma(i) * out.objectScale, o.objectHeightSigma * out.objectScale);
   }
   for (auto [m, s] : pairs.walls) {
     Vec4 j;
@@ -596,7 +607,7 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
     const Vec3 p = pose.apply(map.landmarks[static_cast<size_t>(i)].position);
     const Vec3& q = session.landmarks[static_cast<size_t>(j)].position;
     const double u2 = ((p[0] - q[0]) * (p[0] - q[0]) + (p[2] - q[2]) * (p[2] - q[2])) /
-                      (o.objectSigma * o.objectSigma);
+                      std::pow(problem.pairSigma(i), 2);
     const double v2 = (p[1] - q[1]) * (p[1] - q[1]) / (o.objectHeightSigma * o.objectHeightSigma);
     count(u2, objectWeight(u2), 2);
     count(v2, objectWeight(v2), 1);

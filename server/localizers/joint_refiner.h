@@ -24,10 +24,12 @@ struct SceneEvidence {
 struct JointRefinerOptions {
   // Per-kind noise, metres (radians for headings): weights of the least squares and the scale of
   // the predicted error.
-  // Objects: a landmark is where the hit tests of its detections landed, the faces the camera
-  // saw, so two sessions that saw an object from different sides place it a few centimetres apart.
-  // Heights differ less: most objects show the same top to every camera.
-  double objectSigma = 0.03;
+  // Objects: a landmark is where the hit tests of its detections landed, behind the faces the
+  // camera saw, so two sessions that saw an object from different sides place it apart: a
+  // couple of centimetres for a cup, by a share of its footprint (typicalFootprint of its label)
+  // for a couch. Heights differ less: most objects show the same top to every camera.
+  double objectSigma = 0.02;
+  double objectSizeShare = 0.07;
   double objectHeightSigma = 0.01;
   // A detected plane keeps one error for its lifetime, per session: an offset along its normal
   // and, for a wall, a turn about the point it is anchored at (where it was first seen). Far from

@@ -15,6 +15,7 @@
 
 #include "server/localizers/joint_refiner.h"
 #include "server/localizers/map_index_cache.h"
+#include "server/localizers/object_footprint.h"
 #include "server/server_tables.h"
 #include "server/session_records.h"
 #include "src/cloud/detected_plane_model.h"
@@ -438,6 +439,44 @@ TEST(JointRefiner, OneBadConstraintCannotPullTheResult) {
   }
 }
 
+// Large objects' centres move with the side a camera saw them from; small ones' hardly do. Large
+// objects each seen from another side than in the map, all off the same way round the room,
+// must not turn the answer that the small ones fix.
+TEST(JointRefiner, LargeObjectsWeighLessThanSmallOnes) {
+  struct Object {
+    const char* label;
+    double x, z;
+  };
+  const Object objects[] = {{"cup", 1.5, 0.5},           {"bottle", -1.2, 1.8},
+                            {"vase", 0.3, -2.0},         {"book", -2.0, -0.6},
+                            {"bowl", 2.2, -1.4},         {"couch", 2.8, 1.5},
+                            {"dining table", -0.5, 2.6}, {"refrigerator", -2.6, -2.0}};
+  SceneEvidence map;
+  for (const Object& o : objects) {
+    map.landmarks.push_back({static_cast<int64_t>(map.landmarks.size()), o.label, {o.x, 0.5, o.z}});
+  }
+  SceneEvidence session = testing::carried(map, kTruth, 0.003, 64);
+  // 7 cm counter-clockwise about the room's middle (the map's origin, among the objects).
+  const Vec3 from = kTruth.apply({0, 0.5, 0});
+  for (Landmark& l : session.landmarks) {
+    if (typicalFootprint(l.label) < 0.7) continue;
+    const double dx = l.position[0] - from[0], dz = l.position[2] - from[2];
+    const double r = std::hypot(dx, dz);
+    l.position[0] += 0.07 * -dz / r;
+    l.position[2] += 0.07 * dx / r;
+  }
+  const Pose4 rough{kTruth.tx + 0.05, kTruth.ty, kTruth.tz - 0.05, kTruth.theta + 1 * kDeg};
+  auto headingError = [&](const JointRefinerOptions& o) {
+    const JointResult r = JointRefiner(o).refine(rough, map, PointGrid(), session);
+    return std::fabs(wrapAngle(r.transform.theta - kTruth.theta));
+  };
+  JointRefinerOptions alike;
+  alike.objectSizeShare = 0;
+  // Weighed alike, the three turn the answer visibly; weighed by size, they hardly do.
+  EXPECT_GT(headingError(alike), 0.4 * kDeg);
+  EXPECT_LT(headingError({}), 0.15 * kDeg);
+}
+
 // Planes keep the errors a platform gives them (an offset, and for a wall a turn about the point
 // where it was first seen, metres from where the other session anchored it); objects are a few
 // centimetres off. The walls still settle the heading and the horizontal translation, all of a
@@ -714,10 +753,12 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     rough.tx += slide[0] + 0.04;
     rough.tz += slide[2] - 0.03;
     rough.theta += 1 * kDeg;
-    // Three objects alone also leave more than the one-direction error limit; the count is what
-    // that case is about.
-    const bool countOnly = c.walls < 0 && c.keep > 0 && c.keep < 4;
-    const JointResult r = (countOnly ? refinerWithoutOneWayLimit() : JointRefiner())
+    // A few objects alone, with no plane at all, also leave more than the one-direction error
+    // limit (three, more than any limit); the count and the share are what those cases are about.
+    const bool objectsOnly = c.walls < 0 && c.keep > 0 && !c.keepPlanes;
+    JointRefinerOptions options = refinerWithoutOneWayLimit().options();
+    if (objectsOnly && c.keep < 4) options.maxPredictedError = options.maxPredictedErrorOneWay = 1;
+    const JointResult r = (objectsOnly ? JointRefiner(options) : JointRefiner())
                               .refine(rough, mapOf, PointGrid(), session);
     if (!c.why) {
       EXPECT_TRUE(r.verified) << r.why;
