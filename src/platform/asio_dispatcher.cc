@@ -22,6 +22,9 @@ struct AsioDispatcher::Impl {
   asio::thread_pool pool;
   std::shared_ptr<KitMainQueue> kitMain = std::make_shared<KitMainQueue>();
 
+  // Set once the pool has been joined; work posted after that would never run.
+  std::atomic<bool> stopped{false};
+
   mutable std::mutex mutex;  // guards everything below
   bool shuttingDown = false;
   std::shared_ptr<MainQueue> main = kitMain;
@@ -33,19 +36,30 @@ struct AsioDispatcher::Impl {
 
 namespace {
 
-// One serial queue: a strand over the dispatcher's pool. Thread-safe; does not own the pool.
+// One serial queue: a strand over the dispatcher's pool. Thread-safe. It shares the pool, so that
+// a queue still referenced after the dispatcher is gone (say, by a task left on a host's main
+// loop) can be dropped safely; work posted to it then is dropped.
 class StrandQueue : public SerialQueue {
  public:
-  StrandQueue(AsioDispatcher::Impl& d, std::string label)
-      : d_(d), strand_(asio::make_strand(d.pool.get_executor())), label_(std::move(label)) {}
+  StrandQueue(std::shared_ptr<AsioDispatcher::Impl> d, std::string label)
+      : d_(std::move(d)),
+        strand_(asio::make_strand(d_->pool.get_executor())),
+        label_(std::move(label)) {}
 
   const std::string& label() const override { return label_; }
 
-  void async(Task task) override { asio::post(strand_, std::move(task)); }
+  void async(Task task) override {
+    if (d_->stopped.load()) return;
+    asio::post(strand_, std::move(task));
+  }
 
   void sync(Task task) override {
     if (strand_.running_in_this_thread()) {
       fatalError("sync() called on serial queue '" + label_ + "' from that same queue");
+    }
+    if (d_->stopped.load()) {
+      fatalError("sync() called on serial queue '" + label_ +
+                 "' after its dispatcher was destroyed");
     }
     std::mutex m;
     std::condition_variable cv;
@@ -62,13 +76,13 @@ class StrandQueue : public SerialQueue {
 
   void asyncAfter(std::chrono::nanoseconds delay, Task task) override {
     auto timer = std::make_shared<asio::steady_timer>(strand_, delay);
-    AsioDispatcher::Impl* d = &d_;
+    AsioDispatcher::Impl* d = d_.get();
     // Registered and armed under the lock, so that the destructor's cancel() (which reads the
     // registry under the same lock) never overlaps async_wait() on this timer.
-    std::lock_guard<std::mutex> lock(d_.mutex);
-    if (d_.shuttingDown) return;  // the dispatcher is going away: delayed work is dropped
-    const uint64_t id = d_.nextTimerId++;
-    d_.timers.emplace(id, std::make_pair(timer, strand_));
+    std::lock_guard<std::mutex> lock(d_->mutex);
+    if (d_->shuttingDown) return;  // the dispatcher is going away: delayed work is dropped
+    const uint64_t id = d_->nextTimerId++;
+    d_->timers.emplace(id, std::make_pair(timer, strand_));
     timer->async_wait(
         asio::bind_executor(strand_, [d, id, task = std::move(task)](const std::error_code& ec) {
           {
@@ -80,7 +94,7 @@ class StrandQueue : public SerialQueue {
   }
 
  private:
-  AsioDispatcher::Impl& d_;
+  std::shared_ptr<AsioDispatcher::Impl> d_;
   PoolStrand strand_;
   std::string label_;
 };
@@ -88,7 +102,7 @@ class StrandQueue : public SerialQueue {
 }  // namespace
 
 AsioDispatcher::AsioDispatcher(int poolThreads)
-    : impl_(std::make_unique<Impl>(std::clamp(poolThreads, 1, 8))) {}
+    : impl_(std::make_shared<Impl>(std::clamp(poolThreads, 1, 8))) {}
 
 AsioDispatcher::~AsioDispatcher() {
   // Joining the pool from one of its own threads would wait forever.
@@ -108,11 +122,12 @@ AsioDispatcher::~AsioDispatcher() {
   }
   // Waits for queued and running work (including the cancelled timers' handlers) to finish.
   impl_->pool.join();
+  impl_->stopped = true;
   impl_->kitMain->shutdown();
 }
 
 std::shared_ptr<SerialQueue> AsioDispatcher::makeSerialQueue(std::string label) {
-  return std::make_shared<StrandQueue>(*impl_, std::move(label));
+  return std::make_shared<StrandQueue>(impl_, std::move(label));
 }
 
 void AsioDispatcher::background(Task task) { asio::post(impl_->pool, std::move(task)); }

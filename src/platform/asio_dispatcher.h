@@ -18,7 +18,8 @@ class KitMainQueue;
 
 // Owns the pool threads and the kit main thread; every method is thread-safe. Destruction drops
 // pending delayed tasks, lets queued and running ones finish, then stops the threads; it must not
-// run on one of the dispatcher's own threads.
+// run on one of the dispatcher's own threads. Serial queues may outlive it: work posted to them
+// afterwards is dropped.
 class AsioDispatcher : public Dispatcher {
  public:
   // poolThreads is clamped to 1..8; the kit needs only a few.
@@ -39,7 +40,7 @@ class AsioDispatcher : public Dispatcher {
   struct Impl;
 
  private:
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;
 };
 
 }  // namespace omra

@@ -94,10 +94,12 @@ TEST(AsioDispatcherTest, AsyncAfterWaitsAndKeepsQueueOrder) {
 }
 
 TEST(AsioDispatcherTest, DestructionDropsPendingDelayedTasksAndFinishesQueuedOnes) {
-  std::atomic<int> ran{0}, delayedRan{0};
+  std::atomic<int> ran{0}, delayedRan{0}, lateRan{0};
+  // Outlives the dispatcher, as a queue captured by a task on a host's loop does.
+  std::shared_ptr<SerialQueue> q;
   {
     AsioDispatcher d;
-    auto q = d.makeSerialQueue("q");
+    q = d.makeSerialQueue("q");
     q->asyncAfter(10s, [&] { ++delayedRan; });
     for (int i = 0; i < 20; ++i) {
       q->async([&] {
@@ -111,6 +113,10 @@ TEST(AsioDispatcherTest, DestructionDropsPendingDelayedTasksAndFinishesQueuedOne
   }
   EXPECT_EQ(ran.load(), 20);
   EXPECT_EQ(delayedRan.load(), 0);
+  q->async([&] { ++lateRan; });
+  q->asyncAfter(1ms, [&] { ++lateRan; });
+  q.reset();  // ASan/TSan: the strand must not touch the pool's freed state
+  EXPECT_EQ(lateRan.load(), 0);
 }
 
 TEST(AsioDispatcherTest, DefaultMainQueueIsOneKitThread) {

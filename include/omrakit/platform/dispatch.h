@@ -2,7 +2,8 @@
 //
 // Every method here is thread-safe. Queues run submitted work one item at a time, in submission
 // order. A queue outlives the work posted to it: dropping the last reference waits for nothing, but
-// work already posted still runs as long as the Dispatcher lives.
+// work already posted still runs as long as the Dispatcher lives. A queue may be dropped after its
+// Dispatcher (a task left on a host's loop may hold the last reference).
 #pragma once
 
 #include <chrono>
