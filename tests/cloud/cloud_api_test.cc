@@ -19,49 +19,7 @@
 namespace omra {
 namespace {
 
-struct CapturedRequest {
-  std::string method, path, body, contentType;
-};
-
-// Listens on loopback from construction to destruction, records what it receives and answers as
-// told. Thread-safe.
-class CapturingServer {
- public:
-  CapturingServer() {
-    auto handler = [this](const httplib::Request& req, httplib::Response& res) {
-      std::lock_guard lock(mutex_);
-      requests_.push_back({req.method, req.path, req.body, req.get_header_value("Content-Type")});
-      res.status = status_;
-      res.set_content(body_, contentType_.c_str());
-    };
-    // One request per connection, so that stopping never waits for an idle keep-alive.
-    loopback_.server().set_keep_alive_max_count(1);
-    loopback_.server().Post(".*", handler);
-    loopback_.server().Get(".*", handler);
-    origin_ = loopback_.start();
-  }
-  const std::string& origin() const { return origin_; }
-  // The answer to every later request.
-  void setReply(int status, std::string body, std::string contentType) {
-    std::lock_guard lock(mutex_);
-    status_ = status;
-    body_ = std::move(body);
-    contentType_ = std::move(contentType);
-  }
-  std::vector<CapturedRequest> requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<CapturedRequest> requests_;
-  int status_ = 200;
-  std::string body_ = "{}";
-  std::string contentType_ = "application/json";
-  std::string origin_;
-  testing::LoopbackServer loopback_;  // last: stops before what its handler touches goes
-};
+using testing::RecordingServer;
 
 // Forwards to a real client and counts completions after the caller's completion returned, so a
 // test can tell "no callback" from "not yet". Thread-safe.
@@ -116,12 +74,12 @@ class CloudApiTest : public ::testing::Test {
     return CloudAPI(useBeta, "com.example.host", kDevKeyHash, std::move(services));
   }
   // The only request a server saw: its path, and its body parsed in order.
-  std::pair<std::string, Json> onlyRequest(const CapturingServer& server) {
+  std::pair<std::string, Json> onlyRequest(const RecordingServer& server) {
     const auto requests = server.requests();
     EXPECT_EQ(requests.size(), 1u);
     if (requests.empty()) return {};
     EXPECT_EQ(requests[0].method, "POST");
-    EXPECT_EQ(requests[0].contentType, "application/json");
+    EXPECT_EQ(requests[0].get_header_value("Content-Type"), "application/json");
     Json body = Json::parse(requests[0].body, nullptr, false);
     EXPECT_TRUE(body.is_object()) << requests[0].body;
     return {requests[0].path, body};
@@ -130,7 +88,7 @@ class CloudApiTest : public ::testing::Test {
   AsioDispatcher dispatcher_{2};
   std::shared_ptr<CompletionCountingClient> http_ =
       std::make_shared<CompletionCountingClient>(std::make_shared<CurlHttpClient>(dispatcher_));
-  CapturingServer server_;
+  RecordingServer server_;
 };
 
 // Json equality of ordered objects also checks the key order.
@@ -146,7 +104,7 @@ TEST_F(CloudApiTest, SessionOpeningBodiesKeyByKey) {
                withLocation = combination & 4, beta = combination & 8;
     SCOPED_TRACE(::testing::Message() << "localization=" << localization << " vendor=" << withVendor
                                       << " location=" << withLocation << " beta=" << beta);
-    CapturingServer server;
+    RecordingServer server;
     BetaSetting setting(beta);
     CloudAPI api =
         makeClient(false, server.origin(), withVendor ? std::optional(vendor) : std::nullopt);
@@ -201,7 +159,7 @@ TEST_F(CloudApiTest, EndpointChosenOnceAtConstruction) {
 
 TEST_F(CloudApiTest, ListNearbyBody) {
   for (bool withUser : {true, false}) {
-    CapturingServer server;
+    RecordingServer server;
     CloudAPI api = makeClient(false, server.origin(), std::nullopt, "iPad7,2");
     int calls = 0;
     api.listNearby("app-1", withUser ? std::optional<std::string>("user-7") : std::nullopt,
@@ -285,7 +243,7 @@ TEST_F(CloudApiTest, DeliveryRules) {
   int sent = 0;
   for (const auto& s : scenarios) {
     SCOPED_TRACE(s.name);
-    server_.setReply(s.status == 0 ? 200 : s.status, s.body, s.contentType);
+    server_.setReply({s.status == 0 ? 200 : s.status, s.body, s.contentType});
     CloudAPI api = makeClient(
         false, s.status == 0 ? "http://127.0.0.1:" + std::to_string(testing::unusedLoopbackPort())
                              : server_.origin());

@@ -7,6 +7,8 @@
 #include <fstream>
 #include <random>
 
+#include "tests/common/temp_dir_testutil.h"
+
 namespace omra {
 namespace {
 
@@ -75,9 +77,8 @@ TEST(CompressionTest, BadInputGivesNoResult) {
 // The same bytes through Python's zlib as an independent raw-DEFLATE codec, both directions.
 TEST(CompressionTest, InteroperatesWithAnotherRawDeflateCodec) {
   if (!std::filesystem::exists("/usr/bin/python3")) GTEST_SKIP() << "no /usr/bin/python3";
-  const auto dir =
-      std::filesystem::path(::testing::TempDir()) / ("omra-deflate-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir);
+  const testing::ScopedTempDir tmp("omra-deflate");
+  const std::filesystem::path& dir = tmp.path();
   auto file = [&](const char* kind, size_t i) { return dir / (kind + std::to_string(i)); };
   const std::vector<std::string> inputs = {"", "1.000000,0.500000", repetitive(300000),
                                            randomBytes(70000, 9)};
@@ -104,7 +105,6 @@ TEST(CompressionTest, InteroperatesWithAnotherRawDeflateCodec) {
     ASSERT_TRUE(unpacked.has_value()) << i;
     EXPECT_TRUE(*unpacked == inputs[i]) << i;
   }
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

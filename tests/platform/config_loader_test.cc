@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <tuple>
 
 #include "src/platform/fixed_location_source.h"
+#include "tests/common/temp_dir_testutil.h"
 
 namespace omra {
 namespace {
@@ -172,8 +172,8 @@ TEST(ConfigLoaderTest, BadValuesGiveAClearError) {
 }
 
 TEST(ConfigLoaderTest, FileThenEnvironment) {
-  const std::string file =
-      ::testing::TempDir() + "omra-config-" + std::to_string(::getpid()) + ".json";
+  const testing::ScopedTempDir dir("omra-config");
+  const std::string file = dir.file("config.json");
   std::ofstream(file) << R"({
     "mapsHost": "https://file.example.com",
     "metricsSink": "stdout",
@@ -206,7 +206,6 @@ TEST(ConfigLoaderTest, FileThenEnvironment) {
   EXPECT_EQ(c->metricsSink, "stdout");
   EXPECT_FALSE(loadConfig(envOf({{"OMRA_CONFIG", file + ".missing"}}), &error, "").has_value());
   EXPECT_NE(error.find("does not exist"), std::string::npos);
-  std::filesystem::remove(file);
 }
 
 TEST(ConfigLoaderTest, BadFiles) {

@@ -9,6 +9,7 @@
 
 #include "src/platform/linux_device_info.h"
 #include "src/platform/md5.h"
+#include "tests/common/temp_dir_testutil.h"
 
 namespace omra {
 namespace {
@@ -17,17 +18,6 @@ namespace fs = std::filesystem;
 
 class DeviceInfoTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           ("omra-device-" + std::to_string(::getpid()) + "-" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override {
-    fs::permissions(dir_, fs::perms::owner_all);
-    fs::remove_all(dir_);
-  }
   std::optional<std::string> vendorId(const std::string& bundle) {
     return LinuxDeviceInfo(withBundle(bundle), dir_.string()).identifierForVendor();
   }
@@ -36,7 +26,8 @@ class DeviceInfoTest : public ::testing::Test {
     c.bundleIdentifier = std::move(id);
     return c;
   }
-  fs::path dir_;
+  testing::ScopedTempDir tmp_{"omra-device"};
+  const fs::path& dir_ = tmp_.path();
 };
 
 TEST_F(DeviceInfoTest, VendorIdIsCreatedOnceAndKeptPerBundle) {

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
@@ -39,6 +40,33 @@ std::string LoopbackServer::start() {
   // stop() is a no-op until the server runs, so wait for that before anyone may call it.
   while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return "http://127.0.0.1:" + std::to_string(port_);
+}
+
+RecordingServer::RecordingServer() : RecordingServer(std::vector<Reply>(1)) {}
+
+RecordingServer::RecordingServer(std::vector<Reply> script) : script_(std::move(script)) {
+  auto handler = [this](const httplib::Request& req, httplib::Response& res) {
+    std::lock_guard lock(mutex_);
+    requests_.push_back(req);
+    const Reply& r = script_[std::min(requests_.size(), script_.size()) - 1];
+    res.status = r.status;
+    res.set_content(r.body, r.contentType);
+  };
+  // One request per connection, so that stopping never waits for an idle keep-alive.
+  loopback_.server().set_keep_alive_max_count(1);
+  loopback_.server().Post(".*", handler);
+  loopback_.server().Get(".*", handler);
+  origin_ = loopback_.start();
+}
+
+void RecordingServer::setReply(Reply reply) {
+  std::lock_guard lock(mutex_);
+  script_ = {std::move(reply)};
+}
+
+std::vector<httplib::Request> RecordingServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
 }
 
 }  // namespace omra::testing

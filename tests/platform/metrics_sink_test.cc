@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <future>
 #include <sstream>
@@ -13,6 +12,7 @@
 #include "src/platform/memory_logger.h"
 #include "src/platform/metric_format.h"
 #include "src/platform/metrics_sink_factory.h"
+#include "tests/common/temp_dir_testutil.h"
 #include "tests/platform/loopback_server_testutil.h"
 
 namespace omra {
@@ -156,13 +156,11 @@ TEST_P(CloudWatchSigningTest, MatchesTheAwsSdkSigner) {
     headers[name] = req.get_header_value(name);
   }
   input["headers"] = headers;
-  const auto file = std::filesystem::temp_directory_path() /
-                    ("omra-sigv4-" + std::to_string(::getpid()) + ".json");
-  std::ofstream(file) << input.dump();
+  const testing::ScopedTempDir dir("omra-sigv4");
+  std::ofstream(dir.file("input.json")) << input.dump();
   const std::string expected =
       runCommand("node " + std::string(OMRA_SOURCE_DIR) + "/tests/platform/sigv4_sign.js '" +
-                 peers.substr(0, peers.find('\n')) + "' < '" + file.string() + "'");
-  std::filesystem::remove(file);
+                 peers.substr(0, peers.find('\n')) + "' < '" + dir.file("input.json") + "'");
   ASSERT_FALSE(expected.empty());
   EXPECT_EQ(auth, expected);
 }
@@ -171,16 +169,11 @@ INSTANTIATE_TEST_SUITE_P(Credentials, CloudWatchSigningTest,
                          ::testing::Values("", "FQoGZXIvYXdzEXAMPLE//token+with/slashes="));
 
 TEST(CloudWatchSinkTest, FailuresAreLoggedNotReported) {
-  testing::LoopbackServer server;
-  server.server().Post("/", [](const httplib::Request&, httplib::Response& res) {
-    res.status = 403;
-    res.set_content("<Error>InvalidClientTokenId</Error>", "text/xml");
-  });
-  const std::string base = server.start();
+  testing::RecordingServer server({{403, "<Error>InvalidClientTokenId</Error>", "text/xml"}});
   AsioDispatcher dispatcher;
   auto logger = std::make_shared<MemoryLogger>();
   {
-    CloudWatchMetricsSink sink(dispatcher, logger, settingsFor(base));
+    CloudWatchMetricsSink sink(dispatcher, logger, settingsFor(server.origin()));
     sink.putMetricData("OmraKit", {datum("OmraKit.AssetSaved", 1, "Count")});
     for (int i = 0; i < 500 && !logger->contains("403"); ++i) std::this_thread::sleep_for(10ms);
   }
@@ -194,12 +187,11 @@ TEST(CloudWatchSinkTest, FailuresAreLoggedNotReported) {
 }
 
 TEST(JsonLinesMetricsSinkTest, OneObjectPerDatumFromManyThreads) {
-  const auto path = std::filesystem::temp_directory_path() /
-                    ("omra-metrics-" + std::to_string(::getpid()) + ".jsonl");
-  std::filesystem::remove(path);
+  const testing::ScopedTempDir dir("omra-metrics");
+  const std::string path = dir.file("metrics.jsonl");
   auto logger = std::make_shared<MemoryLogger>();
   {
-    JsonLinesMetricsSink sink(path.string(), logger);
+    JsonLinesMetricsSink sink(path, logger);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
       threads.emplace_back([&sink] {
@@ -225,7 +217,6 @@ TEST(JsonLinesMetricsSinkTest, OneObjectPerDatumFromManyThreads) {
   }
   EXPECT_EQ(lines, 400);
   EXPECT_EQ(withDim, 200);
-  std::filesystem::remove(path);
   EXPECT_TRUE(logger->lines().empty());
 
   EXPECT_EQ(JsonLinesMetricsSink::line("OmraKit", datum("m", std::nan(""), "Seconds")),

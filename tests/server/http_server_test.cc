@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <future>
 #include <thread>
 
@@ -378,11 +379,15 @@ TEST_F(ServerFrontTest, ASecondServerOnATakenPortFailsLoudly) {
 
 TEST_F(ServerFrontTest, SigtermStopsTheCommandWhileAClientTrickles) {
   std::promise<int> port;
+  std::atomic<bool> stopped{false};
   ServerOptions o = options(log_);
+  o.store = nullptr;
+  o.storeSpec = "memory";  // the command opens its own store
   o.log = [&](std::string_view line) {
     if (line.starts_with("listening on ")) {
       port.set_value(std::stoi(std::string(line.substr(line.rfind(':') + 1))));
     }
+    if (line.starts_with("stopped")) stopped = true;
   };
   std::promise<int> exitCode;
   std::thread command([&] { exitCode.set_value(runServerCommand(o)); });
@@ -403,7 +408,16 @@ TEST_F(ServerFrontTest, SigtermStopsTheCommandWhileAClientTrickles) {
   ASSERT_TRUE(finished);
   EXPECT_LT(Clock::now() - start, 5s);
   EXPECT_EQ(code.get(), 0);
+  EXPECT_TRUE(stopped);
   command.join();
+}
+
+TEST_F(ServerFrontTest, TheCommandRefusesAStoreItCannotOpen) {
+  ServerOptions o = options(log_);
+  o.store = nullptr;
+  o.storeSpec = "nonsense:store";
+  EXPECT_EQ(runServerCommand(o), 1);
+  EXPECT_EQ(createTablesCommand("nonsense:store"), 1);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <string>
 
+#include "tests/common/temp_dir_testutil.h"
 #include "tests/tools/report_testutil.h"
 #include "tools/runner/html_report.h"
 
@@ -54,14 +55,6 @@ class BrowserRender : public ::testing::Test {
       GTEST_SKIP() << "no chromium, chromium-browser or google-chrome on PATH; "
                       "OMRA_WITH_BROWSER=1 scripts/install-deps.sh installs chromium";
     }
-    dir_ = std::filesystem::temp_directory_path() /
-           ("omra-browser-" + std::to_string(::getpid()) + "-" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(dir_);
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
   }
 
   // The browser's command line for the page, with a profile of its own (runs may overlap).
@@ -74,7 +67,8 @@ class BrowserRender : public ::testing::Test {
   }
 
   std::optional<std::filesystem::path> browser_;
-  std::filesystem::path dir_;
+  const omra::testing::ScopedTempDir tmp_{"omra-browser"};
+  const std::filesystem::path& dir_ = tmp_.path();
 };
 
 TEST_F(BrowserRender, PageHoldsTheTablesAndThePictureAndNoScript) {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/common/temp_dir_testutil.h"
 #include "tests/tools/report_testutil.h"
 #include "tools/runner/demo_text.h"
 #include "tools/runner/html_report.h"
@@ -200,15 +201,13 @@ TEST(HtmlReport, EscapesEveryTextFromData) {
 }
 
 TEST(HtmlReport, WritesTheFileOrSaysWhyNot) {
-  const std::string path = ::testing::TempDir() + "/omra-report-" +
-                           std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
-                           ".html";
+  const omra::testing::ScopedTempDir dir("omra-report");
+  const std::string path = dir.file("report.html");
   const ScenarioReport report = handMadeReport(true, 40);
   ASSERT_EQ(writeHtmlReport(report, 10, 5, path), "");
   std::ifstream in(path, std::ios::binary);
   const std::string written((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   EXPECT_EQ(written, htmlReport(report, 10, 5));
-  std::remove(path.c_str());
   EXPECT_NE(writeHtmlReport(report, 10, 5, "/nonexistent-folder/report.html").find("cannot open"),
             std::string::npos);
 }

@@ -1,11 +1,8 @@
 #include "tests/platform/store/backend_testutil.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -113,29 +110,6 @@ std::vector<TableSchema> kitRecordTables() {
     if (s.name != TransformResultModel::kTableName) out.push_back(std::move(s));
   }
   return out;
-}
-
-BackendStoreHarness::BackendStoreHarness() {
-  static std::atomic<int> counter{0};
-  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string name = info != nullptr ? info->name() : "bench";
-  for (char& c : name) {
-    if (c == '/') c = '_';
-  }
-  dir = (std::filesystem::temp_directory_path() / ("omra-outbox-" + std::to_string(::getpid()) +
-                                                   "-" + std::to_string(counter++) + "-" + name))
-            .string();
-  std::filesystem::remove_all(dir);
-  std::filesystem::create_directories(dir);
-  outboxPath = dir + "/outbox.db";
-  dispatcher = std::make_shared<AsioDispatcher>();
-  backend = std::make_shared<FakeIngestBackend>(dispatcher->mainQueue());
-  logger = std::make_shared<MemoryLogger>();
-}
-
-BackendStoreHarness::~BackendStoreHarness() {
-  std::error_code ec;
-  std::filesystem::remove_all(dir, ec);
 }
 
 BackendRecordStore::Options BackendStoreHarness::options() const {

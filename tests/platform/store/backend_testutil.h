@@ -19,6 +19,7 @@
 #include "src/platform/asio_dispatcher.h"
 #include "src/platform/memory_logger.h"
 #include "src/platform/store/backend_record_store.h"
+#include "tests/common/temp_dir_testutil.h"
 
 namespace omra::testing {
 
@@ -78,9 +79,6 @@ std::vector<TableSchema> kitRecordTables();
 // One test's outbox folder, fake back end and stores. The test thread is not the main queue.
 class BackendStoreHarness {
  public:
-  BackendStoreHarness();
-  ~BackendStoreHarness();
-
   // Options for a fast test: short linger and backoff, fixed seed, no wait on close.
   BackendRecordStore::Options options() const;
   // Opens a store over the harness's outbox and fake back end (fails the test when it cannot).
@@ -95,11 +93,13 @@ class BackendStoreHarness {
   static bool waitUntil(const std::function<bool()>& pred,
                         std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-  std::string dir;
-  std::string outboxPath;
-  std::shared_ptr<AsioDispatcher> dispatcher;
-  std::shared_ptr<FakeIngestBackend> backend;
-  std::shared_ptr<MemoryLogger> logger;
+  ScopedTempDir tmp{"omra-outbox"};
+  std::string dir = tmp.path().string();
+  std::string outboxPath = tmp.file("outbox.db");
+  std::shared_ptr<AsioDispatcher> dispatcher = std::make_shared<AsioDispatcher>();
+  std::shared_ptr<FakeIngestBackend> backend =
+      std::make_shared<FakeIngestBackend>(dispatcher->mainQueue());
+  std::shared_ptr<MemoryLogger> logger = std::make_shared<MemoryLogger>();
 };
 
 // n camera records of one session in the table, RecordIds first, first + 1, ...

@@ -4,12 +4,10 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <atomic>
 #include <cstdio>
 #include <future>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "omrakit/platform/http_client.h"
 #include "src/cloud/camera_path_model.h"
@@ -21,49 +19,18 @@
 #include "src/cloud/scene_understanding_model.h"
 #include "src/cloud/transform_result_model.h"
 #include "src/platform/store/base64.h"
+#include "tests/platform/loopback_server_testutil.h"
 #include "tests/platform/store/dynalite_testutil.h"
 
 namespace omra {
 namespace {
 
-// A fake DynamoDB answering from a script of (status, body) pairs; the last one repeats.
-class ScriptedServer {
- public:
-  explicit ScriptedServer(std::vector<std::pair<int, std::string>> script)
-      : script_(std::move(script)) {
-    server_.Post("/", [this](const httplib::Request& req, httplib::Response& res) {
-      const size_t n = requests_++;
-      {
-        std::lock_guard lock(mu_);
-        last_ = req;
-      }
-      const auto& [status, body] = script_[std::min(n, script_.size() - 1)];
-      res.status = status;
-      res.set_content(body, "application/x-amz-json-1.0");
-    });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-  }
-  ~ScriptedServer() {
-    server_.stop();
-    thread_.join();
-  }
-  std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  size_t requests() const { return requests_; }
-  httplib::Request last() {
-    std::lock_guard lock(mu_);
-    return last_;
-  }
+using Script = std::vector<testing::RecordingServer::Reply>;
 
- private:
-  std::vector<std::pair<int, std::string>> script_;
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
-  std::atomic<size_t> requests_{0};
-  std::mutex mu_;
-  httplib::Request last_;
-};
+// A fake DynamoDB's answer.
+testing::RecordingServer::Reply dynamo(int status, std::string body) {
+  return {status, std::move(body), "application/x-amz-json-1.0"};
+}
 
 std::string awsError(const std::string& type, const std::string& message) {
   return Json{{"__type", "com.amazonaws.dynamodb.v20120810#" + type}, {"message", message}}.dump();
@@ -78,41 +45,42 @@ std::optional<StoreError> saveAndWait(RecordStore& store, const std::string& tab
 TEST(DynamoDbRecordStoreTest, RetriesOnlyThrottlingAndServerErrors) {
   struct Case {
     const char* name;
-    std::vector<std::pair<int, std::string>> script;
+    Script script;
     size_t requests;
     const char* errorStart;  // empty when the save succeeds
   };
-  using Answer = std::pair<int, std::string>;
-  const Answer throttled{400, awsError("ThrottlingException", "slow down")};
-  const Answer overProvisioned{400, awsError("ProvisionedThroughputExceededException", "slow")};
-  const Answer serverError{500, awsError("InternalServerError", "boom")};
-  const Answer invalid{400, awsError("ValidationException", "bad item")};
+  const auto throttled = dynamo(400, awsError("ThrottlingException", "slow down"));
+  const auto overProvisioned =
+      dynamo(400, awsError("ProvisionedThroughputExceededException", "slow"));
+  const auto serverError = dynamo(500, awsError("InternalServerError", "boom"));
+  const auto invalid = dynamo(400, awsError("ValidationException", "bad item"));
   const std::vector<Case> cases = {
-      {"throttled twice then stored", {throttled, overProvisioned, {200, "{}"}}, 3, ""},
+      {"throttled twice then stored", {throttled, overProvisioned, dynamo(200, "{}")}, 3, ""},
       {"server error every time", {serverError}, 3, "InternalServerError: boom"},
-      {"503 without a body", {{503, ""}}, 3, "Unreadable answer from DynamoDB (HTTP 503)"},
+      {"503 without a body", {dynamo(503, "")}, 3, "Unreadable answer from DynamoDB (HTTP 503)"},
       {"validation error at once", {invalid}, 1, "ValidationException: bad item"},
-      {"garbage answer at once", {{200, "<html>"}}, 1, "Unreadable answer"},
+      {"garbage answer at once", {dynamo(200, "<html>")}, 1, "Unreadable answer"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ScriptedServer server(c.script);
+    testing::RecordingServer server(c.script);
     DynamoDbRecordStore::Options o;
-    o.endpoint = server.endpoint();
+    o.endpoint = server.origin();
     o.backoffBase = std::chrono::milliseconds(2);
     DynamoDbRecordStore store(o, nullptr);
     const auto error = saveAndWait(store, "T", {{"SessionId", AttributeValue::string("S")}});
     EXPECT_EQ(error.has_value(), *c.errorStart != 0);
     const std::string message = error.value_or(StoreError{}).message;
     EXPECT_EQ(message.rfind(c.errorStart, 0), 0u) << message;
-    EXPECT_EQ(server.requests(), c.requests);
+    EXPECT_EQ(server.requests().size(), c.requests);
   }
 }
 
 TEST(DynamoDbRecordStoreTest, SignsWithSigV4AndNamesTheOperation) {
-  ScriptedServer server({{200, R"({"Item": {"SessionId": {"S": "S"}, "N": {"N": "2"}}})"}});
+  testing::RecordingServer server(
+      {dynamo(200, R"({"Item": {"SessionId": {"S": "S"}, "N": {"N": "2"}}})")});
   DynamoDbRecordStore::Options o;
-  o.endpoint = server.endpoint() + "/";
+  o.endpoint = server.origin() + "/";
   o.region = "eu-west-2";
   o.accessKeyId = "AKIDEXAMPLE";
   o.secretAccessKey = "secret";
@@ -122,7 +90,8 @@ TEST(DynamoDbRecordStoreTest, SignsWithSigV4AndNamesTheOperation) {
   const auto item = store.get("T", {{"SessionId", AttributeValue::string("S")}}, &error);
   ASSERT_TRUE(item.has_value()) << error->message;
   EXPECT_EQ(item->at("N"), AttributeValue::numberText("2"));
-  const httplib::Request req = server.last();
+  ASSERT_EQ(server.requests().size(), 1u);
+  const httplib::Request req = server.requests()[0];
   EXPECT_EQ(req.get_header_value("X-Amz-Target"), "DynamoDB_20120810.GetItem");
   EXPECT_EQ(req.get_header_value("Content-Type"), "application/x-amz-json-1.0");
   EXPECT_EQ(req.get_header_value("X-Amz-Security-Token"), "token-1");

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <functional>
 #include <future>
 
@@ -22,18 +21,11 @@
 #include "src/platform/store/memory_record_store.h"
 #include "src/platform/store/sqlite_record_store.h"
 #include "tests/common/locale_testutil.h"
+#include "tests/common/temp_dir_testutil.h"
 #include "tests/platform/store/dynalite_testutil.h"
 
 namespace omra {
 namespace {
-
-std::string tempPath(const std::string& name) {
-  const auto dir = std::filesystem::temp_directory_path() /
-                   ("omra-store-" + std::to_string(::getpid()) + "-" + name);
-  std::filesystem::remove_all(dir);
-  std::filesystem::create_directories(dir);
-  return (dir / "records.db").string();
-}
 
 struct MemoryKind {
   std::shared_ptr<RecordStore> store = std::make_shared<MemoryRecordStore>();
@@ -43,7 +35,8 @@ struct MemoryKind {
 };
 
 struct SqliteKind {
-  std::string path = tempPath(::testing::UnitTest::GetInstance()->current_test_info()->name());
+  testing::ScopedTempDir dir{"omra-store"};
+  std::string path = dir.file("records.db");
   std::shared_ptr<RecordStore> store;
   bool ready(std::string* why) {
     store = SqliteRecordStore::open(path, why);
