@@ -17,6 +17,22 @@ namespace omra::bench {
 using tools::AssetOutcome;
 using tools::ScenarioReport;
 
+namespace {
+
+// The worst error of a scene's final assets; false when one did not come back.
+bool worstOf(const ScenarioReport& r, double* cm, double* degrees) {
+  *cm = 0, *degrees = 0;
+  if (r.assets.empty()) return false;
+  for (const AssetOutcome& a : r.assets) {
+    if (!a.placed) return false;
+    *cm = std::max(*cm, a.errorCm);
+    *degrees = std::max(*degrees, a.errorDegrees);
+  }
+  return true;
+}
+
+}  // namespace
+
 double percentile(std::vector<double> v, double q) {
   if (v.empty()) return -1;
   std::sort(v.begin(), v.end());
@@ -139,10 +155,15 @@ std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int paralle
                       a.complete ? "" : " (incomplete)", r.arrivals.size());
         first = text;
       }
-      std::fprintf(stderr, "scene %llu (%s): %s%s (%.1f s)%s\n",
+      double worstCm = 0, worstDegrees = 0;
+      char worst[64] = "";
+      if (worstOf(r, &worstCm, &worstDegrees)) {
+        std::snprintf(worst, sizeof worst, "; worst %.1f cm, %.2f deg", worstCm, worstDegrees);
+      }
+      std::fprintf(stderr, "scene %llu (%s): %s%s (%.1f s)%s%s\n",
                    static_cast<unsigned long long>(scenes[i].options.scenario.seed),
                    scenes[i].group.c_str(), r.success ? "ok" : "FAILED: ", r.failure.c_str(),
-                   r.wallSeconds, first.c_str());
+                   r.wallSeconds, first.c_str(), worst);
     }
   };
   std::vector<std::thread> threads;
@@ -150,22 +171,6 @@ std::vector<SceneResult> runScenes(const std::vector<Scene>& scenes, int paralle
   for (std::thread& t : threads) t.join();
   return results;
 }
-
-namespace {
-
-// The worst error of a scene's final assets; false when one did not come back.
-bool worstOf(const ScenarioReport& r, double* cm, double* degrees) {
-  *cm = 0, *degrees = 0;
-  if (r.assets.empty()) return false;
-  for (const AssetOutcome& a : r.assets) {
-    if (!a.placed) return false;
-    *cm = std::max(*cm, a.errorCm);
-    *degrees = std::max(*degrees, a.errorDegrees);
-  }
-  return true;
-}
-
-}  // namespace
 
 double successPercent(const std::vector<const SceneResult*>& scenes, double cm, double degrees) {
   if (scenes.empty()) return 0;
