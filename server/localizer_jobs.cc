@@ -1,6 +1,7 @@
 #include "server/localizer_jobs.h"
 
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 
 #include "server/ids.h"
@@ -113,10 +114,18 @@ JobOutcome runLocalizer(MapStore& store, const std::string& localizer, const std
   out.summary += built ? " (map indexed now)" : " (map index reused)";
   out.summary += map->stats().text() + session.stats.text();
 
-  // Each proposal settled with all the evidence; the best verified one is the answer.
+  // Each proposal settled with all the evidence, its error judged where the map's assets stand;
+  // the best verified one is the answer.
+  std::vector<Vec3> assets;
+  if (!proposals.empty()) {
+    for (const PlacementRecord& p : store.placements(mapUuid, &out.error)) {
+      if (std::isfinite(p.x + p.y + p.z)) assets.push_back({p.x, p.y, p.z});
+    }
+    if (out.error) return out;
+  }
   const JointRefiner joint(options.joint);
   for (const Pose4& p : proposals) {
-    JointResult r = joint.refine(p, mapScene, map->points(), session.evidence);
+    JointResult r = joint.refine(p, mapScene, map->points(), session.evidence, assets);
     const bool better = !out.checked || (r.verified != out.checked->verified
                                              ? r.verified
                                              : r.predictedError < out.checked->predictedError);

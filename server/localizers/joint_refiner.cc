@@ -459,6 +459,22 @@ double varianceAt(const Mat4x4& cov, double theta, const Vec3& centre, double le
   return var;
 }
 
+// How far a pose of covariance cov may move what matters (the root of the larger variance): an
+// asset leverArm from the middle of the agreeing objects, and each known asset near them.
+double reach(const Mat4x4& cov, double theta, const SceneEvidence& map,
+             const std::vector<std::pair<int, int>>& objects, std::span<const Vec3> assets,
+             const JointRefinerOptions& o) {
+  double var = varianceAt(cov, theta, objectCentre(map, objects), o.leverArm);
+  for (const Vec3& a : assets) {
+    const bool near = std::any_of(objects.begin(), objects.end(), [&](std::pair<int, int> pair) {
+      const Vec3& m = map.landmarks[static_cast<size_t>(pair.first)].position;
+      return std::hypot(m[0] - a[0], m[2] - a[2]) <= o.assetNear;
+    });
+    if (near) var = std::max(var, varianceAt(cov, theta, a, 0));
+  }
+  return std::isfinite(var) && var >= 0 ? std::sqrt(var) : 1.0;
+}
+
 struct PredictedError {
   double metres = 1;
   double objectScale = 1;
@@ -466,7 +482,7 @@ struct PredictedError {
 
 PredictedError predictError(const Problem& problem, const Pose4& pose, const SceneEvidence& map,
                             const SceneEvidence& session, const Pairs& pairs,
-                            const JointRefinerOptions& o) {
+                            std::span<const Vec3> assets, const JointRefinerOptions& o) {
   const double floorSigma = std::sqrt(2.0) * o.planeOffsetSigma;
   const double wallTurnSigma = std::sqrt(2.0) * o.planeHeadingSigma;
   std::vector<Residual> objects, planes, points;
@@ -537,9 +553,8 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
   }
   // The weak pull towards the hypothesis, as in the steps: directions nothing fixes stay loose.
   for (int k = 0; k < 4; ++k) n.add(0, Vec4::Unit(k), 1.0);
-  const Mat4x4 cov = n.h.ldlt().solve(Mat4x4::Identity());
-  const double var = varianceAt(cov, pose.theta, objectCentre(map, pairs.objects), o.leverArm);
-  out.metres = std::isfinite(var) && var >= 0 ? std::sqrt(var) : 1.0;
+  out.metres =
+      reach(n.h.ldlt().solve(Mat4x4::Identity()), pose.theta, map, pairs.objects, assets, o);
   return out;
 }
 
@@ -555,7 +570,8 @@ bool hasTwoWallDirections(const std::vector<const PlaneObservation*>& walls) {
 }  // namespace
 
 JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
-                                 const PointGrid& mapPoints, const SceneEvidence& session) const {
+                                 const PointGrid& mapPoints, const SceneEvidence& session,
+                                 std::span<const Vec3> assets) const {
   const JointRefinerOptions& o = options_;
   Problem problem(map, mapPoints, session, rough, o);
   JointResult out;
@@ -630,19 +646,18 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
     count(u2, planeWeight(u2), 2);
   }
   const double spread = std::max(1.0, std::sqrt(weighted / std::max(1.0, freedom - 4)));
-  const Mat4x4 cov = info.ldlt().solve(Mat4x4::Identity());
-  // Read at the middle of the agreeing objects, as predictError does: in a long map the room sits
-  // far from the map's origin, where the turn's uncertainty alone would move a point by metres.
-  const Vec3 centre = objectCentre(map, pairs.objects);
-  const double var = varianceAt(cov, pose.theta, centre, o.leverArm);
-  const double consistency = std::isfinite(var) && var >= 0 ? spread * std::sqrt(var) : 1.0;
-  const PredictedError predicted = predictError(problem, pose, map, session, pairs, o);
+  // Read near the agreeing objects, as predictError does: in a long map the room sits far from
+  // the map's origin, where the turn's uncertainty alone would move a point by metres.
+  const double consistency = spread * reach(info.ldlt().solve(Mat4x4::Identity()), pose.theta, map,
+                                            pairs.objects, assets, o);
+  const PredictedError predicted = predictError(problem, pose, map, session, pairs, assets, o);
   out.spread = predicted.objectScale;
   out.predictedError = std::max(consistency, predicted.metres);
   out.matchValue = std::exp(-out.predictedError / o.matchScale);
 
   // Verification.
   // Also at the objects: far from the map's origin a turn alone moves the origin by metres.
+  const Vec3 centre = objectCentre(map, pairs.objects);
   const Vec3 settled = pose.apply(centre), proposed = rough.apply(centre);
   const double shift =
       std::hypot(settled[0] - proposed[0], settled[1] - proposed[1], settled[2] - proposed[2]);

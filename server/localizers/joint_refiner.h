@@ -5,6 +5,7 @@
 // apart from its options; refine() may run on any thread.
 #pragma once
 
+#include <span>
 #include <vector>
 
 #include "server/localizers/plane_refiner.h"
@@ -87,9 +88,12 @@ struct JointRefinerOptions {
   // With feature points on both sides: enough of them must agree, or they overrule the objects.
   int minPoints = 40;
   double minPointShare = 0.35;
-  // The typical distance of an asset from the session's origin, for the heading's share of the
-  // predicted error.
+  // The typical distance of an asset from the middle of the agreeing objects, for the heading's
+  // share of the predicted error. Where the map's assets are known, the error is also read at
+  // each asset within assetNear (horizontally) of an agreeing map object: the ones in the part
+  // of the map the session saw, which a turn moves by more the farther out they stand.
   double leverArm = 2.0;
+  double assetNear = 3.0;
   // How much wider than their sigmas residuals are believed to be before they show it (objects
   // seen from elsewhere are off by more than their jitter), and how many numbers' worth that
   // belief weighs: three objects barely move it, twenty settle it.
@@ -112,7 +116,7 @@ struct JointResult {
   int wallsDisagreeing = 0;
   int points = 0, pointsNear = 0;  // agreeing points, and points that land near the map's
   bool bothWays = false;           // walls of two directions take part
-  double predictedError = 1;       // metres, for an asset leverArm from the origin
+  double predictedError = 1;       // metres, at the assets (see leverArm)
   double spread = 1;               // how much wider the objects' residuals are than objectSigma
   double matchValue = 0;
   std::string why;  // when not verified
@@ -122,9 +126,10 @@ class JointRefiner {
  public:
   explicit JointRefiner(JointRefinerOptions options = {}) : options_(options) {}
 
-  // map points come as a grid (the map's index keeps one); session points as a list.
+  // map points come as a grid (the map's index keeps one); session points as a list. assets:
+  // where the map's assets stand (map frame), when known.
   JointResult refine(const Pose4& rough, const SceneEvidence& map, const PointGrid& mapPoints,
-                     const SceneEvidence& session) const;
+                     const SceneEvidence& session, std::span<const Vec3> assets = {}) const;
 
   const JointRefinerOptions& options() const { return options_; }
 

@@ -356,6 +356,40 @@ TEST(JointRefiner, WhereTheRoomLiesInTheMapChangesNothing) {
   }
 }
 
+// The error is judged where the map's assets stand: one in a far corner of the room moves most
+// with the heading's doubt and raises it; one amid the objects leaves the general reading, and
+// one in a part of the map the session never saw does not count. The answer itself stays.
+TEST(JointRefiner, TheErrorIsReadWhereTheAssetsStand) {
+  SyntheticRoom room = testing::makeSyntheticRoom(57, 8);
+  room.evidence.points.clear();
+  room.evidence.planes = withDefaultPlaneErrors(room.evidence.planes, 58);
+  const SceneEvidence session = testing::carried(room.evidence, kTruth, 0.02, 59);
+  const Pose4 rough{kTruth.tx + 0.1, kTruth.ty, kTruth.tz - 0.1, kTruth.theta + 2 * kDeg};
+  const JointResult general = JointRefiner().refine(rough, room.evidence, PointGrid(), session);
+  ASSERT_TRUE(general.verified) << general.why;
+  const Vec3 corner{room.width / 2 - 0.2, 1.0, room.depth / 2 - 0.2};
+  struct Case {
+    const char* name;
+    std::vector<Vec3> assets;
+    bool raises;
+  };
+  const Case cases[] = {{"amid the objects", {{0, 0.8, 0}}, false},
+                        {"in a far corner", {{0, 0.8, 0}, corner}, true},
+                        {"where the session never was", {{40, 0.8, -40}}, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const JointResult r =
+        JointRefiner().refine(rough, room.evidence, PointGrid(), session, c.assets);
+    EXPECT_EQ(r.transform.toText(), general.transform.toText());
+    if (c.raises) {
+      EXPECT_GT(r.predictedError, 1.2 * general.predictedError);
+      EXPECT_LT(r.matchValue, general.matchValue);
+    } else {
+      EXPECT_DOUBLE_EQ(r.predictedError, general.predictedError);
+    }
+  }
+}
+
 // A few objects that happen to fit each other well say little about how far off objects are.
 // At equal noise, three objects never predict a smaller error than two dozen; three that are off
 // together (seen from elsewhere) along the one wall, fitting each other exactly, still predict an
