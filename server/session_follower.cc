@@ -47,7 +47,9 @@ std::optional<SessionFollower::Rerun> SessionFollower::recordsArrived(const std:
     sessions_.erase(it);
     return std::nullopt;
   }
-  if (now - f.last < seconds(options_.intervalSeconds)) return std::nullopt;
+  const double followed = std::chrono::duration<double>(now - f.first).count();
+  const double interval = std::max(options_.intervalSeconds, options_.backoffShare * followed);
+  if (now - f.last < seconds(interval)) return std::nullopt;
   f.last = now;
   return Rerun{f.mapUuid, {f.localizers.begin(), f.localizers.end()}};
 }

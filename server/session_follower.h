@@ -17,9 +17,12 @@ namespace omra::server {
 
 struct SessionFollowerOptions {
   // How long after the kit's first request records still run the localizers again (seconds; 0
-  // turns following off), and at most how often they do so per session.
+  // turns following off), and at most how often they do so per session: every intervalSeconds
+  // at first, when a first answer is likeliest to be near, then backing off to backoffShare of
+  // the time followed, so that a session nothing answers (another room) costs little.
   double followSeconds = 60;
-  double intervalSeconds = 1.0;
+  double intervalSeconds = 0.25;
+  double backoffShare = 0.1;
   size_t maxSessions = 10000;  // beyond this the oldest are forgotten
 };
 

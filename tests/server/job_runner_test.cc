@@ -111,13 +111,14 @@ TEST(JobRunner, StopFinishesRunningJobsAndDropsQueuedOnes) {
 }
 
 // Records run the localizers the kit asked for again: not before the interval since the last
-// run, not after the window since the first request or a written result, never for a session
-// nobody asked about.
+// run (backing off as the session goes on unanswered), not after the window since the first
+// request or a written result, never for a session nobody asked about.
 TEST(SessionFollower, RerunsWhatWasAskedWithinItsWindow) {
   using namespace std::chrono_literals;
   using Clock = SessionFollower::Clock;
   const Clock::time_point t0{};
-  SessionFollower f({.followSeconds = 10, .intervalSeconds = 1, .maxSessions = 2});
+  SessionFollower f(
+      {.followSeconds = 10, .intervalSeconds = 1, .backoffShare = 0.25, .maxSessions = 2});
   f.asked("s", "m", "full_image_matcher", t0);
   f.asked("s", "m", "su_localizer", t0 + 200ms);
   f.asked("s", "other map", "su_localizer_seeded", t0 + 300ms);  // not this session's map
@@ -133,6 +134,9 @@ TEST(SessionFollower, RerunsWhatWasAskedWithinItsWindow) {
       {"after it", "s", 1300ms, 2},
       {"within the interval of that run", "s", 2s, -1},
       {"the next interval", "s", 2400ms, 2},
+      {"backed off to a quarter of the time followed", "s", 6s, 2},
+      {"within the backed-off interval", "s", 7800ms, -1},
+      {"after it", "s", 8100ms, 2},
       {"past the window", "s", 10100ms, -1},
       {"forgotten after the window", "s", 10500ms, -1},
   };
