@@ -16,6 +16,7 @@ void SessionFollower::asked(const std::string& session, const std::string& mapUu
                             const std::string& localizer, Clock::time_point now) {
   if (options_.followSeconds <= 0) return;
   std::lock_guard lock(mu_);
+  if (answered_.contains(session)) return;
   auto it = sessions_.find(session);
   if (it == sessions_.end()) {
     if (sessions_.size() >= options_.maxSessions) {
@@ -35,6 +36,8 @@ void SessionFollower::asked(const std::string& session, const std::string& mapUu
 void SessionFollower::answered(const std::string& session) {
   std::lock_guard lock(mu_);
   sessions_.erase(session);
+  if (answered_.size() >= options_.maxSessions) answered_.erase(answered_.begin());
+  answered_.insert(session);
 }
 
 std::optional<SessionFollower::Rerun> SessionFollower::recordsArrived(const std::string& session,

@@ -54,6 +54,9 @@ class SessionFollower {
   SessionFollowerOptions options_;
   std::mutex mu_;
   std::map<std::string, Followed> sessions_;
+  // Sessions already answered (bounded as sessions_ is): the kit's later requests do not make
+  // records run them again.
+  std::set<std::string> answered_;
 };
 
 }  // namespace omra::server

@@ -151,10 +151,12 @@ TEST(SessionFollower, RerunsWhatWasAskedWithinItsWindow) {
     EXPECT_EQ(rerun->mapUuid, "m");
     EXPECT_EQ(rerun->localizers, (std::vector<std::string>{"full_image_matcher", "su_localizer"}));
   }
-  // Once answered, records run nothing more.
+  // Once answered, records run nothing more, even after the kit asks again.
   f.asked("t", "m", "su_localizer", t0 + 11s);
   f.answered("t");
   EXPECT_FALSE(f.recordsArrived("t", t0 + 13s));
+  f.asked("t", "m", "su_localizer", t0 + 14s);
+  EXPECT_FALSE(f.recordsArrived("t", t0 + 16s));
   // Bounded: a third session pushes out the oldest.
   f.asked("a", "m", "su_localizer", t0 + 20s);
   f.asked("b", "m", "su_localizer", t0 + 21s);
