@@ -54,8 +54,8 @@ class SessionFollower {
   SessionFollowerOptions options_;
   std::mutex mu_;
   std::map<std::string, Followed> sessions_;
-  // Sessions already answered (bounded as sessions_ is): the kit's later requests do not make
-  // records run them again.
+  // Sessions already answered: the kit's later requests do not make records run them again.
+  // Bounded by maxSessions; one dropped from it is merely followed again.
   std::set<std::string> answered_;
 };
 
