@@ -4,8 +4,10 @@
 
 #include <vector>
 
+#include "omrakit/geometry.h"
 #include "omrakit/vector3.h"
 #include "src/scene/bounding_box_3d.h"
+#include "src/scene/rect.h"
 #include "src/scene/scene_graph.h"
 
 namespace omra {
@@ -13,6 +15,10 @@ namespace omra {
 class HitPoints {
  public:
   std::vector<Vector3> points;
+  // Where in the (normalised) captured image each of `points` was tested, in the same order, and
+  // the detection's rectangle there: together they give the ray through any point of the box.
+  std::vector<Float2> imagePoints;
+  Rect imageRect;
   std::vector<Vector3> filteredPoints;  // filled by getBoundingRectangle
   std::vector<SceneNodeId> visualizationNodes;
   bool USE_FILTERED_POINTS = true;

@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
+#include <utility>
 
 #include "src/foundation/math.h"
+#include "src/foundation/object_sizes.h"
 #include "src/foundation/orientation.h"
+#include "src/scene/detection_rays.h"
 #include "src/scene/motion_analyzer.h"
 
 namespace omra {
@@ -75,6 +79,7 @@ HitPoints Object3DTracker::getHitpointsForPrediction(const Prediction& predictio
   const Rect r =
       convertViewCoordToNormalizedImage(screen, effective, screenHeight, screenWidth,
                                         frame.capturedImage.width, frame.capturedImage.height);
+  hits.imageRect = r;
   if (!frame.hitTest) return hits;
   const double stepX = (r.maxX() - r.minX()) / kGridSteps,
                stepY = (r.maxY() - r.minY()) / kGridSteps;
@@ -92,6 +97,7 @@ HitPoints Object3DTracker::getHitpointsForPrediction(const Prediction& predictio
         continue;
       }
       hits.points.push_back(p);
+      hits.imagePoints.push_back(point);
     }
   }
   return hits;
@@ -99,23 +105,85 @@ HitPoints Object3DTracker::getHitpointsForPrediction(const Prediction& predictio
 
 BoundingBox3D Object3DTracker::centreBehindVisibleSurface(const BoundingBox3D& box,
                                                           const std::vector<Vector3>& points,
-                                                          const Vector3& camera) {
+                                                          const Vector3& camera,
+                                                          std::optional<Vector3> towards,
+                                                          float behind) {
   if (points.empty()) return box;
-  const Vector3 median = getMedian(points);
-  const float dx = median.x - camera.x, dz = median.z - camera.z;
-  const float horizontal = std::hypot(dx, dz);
-  if (!(horizontal >= kMinHorizontalView)) return box;  // also a camera that is not finite
-  const float ux = dx / horizontal, uz = dz / horizontal;
+  if (!towards) {
+    const Vector3 median = getMedian(points);
+    const float dx = median.x - camera.x, dz = median.z - camera.z;
+    const float horizontal = std::hypot(dx, dz);
+    if (!(horizontal >= kMinHorizontalView)) return box;  // also a camera that is not finite
+    towards = Vector3(dx / horizontal, 0, dz / horizontal);
+  }
+  const float ux = towards->x, uz = towards->z;
   std::vector<float> depths;
   depths.reserve(points.size());
   for (const Vector3& p : points) depths.push_back((p.x - camera.x) * ux + (p.z - camera.z) * uz);
-  const float depth = calculateMedian(depths) + kVisibleSurfaceDepth;
+  const float depth = calculateMedian(depths) + behind;
   const Vector3 centre = box.center();
   const float shiftX = camera.x + ux * depth - centre.x, shiftZ = camera.z + uz * depth - centre.z;
   BoundingBox3D moved = box;
   moved.minX += shiftX, moved.maxX += shiftX;
   moved.minZ += shiftZ, moved.maxZ += shiftZ;
   return moved;
+}
+
+float Object3DTracker::depthBehindVisibleSurface(std::string_view label, float visibleWidth,
+                                                 float elevation) {
+  const std::optional<ObjectSize> size = typicalObjectSize(label);
+  if (!size || !(visibleWidth > 0) || !std::isfinite(elevation)) return kVisibleSurfaceDepth;
+  // A box seen across w shows faces whose projected areas weight their depths: on average they
+  // lie area / (2 w) before its middle (a disc: a quarter of pi times its radius). A box shows
+  // between its short side and its diagonal.
+  const float area = size->footprintArea();
+  const float narrowest = size->round ? size->longSide : size->shortSide;
+  const float widest = size->round ? size->longSide : std::hypot(size->longSide, size->shortSide);
+  const float width = std::clamp(visibleWidth, narrowest, widest);
+  const float sides = area / (2 * width);
+  // Seen from above, the top takes a share t of the view, spread from the front to the back: the
+  // median falls into it once t passes a half.
+  const float e = std::clamp(elevation, 0.f, std::numbers::pi_v<float> / 2);
+  const float top = area * std::sin(e), side = width * size->height * std::cos(e);
+  const float t = top + side > 0 ? top / (top + side) : 0;
+  return t <= 0.5f ? sides : sides * (1 - t) / t;
+}
+
+BoundingBox3D Object3DTracker::placeCentre(const BoundingBox3D& box, const HitPoints& hits,
+                                           const Matrix4x4& worldFromCamera,
+                                           std::string_view label) {
+  const Vector3 camera(worldFromCamera.translation());
+  const std::vector<Vector3>& points = hits.usedPoints();
+  const std::optional<DetectionRays> rays =
+      DetectionRays::fit(hits.points, hits.imagePoints, worldFromCamera);
+  if (!rays || points.empty()) return centreBehindVisibleSurface(box, points, camera);
+  const Rect& r = hits.imageRect;
+  const double midX = (r.minX() + r.maxX()) / 2, midY = (r.minY() + r.maxY()) / 2;
+  const Vector3 middle = rays->direction({static_cast<float>(midX), static_cast<float>(midY)});
+  const float horizontal = std::hypot(middle.x, middle.z);
+  if (!(horizontal >= kMinHorizontalView)) return centreBehindVisibleSurface(box, points, camera);
+  const Vector3 towards(middle.x / horizontal, 0, middle.z / horizontal);
+  // How wide the detection is across the view, at the depth of what it hit: the bearings of the
+  // middles of its edges (its corners, on a tilted camera, reach wider than the object).
+  float lo = 0, hi = 0;
+  for (const auto& [x, y] : {std::pair{r.minX(), midY}, std::pair{r.maxX(), midY},
+                             std::pair{midX, r.minY()}, std::pair{midX, r.maxY()}}) {
+    const Vector3 d = rays->direction({static_cast<float>(x), static_cast<float>(y)});
+    const float bearing =
+        std::atan2(towards.z * d.x - towards.x * d.z, towards.x * d.x + towards.z * d.z);
+    lo = std::min(lo, bearing), hi = std::max(hi, bearing);
+  }
+  std::vector<float> depths;
+  depths.reserve(points.size());
+  for (const Vector3& p : points) {
+    depths.push_back((p.x - camera.x) * towards.x + (p.z - camera.z) * towards.z);
+  }
+  const float depth = calculateMedian(depths);
+  if (!(depth > 0)) return centreBehindVisibleSurface(box, points, camera);
+  const float width = 2 * depth * std::tan(std::min(hi - lo, 3.f) / 2);
+  const float elevation = std::atan2(camera.y - box.maxY, depth);
+  return centreBehindVisibleSurface(box, points, camera, towards,
+                                    depthBehindVisibleSurface(label, width, elevation));
 }
 
 TrackedObject* Object3DTracker::findClosestObject(
@@ -154,13 +222,12 @@ std::vector<DetectedObject> Object3DTracker::convert2DBBoxTo3D(
     if (p.detectedClass < 0 || static_cast<size_t>(p.detectedClass) >= classNames.size()) continue;
     HitPoints hits = getHitpointsForPrediction(p, frame);
     const BoundingBox3D rectangle = hits.getBoundingRectangle(p.score);
-    const BoundingBox3D box = centreBehindVisibleSurface(
-        rectangle, hits.usedPoints(), Vector3(frame.camera.transform.translation()));
+    const std::string& name = classNames[static_cast<size_t>(p.detectedClass)];
+    const BoundingBox3D box = placeCentre(rectangle, hits, frame.camera.transform, name);
     priorHittests_.push_back(std::move(hits));
     if (priorHittests_.size() > kHitTestHistoryLimit) priorHittests_.pop_front();
     // No usable hit: the box has no position to track.
     if (box.isEmpty()) continue;
-    const std::string& name = classNames[static_cast<size_t>(p.detectedClass)];
     TrackedObject* object = findStaticObjectCandidate(box, name);
     if (object) {
       object->push(box);

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "omrakit/ar_types.h"
@@ -32,8 +33,8 @@ class Object3DTracker {
   static constexpr float kMinHitDistance = 0.3f;  // metres from the camera
   static constexpr float kMaxMatchDistance = 0.4f;
   static constexpr int kGridSteps = 5;
-  // How far an object's centre lies behind the surfaces the camera sees of it: about half the
-  // depth of the things a phone's detector finds (a cup is 10 cm deep, a chair 50 cm).
+  // How far an object's centre lies behind the surfaces the camera sees of it, when its label has
+  // no typical size: about half the depth of the things a phone's detector finds.
   static constexpr float kVisibleSurfaceDepth = 0.10f;
   // Below this horizontal distance the view is from above: no direction to move the centre in.
   static constexpr float kMinHorizontalView = 0.05f;
@@ -64,14 +65,29 @@ class Object3DTracker {
 
   // The world points the hit tests inside one prediction's box found.
   HitPoints getHitpointsForPrediction(const Prediction& prediction, const ArFrame& frame);
-  // The box moved so that its horizontal centre sits kVisibleSurfaceDepth behind the median depth
-  // of the points, seen from camera, on the line through their median; height and extents stay.
-  // The hit tests behind a box's edges reach the floor, the table or the wall around the object,
-  // so the middle of the points' extents follows whatever surrounds it; the median stays on the
-  // object. The box unchanged when points is empty or the camera stands above the points.
+  // The box moved so that its horizontal centre sits `behind` the median depth of the points,
+  // seen from camera, on the horizontal line `towards` (unit; by default the line through the
+  // points' median); height and extents stay. The hit tests behind a box's edges reach the floor,
+  // the table or the wall around the object, so the middle of the points' extents follows
+  // whatever surrounds it; the median depth stays on the object. The box unchanged when points is
+  // empty or the camera stands above the points.
   static BoundingBox3D centreBehindVisibleSurface(const BoundingBox3D& box,
                                                   const std::vector<Vector3>& points,
-                                                  const Vector3& camera);
+                                                  const Vector3& camera,
+                                                  std::optional<Vector3> towards = std::nullopt,
+                                                  float behind = kVisibleSurfaceDepth);
+  // The box of one detection with its centre where the object's middle most likely is: on the ray
+  // through the middle of the detection (the hit grid leans to one corner of it), behind the
+  // visible surface by what a typical object of the label shows from there.
+  static BoundingBox3D placeCentre(const BoundingBox3D& box, const HitPoints& hits,
+                                   const Matrix4x4& worldFromCamera, std::string_view label);
+  // How far the middle of a typical object of this label lies behind the median depth of what a
+  // camera sees of it, seen visibleWidth across (metres) from elevation radians above its top:
+  // the faces turned to the camera lie nearer the larger the object's footprint is against the
+  // width it shows, and a top seen from above reaches back to the middle and beyond.
+  // kVisibleSurfaceDepth for a label of no known size.
+  static float depthBehindVisibleSurface(std::string_view label, float visibleWidth,
+                                         float elevation);
   // A screen rectangle (from OrientedBoundingBox's conversions) back in normalised captured-image
   // coordinates: undoes the screen offset and scale, then the detector's centre crop.
   static Rect convertViewCoordToNormalizedImage(const Rect& rect, phoneOrientation orientation,
