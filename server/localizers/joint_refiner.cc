@@ -686,6 +686,8 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   } else if (out.objects <
              (out.bothWays ? o.minObjectShare : o.minObjectShareWithoutWalls) * out.objectsNear) {
     out.why = "most objects disagree";
+  } else if (out.objects < o.looseShare * out.objectsNear && out.spread > o.maxLooseSpread) {
+    out.why = "the objects that agree agree loosely";
   } else if (pointsBothSides && out.pointsNear >= o.minPoints &&
              out.points < o.minPointShare * out.pointsNear) {
     out.why = "feature points disagree";

@@ -83,6 +83,12 @@ struct JointRefinerOptions {
   // Agreeing objects must be of this many labels (one fewer with such walls): a row of identical
   // chairs fits any room that has such a row, and slid along it by a chair, its own.
   int minLabels = 3;
+  // Where barely more than half the session's nearby objects agree (fewer than looseShare of
+  // them), those that do must agree within maxLooseSpread times their noise: in the right room the
+  // rest are objects split or moved, and the same objects agree closely; in a room of the same
+  // shape, half the objects lining up loosely is what chance gives.
+  double looseShare = 0.6;
+  double maxLooseSpread = 1.8;
   // A session wall facing the way a map wall faces, but this far from every such wall, disagrees.
   double wallConflict = 0.3;
   // With feature points on both sides: enough of them must agree, or they overrule the objects.

@@ -690,6 +690,7 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     int movedObjects = 0;     // that many of the session's objects 0.4 m from the map's
     bool keepPlanes = false;  // with keep: the planes stay
     int walls = -1;           // 0 or more: the session saw only that many of the walls
+    double objectJitter = 0;  // metres: the session's objects also off by this, each its own way
   };
   const Case cases[] = {
       {"the right room"},
@@ -717,6 +718,11 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
       // Half the objects in place: enough beside walls that agree, not before any wall pairs up.
       {"half the objects in place, walls agree", false, false, 0, 0, 0.004, 8, nullptr, false, 0, 0,
        0, false, 4, true},
+      // ... but not when the half that agrees agrees only loosely, as another room's can.
+      {"half the objects in place, loosely, walls agree", false, false, 0, 0, 0.004, 8,
+       "the objects that agree agree loosely", false, 0, 0, 0, false, 4, true, -1, 0.15},
+      {"the objects in place, loosely, walls agree", false, false, 0, 0, 0.004, 8, nullptr, false,
+       0, 0, 0, false, 0, true, -1, 0.15},
       {"half the objects in place, no walls yet", false, false, 0, 0, 0.004, 8,
        "most objects disagree", false, 0, 0, 0, false, 4},
       {"three objects and no walls yet", false, false, 0, 0, 0.004, 3, "too few objects agree"},
@@ -773,6 +779,9 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
       ASSERT_TRUE(dropped);
     }
     SceneEvidence session = testing::carried(seen, kTruth, c.noise, 83);
+    for (size_t k = 0; k < session.landmarks.size(); ++k) {
+      session.landmarks[k].position[k % 2 ? 0 : 2] += k % 4 < 2 ? c.objectJitter : -c.objectJitter;
+    }
     for (int k = 0; k < c.movedWalls; ++k) {
       PlaneObservation& wall = session.planes[static_cast<size_t>(k)];
       ASSERT_TRUE(wall.vertical);
