@@ -1,8 +1,8 @@
 // Small value types for positions and transforms shared by the public API and the platform types.
 //
 // Conventions, stated once for the whole kit: metres; y up; right-handed; a 4x4 transform is stored
-// column-major (columns[3] is the translation), as the AR platforms hand them out. A transform named
-// a_from_b carries coordinates of frame b into frame a.
+// column-major (columns[3] is the translation), as the AR platforms hand them out. A transform
+// named a_from_b carries coordinates of frame b into frame a.
 #pragma once
 
 #include <array>
