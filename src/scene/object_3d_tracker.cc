@@ -24,6 +24,29 @@ bool overlaps3D(const BoundingBox3D& a, const BoundingBox3D& b) {
          overlaps(a.minZ, a.maxZ, b.minZ, b.maxZ);
 }
 
+// The median depth of points seen from camera along the horizontal unit direction towards.
+float medianDepth(const std::vector<Vector3>& points, const Vector3& camera,
+                  const Vector3& towards) {
+  std::vector<float> depths;
+  depths.reserve(points.size());
+  for (const Vector3& p : points) {
+    depths.push_back((p.x - camera.x) * towards.x + (p.z - camera.z) * towards.z);
+  }
+  return calculateMedian(depths);
+}
+
+// The box moved horizontally so that its centre lies depth from camera along towards.
+BoundingBox3D centredAt(const BoundingBox3D& box, const Vector3& camera, const Vector3& towards,
+                        float depth) {
+  const Vector3 centre = box.center();
+  const float shiftX = camera.x + towards.x * depth - centre.x;
+  const float shiftZ = camera.z + towards.z * depth - centre.z;
+  BoundingBox3D moved = box;
+  moved.minX += shiftX, moved.maxX += shiftX;
+  moved.minZ += shiftZ, moved.maxZ += shiftZ;
+  return moved;
+}
+
 }  // namespace
 
 Object3DTracker::Object3DTracker(double screenHeight_, double screenWidth_,
@@ -116,17 +139,7 @@ BoundingBox3D Object3DTracker::centreBehindVisibleSurface(const BoundingBox3D& b
     if (!(horizontal >= kMinHorizontalView)) return box;  // also a camera that is not finite
     towards = Vector3(dx / horizontal, 0, dz / horizontal);
   }
-  const float ux = towards->x, uz = towards->z;
-  std::vector<float> depths;
-  depths.reserve(points.size());
-  for (const Vector3& p : points) depths.push_back((p.x - camera.x) * ux + (p.z - camera.z) * uz);
-  const float depth = calculateMedian(depths) + behind;
-  const Vector3 centre = box.center();
-  const float shiftX = camera.x + ux * depth - centre.x, shiftZ = camera.z + uz * depth - centre.z;
-  BoundingBox3D moved = box;
-  moved.minX += shiftX, moved.maxX += shiftX;
-  moved.minZ += shiftZ, moved.maxZ += shiftZ;
-  return moved;
+  return centredAt(box, camera, *towards, medianDepth(points, camera, *towards) + behind);
 }
 
 float Object3DTracker::depthBehindVisibleSurface(std::string_view label, float visibleWidth,
@@ -173,17 +186,12 @@ BoundingBox3D Object3DTracker::placeCentre(const BoundingBox3D& box, const HitPo
         std::atan2(towards.z * d.x - towards.x * d.z, towards.x * d.x + towards.z * d.z);
     lo = std::min(lo, bearing), hi = std::max(hi, bearing);
   }
-  std::vector<float> depths;
-  depths.reserve(points.size());
-  for (const Vector3& p : points) {
-    depths.push_back((p.x - camera.x) * towards.x + (p.z - camera.z) * towards.z);
-  }
-  const float depth = calculateMedian(depths);
+  const float depth = medianDepth(points, camera, towards);
   if (!(depth > 0)) return centreBehindVisibleSurface(box, points, camera);
   const float width = 2 * depth * std::tan(std::min(hi - lo, 3.f) / 2);
   const float elevation = std::atan2(camera.y - box.maxY, depth);
-  return centreBehindVisibleSurface(box, points, camera, towards,
-                                    depthBehindVisibleSurface(label, width, elevation));
+  return centredAt(box, camera, towards,
+                   depth + depthBehindVisibleSurface(label, width, elevation));
 }
 
 TrackedObject* Object3DTracker::findClosestObject(
