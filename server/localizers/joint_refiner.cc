@@ -50,6 +50,10 @@ double planeWeight(double u2) { return 1.0 / (1.0 + u2 / 4.0); }
 struct Normal {
   Mat4x4 h = Mat4x4::Zero();
   Vec4 g = Vec4::Zero();
+  // The objects' horizontal rows again, against an offset shared by all of them (see
+  // covariance).
+  Eigen::Matrix<double, 4, 2> sharedH = Eigen::Matrix<double, 4, 2>::Zero();
+  Eigen::Matrix2d shared = Eigen::Matrix2d::Zero();
   // One residual r with Jacobian j, noise sigma.
   void add(double r, const Vec4& j, double sigma) {
     const double w = planeWeight(r * r / (sigma * sigma));
@@ -58,7 +62,8 @@ struct Normal {
   }
   // A 3-vector residual t + R m - s: the horizontal part with one robust weight and noise
   // sigma, the height with its own.
-  void addPoint(const Pose4& pose, const Vec3& m, const Vec3& s, double sigma, double heightSigma) {
+  void addPoint(const Pose4& pose, const Vec3& m, const Vec3& s, double sigma, double heightSigma,
+                bool object = false) {
     const Vec3 p = pose.apply(m);
     const Vec3 r{p[0] - s[0], p[1] - s[1], p[2] - s[2]};
     const double w = objectWeight((r[0] * r[0] + r[2] * r[2]) / (sigma * sigma));
@@ -69,11 +74,28 @@ struct Normal {
       j[3] = dt[static_cast<size_t>(k)];
       h += w * j * j.transpose() / (sigma * sigma);
       g += w * j * r[static_cast<size_t>(k)] / (sigma * sigma);
+      if (object) {
+        const int b = k / 2;
+        sharedH.col(b) += w * j / (sigma * sigma);
+        shared(b, b) += w / (sigma * sigma);
+      }
     }
     const double wy = objectWeight(r[1] * r[1] / (heightSigma * heightSigma));
     const Vec4 jy(0, 1, 0, 0);
     h += wy * jy * jy.transpose() / (heightSigma * heightSigma);
     g += wy * jy * r[1] / (heightSigma * heightSigma);
+  }
+  // The pose's covariance when the objects' horizontal positions may also share one offset of
+  // sharedSigma per axis: the objects a session has seen from one side all sit off along its
+  // view by much the same, which no number of them averages away; walls and points fix what
+  // they fix regardless.
+  Mat4x4 covariance(double sharedSigma) const {
+    Mat4x4 info = h;
+    if (sharedSigma > 0) {
+      const Eigen::Matrix2d d = shared + Eigen::Matrix2d::Identity() / (sharedSigma * sharedSigma);
+      info -= sharedH * d.inverse() * sharedH.transpose();
+    }
+    return info.ldlt().solve(Mat4x4::Identity());
   }
 };
 
@@ -529,7 +551,7 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
   for (auto [i, j] : pairs.objects) {
     n.addPoint(pose, map.landmarks[static_cast<size_t>(i)].position,
                session.landmarks[static_cast<size_t>(j)].position,
-               problem.pairSigma(i) * out.objectScale, o.objectHeightSigma * out.objectScale);
+               problem.pairSigma(i) * out.objectScale, o.objectHeightSigma * out.objectScale, true);
   }
   for (auto [m, s] : pairs.walls) {
     Vec4 j;
@@ -553,8 +575,7 @@ PredictedError predictError(const Problem& problem, const Pose4& pose, const Sce
   }
   // The weak pull towards the hypothesis, as in the steps: directions nothing fixes stay loose.
   for (int k = 0; k < 4; ++k) n.add(0, Vec4::Unit(k), 1.0);
-  out.metres =
-      reach(n.h.ldlt().solve(Mat4x4::Identity()), pose.theta, map, pairs.objects, assets, o);
+  out.metres = reach(n.covariance(o.sharedObjectSigma), pose.theta, map, pairs.objects, assets, o);
   return out;
 }
 

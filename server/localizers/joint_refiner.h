@@ -32,6 +32,9 @@ struct JointRefinerOptions {
   double objectSigma = 0.02;
   double objectSizeShare = 0.07;
   double objectHeightSigma = 0.01;
+  // What the objects seen from one side share: each sits off along the view by much the same.
+  // Walls fix it where they pair up; elsewhere it stays in the predicted error.
+  double sharedObjectSigma = 0.02;
   // A detected plane keeps one error for its lifetime, per session: an offset along its normal
   // and, for a wall, a turn about the point it is anchored at (where it was first seen). Far from
   // that point the turn dominates, so a pair of walls is compared halfway between its anchors.
