@@ -10,6 +10,7 @@
 // back right when it lands where the localization session's tracking had the spot on arrival.
 //
 // bench_e2e_hard [scenes per condition (5)] [wrong-room scenes (50)] [parallel (6)]
+//                [first seed (50000); the wrong-room scenes' seeds start 20000 above it]
 // OMRA_E2E_ONLY="50040,70017" runs only the scenes of those seeds (the figures then cover them).
 #include <cstdio>
 #include <cstdlib>
@@ -25,8 +26,9 @@ int main(int argc, char** argv) {
   const int perCondition = argc > 1 ? std::atoi(argv[1]) : 5;
   const int wrongRooms = argc > 2 ? std::atoi(argv[2]) : 50;
   const int parallel = argc > 3 ? std::atoi(argv[3]) : 6;
-  // Seeds of their own, apart from the plain suite's.
-  uint64_t seed = 50'000;
+  // Seeds of their own, apart from the plain suite's; another first seed gives unseen scenes.
+  const uint64_t firstSeed = argc > 4 ? std::strtoull(argv[4], nullptr, 10) : 50'000;
+  uint64_t seed = firstSeed;
   std::vector<Scene> scenes;
   for (std::string_view condition : omra::sim::conditionNames()) {
     for (int i = 0; i < perCondition; ++i) {
@@ -38,7 +40,7 @@ int main(int argc, char** argv) {
       scenes.push_back({std::string(condition), o});
     }
   }
-  seed = 70'000;
+  seed = firstSeed + 20'000;
   for (int i = 0; i < wrongRooms; ++i) {
     omra::tools::ScenarioRunOptions o = omra::bench::baseSceneOptions(seed++);
     o.scenario.localizationSeconds = 15;
