@@ -5,7 +5,7 @@
 #include <cmath>
 #include <numbers>
 #include <optional>
-#include <set>
+#include <map>
 
 #include "server/localizers/object_footprint.h"
 
@@ -615,9 +615,11 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   out.transform = pose;
   out.objects = static_cast<int>(pairs.objects.size());
   out.objectsNear = pairs.objectsNear;
-  std::set<std::string> labels;
-  for (auto [i, j] : pairs.objects) labels.insert(map.landmarks[static_cast<size_t>(i)].label);
-  out.labels = static_cast<int>(labels.size());
+  std::map<std::string, int> perLabel;
+  for (auto [i, j] : pairs.objects) ++perLabel[map.landmarks[static_cast<size_t>(i)].label];
+  out.labels = static_cast<int>(perLabel.size());
+  int mostOfOneLabel = 0;
+  for (const auto& [label, n] : perLabel) mostOfOneLabel = std::max(mostOfOneLabel, n);
   out.walls = static_cast<int>(pairs.walls.size());
   out.wallsDisagreeing = pairs.wallsDisagreeing;
   out.horizontal = static_cast<int>(pairs.floors.size());
@@ -686,8 +688,12 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
   // Walls of two directions and a floor, none disagreeing: the room's shape agrees.
   int mapWalls = 0;
   for (const PlaneObservation& p : map.planes) mapWalls += p.vertical;
-  const bool wallsAgree = out.bothWays && out.horizontal > 0 && out.wallsDisagreeing == 0 &&
-                          mapWalls <= o.wallsOfOneRoom;
+  const bool shapeAgrees = out.bothWays && out.horizontal > 0 && out.wallsDisagreeing == 0;
+  const bool wallsAgree = shapeAgrees && mapWalls <= o.wallsOfOneRoom;
+  // In a map of several rooms, another room of that size may hold the same row of chairs and
+  // one object that happens to line up; two beside the row are not chance.
+  const bool fewerLabels =
+      wallsAgree || (shapeAgrees && out.objects - mostOfOneLabel >= o.minObjectsBesideRow);
   if (shift > o.maxShift || std::fabs(wrapAngle(pose.theta - rough.theta)) > o.maxTurn) {
     out.why = "refinement left the hypothesis";
   } else if (out.predictedError >
@@ -702,7 +708,7 @@ JointResult JointRefiner::refine(const Pose4& rough, const SceneEvidence& map,
                             : out.walls == 0 ? o.minObjectsWithoutWalls
                                              : o.minObjects)) {
     out.why = "too few objects agree";
-  } else if (out.labels < (wallsAgree ? o.minLabels - 1 : o.minLabels)) {
+  } else if (out.labels < (fewerLabels ? o.minLabels - 1 : o.minLabels)) {
     out.why = "too few kinds of object agree";
   } else if (out.objects <
              (out.bothWays ? o.minObjectShare : o.minObjectShareWithoutWalls) * out.objectsNear) {

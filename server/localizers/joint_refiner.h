@@ -84,8 +84,11 @@ struct JointRefinerOptions {
   int minObjectsWithWalls = 2;
   int wallsOfOneRoom = 8;
   // Agreeing objects must be of this many labels (one fewer with such walls): a row of identical
-  // chairs fits any room that has such a row, and slid along it by a chair, its own.
+  // chairs fits any room that has such a row, and slid along it by a chair, its own. In a map of
+  // several rooms the walls earn that relief only with minObjectsBesideRow agreeing objects
+  // beyond those of the most common label.
   int minLabels = 3;
+  int minObjectsBesideRow = 2;
   // Where barely more than half the session's nearby objects agree (fewer than looseShare of
   // them), those that do must agree within maxLooseSpread times their noise: in the right room the
   // rest are objects split or moved, and the same objects agree closely; in a room of the same

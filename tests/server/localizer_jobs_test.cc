@@ -682,7 +682,7 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
     double noise = 0.004;
     int keep = 0;               // above 0: the session saw only that many objects and no planes
     const char* why = nullptr;  // none: verified
-    bool rowAndOne = false;     // the session saw the row and one other object, and the walls
+    int besideRow = 0;          // the session saw the row, that many other objects and the walls
     int otherRooms = 0;         // the map also holds that many rooms of the same size
     double turnedWalls = 0;     // radians every session wall is turned by
     // Radians each further room's walls are turned by against the one before (tracking that
@@ -706,9 +706,11 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
       // No wall pairs up, so none contradicts one: the rooms' walls must still face the same ways.
       {"walls facing other ways", false, false, 0, 0, 0.004, 0, "walls disagree", false, 0,
        15 * kDeg},
-      {"the row and one more, walls agree", false, false, 0, 0, 0.004, 0, nullptr, true},
+      {"the row and one more, walls agree", false, false, 0, 0, 0.004, 0, nullptr, 1},
       {"the row and one more in a map of three rooms", false, false, 0, 0, 0.004, 0,
-       "too few kinds of object agree", true, 2},
+       "too few kinds of object agree", 1, 2},
+      // Two of one other label beside the row: still two labels, but more than chance lines up.
+      {"the row and two more in a map of three rooms", false, false, 0, 0, 0.004, 0, nullptr, 2, 2},
       {"three walls, one elsewhere", false, false, 0, 1, 0.004, 0, "walls disagree", false, 0, 0, 0,
        true},
       {"three walls, none elsewhere", false, false, 0, 0, 0.004, 0, nullptr, false, 0, 0, 0, true},
@@ -747,11 +749,19 @@ TEST(JointRefiner, RejectsWhatAWrongPlaceCanGive) {
       }
     }
     SceneEvidence seen = map;
-    if (c.rowAndOne) {
-      seen.landmarks =
-          withRow({*std::find_if(map.landmarks.begin(), map.landmarks.end(),
-                                 [](const Landmark& l) { return l.label != "chair"; })},
-                  5);
+    if (c.besideRow > 0) {
+      // Others of one label, so that the labels stay two.
+      std::vector<Landmark> others;
+      for (const Landmark& l : map.landmarks) {
+        if (l.label == "chair") continue;
+        others.clear();
+        std::copy_if(map.landmarks.begin(), map.landmarks.end(), std::back_inserter(others),
+                     [&](const Landmark& k) { return k.label == l.label; });
+        if (others.size() >= static_cast<size_t>(c.besideRow)) break;
+      }
+      ASSERT_GE(others.size(), static_cast<size_t>(c.besideRow));
+      others.resize(static_cast<size_t>(c.besideRow));
+      seen.landmarks = withRow(others, 5);
     }
     if (c.otherObjects) {
       seen.landmarks = withRow(testing::makeSyntheticRoom(82, 12).evidence.landmarks, 5);
