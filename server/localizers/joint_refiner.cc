@@ -3,9 +3,9 @@
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <numbers>
 #include <optional>
-#include <map>
 
 #include "server/localizers/object_footprint.h"
 
